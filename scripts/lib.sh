@@ -1,0 +1,40 @@
+# Shared by the scripts of this folder: `. scripts/lib.sh` from any of them.
+# shellcheck shell=bash
+
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# Everything that is built or downloaded goes here, outside the sources' folders.
+BUILD=${TARNBOOSTER_BUILD:-$ROOT/build}
+
+say() { printf '\n== %s\n' "$*"; }
+die() {
+  printf 'error: %s\n' "$*" >&2
+  exit 1
+}
+
+# installPackages PACKAGE...: installs what is missing of Debian's packages, and says so.
+installPackages() {
+  local missing=() package
+  for package in "$@"; do
+    dpkg-query -W -f='${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  command -v apt-get >/dev/null || die "these packages are needed and there is no apt-get to install them: ${missing[*]}"
+  local sudo=()
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || die "run this once as root, or install by hand: ${missing[*]}"
+    sudo=(sudo)
+  fi
+  say "installing ${#missing[@]} packages: ${missing[*]}"
+  "${sudo[@]}" apt-get -qq update || die "apt-get update failed: check the machine's package sources"
+  "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y --no-install-recommends "${missing[@]}" >/dev/null ||
+    die "apt-get could not install: ${missing[*]}"
+}
+
+# What every build of the project needs.
+buildPackages=(g++ cmake ninja-build protobuf-compiler libprotobuf-dev android-liblog-dev
+  openjdk-17-jdk-headless libcli11-dev)
+# What the tests need beside that.
+testPackages=(clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
+  junit4 android-libnativehelper-dev)
