@@ -61,7 +61,7 @@
 // message of 0 bytes sends nothing; a sender lives as long as its transport and never sends a FIN; the first
 // message in the queue whose sender is still busy holds up all behind it, whoever they are for.
 //
-// What a peer can make us hold: a receiver of about 200 bytes per address it speaks from, 65,536 at most
+// What a peer can make us hold: a receiver of about 250 bytes per address it speaks from, 65,536 at most
 // (then the one that was silent for longest is forgotten, "R_FORGET RECEIVER:%s"), 16 messages in the making
 // per receiver, and of these no more than twice the bytes that it has sent.
 //
@@ -153,6 +153,7 @@ class UDP {
   virtual int recvEvent(int event, const sockaddr_in& peer, int64_t sessionId, const uint8_t* data,
                         uint32_t len) = 0;
 
+  /// Inline: code built with RTTI can derive from a class only when no other place holds its table.
   virtual ~UDP() { stop(); }
   UDP(const UDP&) = delete;
   UDP& operator=(const UDP&) = delete;

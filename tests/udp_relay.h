@@ -1,5 +1,5 @@
-// A relay between two transports that loses, doubles, delays and reorders datagrams, always the same ones:
-// what happens to a datagram depends on a seed, its direction, its sequence number and how often it was seen.
+// A relay between two transports that loses, doubles, delays and so reorders datagrams. What happens to one
+// depends on a seed, its direction, its sequence number and how often it was seen: always the same.
 #pragma once
 
 #include <atomic>
@@ -11,17 +11,17 @@
 
 struct Weather {
   unsigned seed;
-  unsigned
-      losePercent;  // of the first two sends of a datagram; later ones pass, so that the message survives
+  unsigned losePercent;  // of the first two sends of a datagram; the later ones pass: the message survives
   unsigned doublePercent;
-  unsigned maxDelayMs;  // delays differ, so that datagrams overtake each other
-  int loseSynAcks;      // so many acknowledgements of a SYN are lost; all other SYNs and their ACKs pass
+  unsigned maxDelayMs;
+  int loseSynAcks;  // so many acknowledgements of a SYN are lost; other SYNs and their ACKs pass unharmed
 };
 
 class Relay {
  public:
-  Relay(const sockaddr_in& right, const Weather& weather)
-      : m_weather(weather), m_rightAddress(right), m_thread([this] { run(); }) {}
+  Relay(const sockaddr_in& right, const Weather& weather) : m_weather(weather), m_rightAddress(right) {
+    m_thread = std::thread([this] { run(); });
+  }
   ~Relay() {
     m_stop = true;
     m_thread.join();
@@ -32,37 +32,26 @@ class Relay {
  private:
   void run() {
     while (!m_stop) {
-      const Bytes fromLeft = m_left.receive(1);
-      if (!fromLeft.empty()) {
-        m_leftAddress = m_left.from;
-        pass(fromLeft, true);
-      }
+      for (Bytes bytes; !(bytes = m_left.receive(1)).empty(); m_leftAddress = m_left.from) pass(bytes, true);
       for (Bytes bytes; !(bytes = m_right.receive(0)).empty();) pass(bytes, false);
-      const auto now = nowMs();
-      while (!m_pending.empty() && m_pending.begin()->first <= now) {
-        const auto [toRight, bytes] = m_pending.begin()->second;
-        m_pending.erase(m_pending.begin());
+      for (; !m_pending.empty() && m_pending.begin()->first <= nowMs(); m_pending.erase(m_pending.begin())) {
+        const auto& [toRight, bytes] = m_pending.begin()->second;
         toRight ? m_right.send(m_rightAddress, bytes) : m_left.send(m_leftAddress, bytes);
       }
     }
   }
 
   void pass(const Bytes& bytes, bool toRight) {
-    const uint32_t sequence = read32le(&bytes[16]);
-    const auto now = nowMs();
-    if (sequence == 100000) {
-      if (bytes[1] == 2 && m_weather.loseSynAcks-- > 0) return;
-      m_pending.emplace(now, std::make_pair(toRight, bytes));
-      return;
-    }
-    const unsigned seen = m_seen[std::make_tuple(toRight, bytes[1], sequence)]++;
-    uint32_t dice = (m_weather.seed + sequence * 8 + seen * 2 + toRight) * 2654435761U;
+    const bool opening = sequenceOf(bytes) == udp::kFirstSequence;
+    if (opening && bytes[1] == PACKET_ACK && m_weather.loseSynAcks-- > 0) return;
+    const unsigned seen = m_seen[{toRight, bytes[1], sequenceOf(bytes)}]++;
+    uint32_t dice = (m_weather.seed + sequenceOf(bytes) * 8 + seen * 2 + toRight) * 2654435761U;
     dice = (dice ^ dice >> 15) * 2246822519U;
-    if (seen < 2 && dice % 100 < m_weather.losePercent) return;
-    const int copies = dice / 100 % 100 < m_weather.doublePercent ? 2 : 1;
+    if (!opening && seen < 2 && dice % 100 < m_weather.losePercent) return;
+    const int copies = !opening && dice / 100 % 100 < m_weather.doublePercent ? 2 : 1;
     for (int copy = 0; copy < copies; ++copy) {
-      m_pending.emplace(now + (dice >> (8 * copy)) % (m_weather.maxDelayMs + 1),
-                        std::make_pair(toRight, bytes));
+      const unsigned delay = opening ? 0 : (dice >> 8 * copy) % (m_weather.maxDelayMs + 1);
+      m_pending.emplace(nowMs() + delay, std::make_pair(toRight, bytes));
     }
   }
 

@@ -1,5 +1,5 @@
 // What the tests of the UDP transport share: a log that can be waited for, an endpoint that records its
-// events, and a peer on a plain socket that speaks the bytes itself.
+// events, and a peer on a plain socket that answers what it likes.
 #pragma once
 
 #include <arpa/inet.h>
@@ -10,11 +10,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdarg>
-#include <cstring>
-#include <mutex>
-#include <string>
 #include <vector>
 
 #include "bytes.h"
@@ -40,13 +36,10 @@ class Record {
     return m_added.wait_for(
         lock, kDeadline, [&] { return std::count_if(m_values.begin(), m_values.end(), condition) >= count; });
   }
-  std::vector<Value> all() {
+  /// What has been added, which is forgotten when `take` is set.
+  std::vector<Value> all(bool take = false) {
     std::lock_guard<std::mutex> lock(m_lock);
-    return m_values;
-  }
-  void clear() {
-    std::lock_guard<std::mutex> lock(m_lock);
-    m_values.clear();
+    return take ? std::exchange(m_values, {}) : m_values;
   }
 
  private:
@@ -65,9 +58,15 @@ inline int recordLog(int, const char*, const char* format, ...) {
   g_log.add(line);
   return 0;
 }
-inline bool logged(const std::string& text, int count = 1) {
-  return g_log.waitFor([&](const std::string& line) { return line.find(text) != std::string::npos; }, count);
+inline bool logged(const std::string& part, int count = 1) {
+  return g_log.waitFor([&](const std::string& line) { return line.find(part) != std::string::npos; }, count);
 }
+
+/// A test during which the log is recorded, from empty.
+struct UdpTest : testing::Test {
+  static void SetUpTestSuite() { logFunc = recordLog; }
+  void SetUp() override { g_log.all(true); }
+};
 
 inline sockaddr_in loopback(uint16_t port = 0) {
   sockaddr_in address{};
@@ -78,8 +77,7 @@ inline sockaddr_in loopback(uint16_t port = 0) {
 }
 
 /// A running transport that records what it is told.
-class Endpoint : public UDP {
- public:
+struct Endpoint : UDP {
   struct Event {
     int event;
     int64_t sessionId;
@@ -87,10 +85,8 @@ class Endpoint : public UDP {
   };
   explicit Endpoint(int intervalMs = 25) : Endpoint(UdpTiming{nowMs, intervalMs}) {}
   explicit Endpoint(const UdpTiming& timing) : UDP(timing) {
-    EXPECT_EQ(createSocket(loopback(), "127.0.0.1", 0), 0);
-    EXPECT_EQ(
-        startThread([](void* self) -> void* { return static_cast<Endpoint*>(self)->loop(), nullptr; }, this),
-        0);
+    const auto entry = [](void* self) -> void* { return static_cast<Endpoint*>(self)->loop(), nullptr; };
+    EXPECT_TRUE(createSocket(loopback(), "127.0.0.1", 0) == 0 && startThread(entry, this) == 0);
   }
   ~Endpoint() override { stop(); }
   int recvEvent(int event, const sockaddr_in&, int64_t id, const uint8_t* data, uint32_t len) override {
@@ -108,59 +104,43 @@ class Endpoint : public UDP {
   Record<Event> events;
 };
 
-/// A datagram, put together byte by byte; `check` computes its checksum bit by bit.
 inline Bytes datagram(int type, uint32_t sequence, uint32_t of = 0, uint32_t tl = 0,
                       const Bytes& payload = {}, int64_t sid = 7) {
-  Bytes bytes(28 + payload.size());
-  bytes[0] = 1;
-  bytes[1] = type;
-  write16le(&bytes[2], payload.size());
-  write32le(&bytes[8], tl);
-  write32le(&bytes[12], of);
-  write32le(&bytes[16], sequence);
-  write64le(&bytes[20], sid);
-  std::copy(payload.begin(), payload.end(), bytes.begin() + 28);
-  uint32_t crc = ~0U;
-  for (uint8_t byte : bytes) {
-    crc ^= byte;
-    for (int bit = 0; bit < 8; ++bit) crc = crc >> 1 ^ (crc & 1 ? 0xEDB88320 : 0);
-  }
-  write32le(&bytes[4], ~crc);
-  return bytes;
+  UdpPkg packet{};
+  packet.dataLength = payload.size();
+  packet.totalLength = tl;
+  packet.offset = of;
+  packet.sessionId = sid;
+  std::copy(payload.begin(), payload.end(), packet.payload);
+  sealPacket(packet, static_cast<PacketType>(type), sequence);
+  const auto* bytes = reinterpret_cast<const uint8_t*>(&packet);
+  return Bytes(bytes, bytes + packet.wireLength());
+}
+inline uint32_t sequenceOf(const Bytes& datagram) {
+  return datagram.size() < 28 ? 0 : read32le(&datagram[16]);
 }
 
 /// A plain UDP socket on loopback.
-class PlainPeer {
- public:
-  PlainPeer() : m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+struct PlainPeer {
+  PlainPeer() {
     socklen_t length = sizeof(address);
-    EXPECT_EQ(bind(m_fd, reinterpret_cast<sockaddr*>(&address), length), 0);
-    EXPECT_EQ(getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), length), 0);
+    EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
   }
-  ~PlainPeer() { close(m_fd); }
+  ~PlainPeer() { close(fd); }
   void send(const sockaddr_in& to, const Bytes& bytes) {
-    sendto(m_fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+    sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
   }
   /// The next datagram; empty when none comes in time.
   Bytes receive(int timeoutMs = 30000) {
-    pollfd ready{m_fd, POLLIN, 0};
+    pollfd ready{fd, POLLIN, 0};
     Bytes bytes(2000);
     socklen_t length = sizeof(from);
     if (poll(&ready, 1, timeoutMs) != 1) return {};
-    bytes.resize(recvfrom(m_fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&from), &length));
+    bytes.resize(recvfrom(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&from), &length));
     return bytes;
   }
-  /// The next datagram's type and sequence; what it acknowledges itself is acknowledged.
-  uint32_t acknowledge() {
-    const Bytes bytes = receive();
-    if (bytes.size() < 28) return 0;
-    const uint32_t end = read32le(&bytes[12]) + read16le(&bytes[2]);
-    send(from, datagram(2, read32le(&bytes[16]), end, read32le(&bytes[8]), {}, read64le(&bytes[20])));
-    return read32le(&bytes[16]);
-  }
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_in address = loopback();
   sockaddr_in from{};  // who sent the last datagram
-
- private:
-  int m_fd;
 };

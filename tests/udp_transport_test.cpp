@@ -8,27 +8,11 @@
 
 namespace {
 
-class UdpTransport : public testing::Test {
- protected:
-  static void SetUpTestSuite() { logFunc = recordLog; }
-  void SetUp() override { g_log.clear(); }
-};
-
-constexpr int64_t kSession = 0x1122334455667788;
-
-std::string hex(const Bytes& bytes) {
-  std::string text;
-  char digits[3];
-  for (uint8_t byte : bytes) {
-    snprintf(digits, sizeof(digits), "%02x", byte);
-    text += digits;
-  }
-  return text;
-}
+using UdpTransport = UdpTest;
 
 Bytes unhex(std::string text) {
-  Bytes bytes;
   text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
+  Bytes bytes;
   for (size_t at = 0; at < text.size(); at += 2) bytes.push_back(std::stoi(text.substr(at, 2), nullptr, 16));
   return bytes;
 }
@@ -39,31 +23,30 @@ Bytes patternOf(size_t size) {
   return bytes;
 }
 
-// version, type, dl, checksum, tl, of, sequence, session id, payload
-const char kSyn[] = "01 04 0000 4bc1e4e8 00000000 00000000 a0860100 0000000000000000";
-const char kData[] = "01 01 0300 b4229e11 03000000 00000000 a1860100 8877665544332211 616263";
-const char kFin[] = "01 05 0000 9544536a 00000000 00000000 a2860100 0000000000000000";
-const char kSynAck[] = "01 02 0000 8c9cbd54 00000000 00000000 a0860100 0000000000000000";
-const char kDataAck[] = "01 02 0000 9c076f31 03000000 03000000 a1860100 8877665544332211";
-const char kFinAck[] = "01 02 0000 130286b8 00000000 00000000 a2860100 0000000000000000";
-
 TEST_F(UdpTransport, DatagramsAreTheseBytesInBothDirections) {
+  // version, type, dl, checksum, tl, of, sequence, session id, payload
+  const Bytes syn = unhex("01 04 0000 4bc1e4e8 00000000 00000000 a0860100 0000000000000000");
+  const Bytes data = unhex("01 01 0300 b4229e11 03000000 00000000 a1860100 8877665544332211 616263");
+  const Bytes fin = unhex("01 05 0000 9544536a 00000000 00000000 a2860100 0000000000000000");
+  const Bytes synAck = unhex("01 02 0000 8c9cbd54 00000000 00000000 a0860100 0000000000000000");
+  const Bytes dataAck = unhex("01 02 0000 9c076f31 03000000 03000000 a1860100 8877665544332211");
+  const Bytes finAck = unhex("01 02 0000 130286b8 00000000 00000000 a2860100 0000000000000000");
   PlainPeer peer;
   Endpoint endpoint(10000);
-  endpoint.queue(peer.address, kSession, {'a', 'b', 'c'});
-  EXPECT_EQ(peer.receive(), unhex(kSyn));
-  EXPECT_EQ(peer.receive(), unhex(kData)) << "sent at once, without waiting for the SYN's acknowledgement";
-  peer.send(endpoint.localAddress(), unhex(kSynAck));
-  peer.send(endpoint.localAddress(), unhex(kDataAck));
+  endpoint.queue(peer.address, 1, {});  // opens the direction and sends nothing else
+  endpoint.queue(peer.address, 0x1122334455667788, {'a', 'b', 'c'});
+  EXPECT_EQ(peer.receive(), syn);
+  EXPECT_EQ(peer.receive(), data) << "sent without waiting for the SYN's acknowledgement";
+  peer.send(endpoint.localAddress(), synAck);
+  peer.send(endpoint.localAddress(), dataAck);
   EXPECT_TRUE(endpoint.saw(UDP_EVENT_SESSION_FINISH));
-  for (const auto& [sent, answer] : {std::pair{kSyn, kSynAck}, {kData, kDataAck}, {kFin, kFinAck}}) {
-    peer.send(endpoint.localAddress(), unhex(sent));
-    EXPECT_EQ(peer.receive(), unhex(answer));
+  for (const auto& [sent, answer] : {std::pair{syn, synAck}, {data, dataAck}, {fin, finAck}}) {
+    peer.send(endpoint.localAddress(), sent);
+    EXPECT_EQ(peer.receive(), answer);
   }
   const auto events = endpoint.events.all();
   ASSERT_EQ(events.size(), 2U);
-  EXPECT_EQ(events[1].event, UDP_EVENT_DATA);
-  EXPECT_EQ(events[1].sessionId, kSession);
+  EXPECT_EQ(events[1].sessionId, 0x1122334455667788);
   EXPECT_EQ(events[1].message, Bytes({'a', 'b', 'c'}));
 }
 
@@ -72,73 +55,61 @@ TEST_F(UdpTransport, EveryStateAndPacketHasItsOutcome) {
     const char* what;
     int type;
     uint32_t sequence, of, tl, dl;
-    const char* log;    // a line that must appear, or ""
     int64_t ackOffset;  // offset of the ACK, or -1 when there is none
+    const char* log;    // a line that must appear
   } steps[] = {
-      {"DATA before SYN", 1, 100001, 0, 3, 3, "R_IGNORERecvStat", -1},
-      {"FIN before SYN", 5, 9, 0, 0, 4, "maybe retrans fin pkg, ack it anyway.", 0},
-      {"ACK without sender", 2, 1, 0, 0, 0, "S_IGNORERecvStat", -1},
-      {"unknown type", 3, 1, 0, 0, 0, "t:3,ERR_TYPE", -1},
-      {"SYN", 4, 100000, 0, 0, 0, "R_NEW RECEIVER:R[", 0},
-      {"SYN again", 4, 100000, 0, 0, 0, "", 0},
-      {"too far ahead", 1, 100002, 0, 3, 3, "R_IGNORERecvSEQ [100002,100001]", -1},
-      {"FIN out of sequence", 5, 100002, 0, 0, 0, "R_IGNORERecvSEQ [100002,100001]", -1},
-      {"first piece", 1, 100001, 0, 2500, 1000, "", 1000},
-      {"second piece", 1, 100002, 1000, 2500, 1000, "", 2000},
-      {"second piece again", 1, 100002, 1000, 2500, 1000, "", 2000},
-      {"last piece", 1, 100003, 2000, 2500, 500, "", 2500},
-      {"wrong beginning, acknowledged", 1, 100004, 1000, 2000, 1000,
-       "Not session:7 sessionPair:0 first package offset:1000", 2000},
-      {"a beginning", 1, 100005, 0, 5000, 10, "", 10},
-      {"wrong offset, acknowledged", 1, 100006, 1000, 5000, 10, "session:7 offset error:1000 local:10", 1010},
-      {"five back", 1, 100002, 1000, 2500, 1000, "", 2000},
-      {"six back", 1, 100001, 0, 2500, 1000, "R_IGNORERecvSEQ [100001,100007]", -1},
-      {"SYN when open", 4, 100000, 0, 0, 0, "R_CLEANNewSync", 0},
-      {"a late SYN leaves the direction dead", 1, 100007, 0, 3, 3, "R_IGNORERecvSEQ [100007,100001]", -1},
-      {"FIN", 5, 100001, 0, 0, 0, "R_CLOSE RECEIVER:R[", 0},
-      {"SYN near the end of the numbers", 4, 0xFFFFFFFF, 0, 0, 0, "R_NEW RECEIVER:R[", 0},
-      {"expected number 0: 0 - 5 is far above it", 1, 0, 0, 3, 3, "R_IGNORERecvSEQ [0,0]", -1},
+      {"DATA before SYN", 1, 100001, 0, 3, 3, -1, "R_IGNORERecvStat"},
+      {"FIN before SYN", 5, 9, 0, 0, 4, 0, "maybe retrans fin pkg, ack it anyway."},
+      {"ACK without sender", 2, 1, 0, 0, 0, -1, "S_IGNORERecvStat"},
+      {"unknown type", 3, 1, 0, 0, 0, -1, "t:3,ERR_TYPE"},
+      {"SYN", 4, 100000, 0, 0, 0, 0, "R_NEW RECEIVER:R["},
+      {"SYN again", 4, 100000, 0, 0, 0, 0, ""},
+      {"too far ahead", 1, 100002, 0, 3, 3, -1, "R_IGNORERecvSEQ [100002,100001]"},
+      {"FIN out of sequence", 5, 100002, 0, 0, 0, -1, "R_IGNORERecvSEQ [100002,100001]"},
+      {"first piece", 1, 100001, 0, 2500, 1000, 1000, ""},
+      {"second piece", 1, 100002, 1000, 2500, 1000, 2000, ""},
+      {"second piece again", 1, 100002, 1000, 2500, 1000, 2000, ""},
+      {"last piece", 1, 100003, 2000, 2500, 500, 2500, ""},
+      {"no beginning", 1, 100004, 5, 9, 4, 9, "Not session:7 sessionPair:0 first package offset:5"},
+      {"a beginning", 1, 100005, 0, 5000, 10, 10, ""},
+      {"wrong offset", 1, 100006, 1000, 5000, 10, 1010, "session:7 offset error:1000 local:10"},
+      {"five back", 1, 100002, 1000, 2500, 1000, 2000, ""},
+      {"six back", 1, 100001, 0, 2500, 1000, -1, "R_IGNORERecvSEQ [100001,100007]"},
+      {"late SYN", 4, 100000, 0, 0, 0, 0, "R_CLEANNewSync"},
+      {"which ended the direction", 1, 100007, 0, 3, 3, -1, "R_IGNORERecvSEQ [100007,100001]"},
+      {"FIN", 5, 100001, 0, 0, 0, 0, "R_CLOSE RECEIVER:R["},
+      {"SYN at the end of the numbers", 4, 0xFFFFFFFF, 0, 0, 0, 0, "R_NEW RECEIVER:R["},
+      {"expected 0: 0 - 5 is far above", 1, 0, 0, 3, 3, -1, "R_IGNORERecvSEQ [0,0]"},
   };
   PlainPeer peer;
   Endpoint endpoint;
   for (const auto& step : steps) {
-    g_log.clear();
-    const Bytes sent = datagram(step.type, step.sequence, step.of, step.tl, Bytes(step.dl, 1));
-    peer.send(endpoint.localAddress(), sent);
-    EXPECT_TRUE(logged(step.log, *step.log != 0 ? 1 : 0)) << step.what;
-    if (step.ackOffset >= 0) {  // an answer too many would be taken for the answer to a later step
-      EXPECT_EQ(hex(peer.receive()), hex(datagram(2, step.sequence, step.ackOffset, step.tl))) << step.what;
-    }
+    g_log.all(true);
+    peer.send(endpoint.localAddress(),
+              datagram(step.type, step.sequence, step.of, step.tl, Bytes(step.dl, 1)));
+    EXPECT_TRUE(logged(step.log, *step.log != 0)) << step.what;
+    if (step.ackOffset < 0) continue;  // an answer too many would be taken for that of a later step
+    EXPECT_EQ(peer.receive(), datagram(2, step.sequence, step.ackOffset, step.tl)) << step.what;
   }
-  const auto events = endpoint.events.all();
-  ASSERT_EQ(events.size(), 1U);
-  EXPECT_EQ(events[0].message, Bytes(2500, 1));
+  ASSERT_EQ(endpoint.events.all().size(), 1U);
+  EXPECT_EQ(endpoint.events.all()[0].message, Bytes(2500, 1));
 }
 
 TEST_F(UdpTransport, AcknowledgementsFreeTheWindowInAnyOrder) {
   PlainPeer peer;
   Endpoint endpoint(10000);
   endpoint.queue(peer.address, 1, patternOf(6000));
-  peer.receive();  // the SYN
-  std::vector<Bytes> pieces;
-  for (int i = 0; i < 5; ++i) pieces.push_back(peer.receive());
+  for (uint32_t sequence = 100000; sequence <= 100005; ++sequence)
+    EXPECT_EQ(sequenceOf(peer.receive()), sequence);
   const auto ack = [&](uint32_t sequence) { peer.send(endpoint.localAddress(), datagram(2, sequence)); };
   ack(100001);
   EXPECT_TRUE(logged("S_IGNORERecvSEQ [100001,100000]")) << "the SYN comes first";
-  ack(100000);
-  ack(100003);
-  ack(100003);
+  for (uint32_t sequence : {100000, 100003, 100003}) ack(sequence);
   EXPECT_TRUE(logged("win:100001;100002;4294967295;100004;100005;")) << "S_IGNORERecvWIN";
   EXPECT_TRUE(peer.receive(0).empty()) << "the sixth waits for the lowest number";
-  peer.send(endpoint.localAddress(), datagram(7, 100001));
-  EXPECT_TRUE(logged("t:7,ERR_TYPE"));
   ack(100001);
-  pieces.push_back(peer.receive());
-  for (uint32_t i = 0; i < pieces.size(); ++i) {
-    const Bytes whole = patternOf(6000);
-    const Bytes part(whole.begin() + i * 1000, whole.begin() + i * 1000 + 1000);
-    EXPECT_EQ(hex(pieces[i]), hex(datagram(1, 100001 + i, i * 1000, 6000, part, 1)));
-  }
+  const Bytes whole = patternOf(6000);
+  EXPECT_EQ(peer.receive(), datagram(1, 100006, 5000, 6000, Bytes(whole.begin() + 5000, whole.end()), 1));
 }
 
 std::atomic<int64_t> g_now{1000000};
@@ -149,21 +120,19 @@ TEST_F(UdpTransport, SixSendsHalfASecondApartThenOneTimeout) {
   timing.now = [] { return g_now.load(); };
   Endpoint endpoint(timing);
   const auto passRounds = [&] {
-    g_log.clear();
+    g_log.all(true);
     for (int i = 0; i < 2; ++i) peer.send(endpoint.localAddress(), datagram(7, 1));
     EXPECT_TRUE(logged("t:7,ERR_TYPE", 2));
   };
-  endpoint.queue(peer.address, kSession, {1});
-  ASSERT_EQ(peer.acknowledge(), 100000U);
+  endpoint.queue(peer.address, 42, {1});
+  ASSERT_EQ(sequenceOf(peer.receive()), 100000U);
+  peer.send(endpoint.localAddress(), datagram(2, 100000));
   for (int send = 0; send < 6; ++send) {
-    const Bytes bytes = peer.receive();
-    ASSERT_EQ(bytes.size(), 29U) << send;
-    EXPECT_EQ(read32le(&bytes[16]), 100001U);
+    EXPECT_EQ(sequenceOf(peer.receive()), 100001U) << send;
     passRounds();
     g_now += 499;
     passRounds();
-    EXPECT_TRUE(peer.receive(0).empty()) << "too early";
-    EXPECT_TRUE(endpoint.events.all().empty());
+    EXPECT_TRUE(peer.receive(0).empty() && endpoint.events.all().empty()) << "too early";
     g_now += 1;
   }
   ASSERT_TRUE(endpoint.saw(UDP_EVENT_TIMEOUT));
@@ -171,7 +140,7 @@ TEST_F(UdpTransport, SixSendsHalfASecondApartThenOneTimeout) {
   passRounds();
   EXPECT_TRUE(peer.receive(0).empty()) << "a seventh";
   ASSERT_EQ(endpoint.events.all().size(), 1U);
-  EXPECT_EQ(endpoint.events.all()[0].sessionId, kSession);
+  EXPECT_EQ(endpoint.events.all()[0].sessionId, 42);
 }
 
 TEST_F(UdpTransport, GivenUpPacketBoundsItsSenderUntilItsLateAck) {
@@ -180,26 +149,23 @@ TEST_F(UdpTransport, GivenUpPacketBoundsItsSenderUntilItsLateAck) {
   for (int64_t session = 1; session <= 6; ++session) endpoint.queue(peer.address, session, {1});
   uint32_t highest = 0;
   for (bool givenUp = false; !givenUp;) {
-    const Bytes bytes = peer.receive(5);
-    const uint32_t sequence = bytes.empty() ? 0 : read32le(&bytes[16]);
+    const uint32_t sequence = sequenceOf(peer.receive(5));
     highest = std::max(highest, sequence);
-    if (sequence != 0 && sequence != 100001) peer.send(endpoint.localAddress(), datagram(2, sequence, 1, 1));
+    if (sequence > 100001 || sequence == 100000)
+      peer.send(endpoint.localAddress(), datagram(2, sequence, 1, 1));
     for (const auto& event : endpoint.events.all()) givenUp |= event.event == UDP_EVENT_TIMEOUT;
   }
   EXPECT_TRUE(endpoint.saw(UDP_EVENT_SESSION_FINISH, 4));
   EXPECT_EQ(highest, 100005U);
-  g_log.clear();
   peer.send(endpoint.localAddress(), datagram(2, 100001, 1, 1));
   EXPECT_TRUE(logged("event delete failed arg:T["));
-  Bytes bytes;
-  do bytes = peer.receive();
-  while (read32le(&bytes.at(16)) != 100006);
+  while (sequenceOf(peer.receive()) != 100006) ASSERT_FALSE(HasFailure());
 }
 
 TEST_F(UdpTransport, MessagesArriveWholeAndInOrderThroughBadWeather) {
-  const Weather weathers[] = {{1, 0, 0, 0, 0}, {2, 30, 0, 0, 0}, {3, 0, 50, 10, 0}, {4, 20, 20, 10, 0}};
   const size_t sizes[] = {1, 999, 1000, 1001, 5000, 5001, 100000};
-  for (const Weather& weather : weathers) {
+  for (const Weather& weather :
+       {Weather{1, 0, 0, 0, 0}, {2, 30, 0, 0, 0}, {3, 0, 50, 10, 0}, {4, 20, 20, 10, 0}}) {
     SCOPED_TRACE(weather.seed);
     Endpoint left, right;
     Relay relay(right.localAddress(), weather);
@@ -216,24 +182,11 @@ TEST_F(UdpTransport, MessagesArriveWholeAndInOrderThroughBadWeather) {
 TEST_F(UdpTransport, LostSynAckDeliversTheFirstMessagesTwice) {
   Endpoint left, right;
   Relay relay(right.localAddress(), {1, 0, 0, 0, 1});
-  left.queue(relay.address(), 1, {1});
-  left.queue(relay.address(), 2, {2});
+  for (uint8_t number : {1, 2}) left.queue(relay.address(), number, {number});
   ASSERT_TRUE(right.saw(UDP_EVENT_DATA, 4));
   std::string order;
   for (const auto& event : right.events.all()) order += std::to_string(event.message[0]);
   EXPECT_EQ(order, "1212");
-  EXPECT_TRUE(logged("R_CLEANNewSync"));
-}
-
-TEST_F(UdpTransport, EmptyMessageIsTakenAndSendsNothing) {
-  PlainPeer peer;
-  Endpoint endpoint;
-  endpoint.queue(peer.address, 1, {});
-  endpoint.queue(peer.address, 2, {1});
-  EXPECT_EQ(peer.acknowledge(), 100000U);
-  EXPECT_EQ(peer.acknowledge(), 100001U);
-  EXPECT_TRUE(endpoint.saw(UDP_EVENT_SESSION_FINISH));
-  EXPECT_EQ(endpoint.events.all()[0].sessionId, 2);
 }
 
 TEST_F(UdpTransport, HostileDatagramsNeitherStopNorHangIt) {
@@ -245,14 +198,14 @@ TEST_F(UdpTransport, HostileDatagramsNeitherStopNorHangIt) {
     const uint32_t sequences[] = {100000, 100001 + uint32_t(random() % 8), uint32_t(random())};
     const uint32_t lengths[] = {0, uint32_t(random() % 3000), 0xFFFFFFFF - uint32_t(random() % 3)};
     Bytes bytes = datagram(random() % 7, sequences[random() % 3], lengths[random() % 3],
-                           lengths[random() % 3], Bytes(random() % 1100), random() % 4);
+                           lengths[random() % 3], Bytes(random() % 1001), random() % 4);
     if (random() % 4 == 0) bytes.resize(random() % 1200);
-    if (random() % 8 == 0) bytes.assign(bytes.size(), random());
+    if (random() % 8 == 0) std::generate(bytes.begin(), bytes.end(), random);
     peers[i % 3].send(endpoint.localAddress(), bytes);
   }
   Endpoint other;
   other.queue(endpoint.localAddress(), 99, patternOf(20000));
-  ASSERT_TRUE(endpoint.events.waitFor([](const auto& e) { return e.sessionId == 99; }));
+  EXPECT_TRUE(endpoint.events.waitFor([](const auto& event) { return event.sessionId == 99; }));
   EXPECT_TRUE(other.saw(UDP_EVENT_SESSION_FINISH));
 }
 
@@ -264,44 +217,33 @@ TEST_F(UdpTransport, WorksOnDescriptorsAbove1023) {
   setrlimit(RLIMIT_NOFILE, &limit);
   std::vector<int> taken;
   while (taken.empty() || taken.back() < 1030) taken.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  {
-    Endpoint left, right;
-    left.queue(right.localAddress(), 1, patternOf(3000));
-    EXPECT_TRUE(right.saw(UDP_EVENT_DATA));
-  }
+  Endpoint left, right;
   for (int fd : taken) close(fd);
+  left.queue(right.localAddress(), 1, patternOf(3000));
+  EXPECT_TRUE(right.saw(UDP_EVENT_DATA));
 }
 
 /// The transport's inner operations, called without a thread.
 struct Bookkeeping : UDP {
-  Bookkeeping() { createSocket(loopback(), "127.0.0.1", 0); }
-  ~Bookkeeping() override { stop(); }
   int recvEvent(int, const sockaddr_in&, int64_t, const uint8_t*, uint32_t) override { return 0; }
-
   void check() {
-    PlainPeer peer;
-    sockaddr_in stranger = peer.address;
-    stranger.sin_port = htons(9);
-    UdpPkg packet;
-    clearHeader(packet);
-    EXPECT_EQ(sendPackage(nullptr, PACKET_DATA, 1, &packet), -1);
-    EXPECT_EQ(sendPackage(&stranger, PACKET_DATA, 1, nullptr), -1);
-    EXPECT_EQ(sendPackage(&stranger, PACKET_DATA, 1, &packet), -1);
-    Sender& sender = getSender(peer.address);
-    EXPECT_EQ(sendPackage(&peer.address, PACKET_DATA, 1, &packet), -2);
-    EXPECT_EQ(sendPackage(&peer.address, 7, 1, &packet), -3);
-    EXPECT_EQ(sendPackage(&peer.address, PACKET_ACK, 1, &packet), 28);
-    EXPECT_EQ(m_timers.size(), 1) << "the SYN's alone";
-
+    const sockaddr_in peer = loopback(10), stranger = loopback(9);
     TimeoutEvent lost;
     lost.peer = stranger;
     lost.pkg = newPacket();
-    EXPECT_EQ(processTimeout(lost), -1) << "of nobody";
-    lost.peer = peer.address;
+    UdpPkg* packet = lost.pkg.get();
+    EXPECT_EQ(sendPackage(nullptr, PACKET_DATA, 1, packet), -1);
+    EXPECT_EQ(sendPackage(&stranger, PACKET_DATA, 1, packet), -1);
+    EXPECT_EQ(processTimeout(lost), -1) << "nobody's";
+    lost.peer = peer;
+    Sender& sender = getSender(peer);
+    EXPECT_EQ(sendPackage(&peer, PACKET_DATA, 1, packet), -2);
+    EXPECT_EQ(sendPackage(&peer, 7, 1, packet), -3);
     for (PacketType type : {PACKET_SYN, PACKET_FIN, PACKET_DATA}) {
-      lost.pkg->type = type;
+      packet->type = type;
       EXPECT_EQ(processTimeout(lost), -1) << packetTypeName(type);
     }
+    EXPECT_EQ(m_timers.size(), 1) << "the SYN's alone";
     EXPECT_EQ(processTimeout(sender.synTimeoutEvent), 0);
     EXPECT_EQ(sender.synTimeoutEvent.tc, 1);
   }
@@ -309,12 +251,6 @@ struct Bookkeeping : UDP {
 
 TEST_F(UdpTransport, BrokenBookkeepingIsNoticed) {
   Bookkeeping().check();
-  for (const char* line :
-       {"sendpackage pkg:", "Invalid socket. Not in the list. addr:127.0.0.1:9 fd:",
-        "DataPkgNotFountInWin :P[", "Invalid sock:", "Invalid socket. Not in the list.strAddr:127.0.0.1:9 ",
-        "!= &ss->synTimeoutEvent:T[", "!= &ss->finTimeoutEvent:T[", "TIME_Win_not_found T["}) {
-    EXPECT_TRUE(logged(line)) << line;
-  }
 }
 
 }  // namespace
