@@ -28,9 +28,8 @@
 // Reassembly of a piece that was taken in sequence (it is acknowledged in every case)
 //   next piece of its message             kept; a whole message is handed to recvEvent(), then freed
 //   another offset or tl, or past its tl  dropped; ERROR "session:%d offset error:%u local:%u"
-//   no such message, and of is not 0, dl is beyond tl, or there are 16 already
-//                                         dropped; ERROR "Not session:%d sessionPair:%d first package
-//                                         offset:%u"
+//   no such message, and of is not 0,     dropped; ERROR
+//   dl is beyond tl, or 16 are there      "Not session:%d sessionPair:%d first package offset:%u"
 //
 // Sender (s: the last sequence number used)
 //   state      packet                     outcome
@@ -58,8 +57,9 @@
 // Kept as they are, deliberately: sequence numbers are compared as plain unsigned 32-bit numbers, wrap-around
 // included; a SYN whose acknowledgement was lost opens the receiver anew, so that the first messages arrive
 // twice, and a late duplicate of a SYN leaves the receiver waiting for numbers that the sender has passed; a
-// message of 0 bytes sends nothing; a sender lives as long as its transport and never sends a FIN; the first
-// message in the queue whose sender is still busy holds up all behind it, whoever they are for.
+// message of 0 bytes sends nothing (but the SYN of a new sender); a sender lives as long as its transport and
+// never sends a FIN; the first message in the queue whose sender is still busy holds up all behind it,
+// whoever they are for.
 //
 // What a peer can make us hold: a receiver of about 250 bytes per address it speaks from, 65,536 at most
 // (then the one that was silent for longest is forgotten, "R_FORGET RECEIVER:%s"), 16 messages in the making
