@@ -1,7 +1,9 @@
 // The JNI bridge: the load entry, the native table, and the copies of Java arguments.
 //
-// A native converts its arguments, writes its log line and calls the request function of protocol.h or the
-// operation of the client. Natives run on any Java thread, several at once.
+// JNI_OnLoad (declared by jni.h) is called by the VM: it returns 0x10006 (JNI 1.6), or -1 with one ERROR line
+// when the VM refuses that version or the registration fails. A native converts its arguments, writes its log
+// line and calls the request function of protocol.h or the operation of the client. Natives run on any Java
+// thread, several at once.
 #pragma once
 
 #include <jni.h>
