@@ -19,10 +19,6 @@ extern TARN_EXPORT JavaVM* g_jvm;
 /// deleted. The name is kept although what it holds is no engine.
 extern TARN_EXPORT jclass g_classUdpEngine;
 
-/// Called by the VM. Returns 0x10006 (JNI 1.6), or -1 when the VM refuses that version or the registration
-/// fails.
-JNIEXPORT jint JNICALL JNI_OnLoad(JavaVM* vm, void* reserved);
-
 /// Registers the 23 natives. Returns the result of jniRegisterNativeMethods: negative on failure.
 TARN_EXPORT int register_com_tarn_performance_TarnBoosterJNI(JNIEnv* env);
 
