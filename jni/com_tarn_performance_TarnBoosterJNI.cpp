@@ -8,6 +8,7 @@
 
 #include "C2Java.h"
 #include "client.h"
+#include "cpuLoad.h"
 #include "jniRegisterNativeMethods.h"
 #include "log.h"
 #include "protocol.h"
@@ -246,6 +247,18 @@ jint com_tarn_performance_tarnboosterjni_isRunning(JNIEnv*, jobject) {
   return g_client.isRunning() ? 1 : 0;
 }
 
+jint com_tarn_performance_tarnboosterjni_startTraceCpuLoad(JNIEnv*, jobject, jint tid, jint periodMs) {
+  return startTraceCpuLoad(tid, periodMs);
+}
+
+jint com_tarn_performance_tarnboosterjni_stopTraceCpuLoad(JNIEnv*, jobject, jint handle) {
+  return stopTraceCpuLoad(handle);
+}
+
+jint com_tarn_performance_tarnboosterjni_getTickRate(JNIEnv*, jobject) {
+  return tickRate();
+}
+
 // ---- The native table
 // -------------------------------------------------------------------------------------------
 
@@ -276,9 +289,14 @@ const JNINativeMethod kNatives[] = {
     NATIVE(setRetryConnectInterval, "(I)V"),
     NATIVE(setDebug, "(Z)V"),
     NATIVE(isRunning, "()I"),
+    NATIVE(startTraceCpuLoad, "(II)I"),
+    NATIVE(stopTraceCpuLoad, "(I)I"),
+    NATIVE(getTickRate, "()I"),
 };
 
 constexpr char kClassName[] = "com/tarn/performance/TarnBoosterJNI";
+
+static_assert(std::size(kNatives) == 23, "the Java class declares 23 natives");
 
 }  // namespace
 
