@@ -47,14 +47,13 @@ public final class CpuLoadTrace implements Closeable {
      * Starts a trace with a sampling thread of its own.
      *
      * @param tid the kernel's id of a thread of this process
-     * @param periodMs sampling period, milliseconds, 0 to {@link #MAX_PERIOD_MS}. 0 samples without pause and
-     *         keeps
-     *     one CPU busy.
+     * @param periodMs sampling period, milliseconds, 0 to {@link #MAX_PERIOD_MS}. 0 samples without pause
+     *     and keeps one CPU busy.
      * @return the running trace; the caller closes it
      * @throws IllegalArgumentException if the period is negative or too long
-     * @throws IllegalStateException if the library gives no handle: there is no such thread in this process,
-     *         the
-     *     machine shows no CPU directories or 128 of them and more, or the sampling thread cannot be made
+     * @throws IllegalStateException if the library gives no handle: there is no such thread in this
+     *     process, the machine shows no CPU directories or 128 of them and more, or the sampling thread
+     *     cannot be made
      */
     public static CpuLoadTrace start(int tid, int periodMs) {
         if (periodMs < 0 || periodMs > MAX_PERIOD_MS) {

@@ -117,12 +117,10 @@ public final class TarnBoosterJNI {
      * Once a connection has been made, further calls change nothing. Before that they replace the
      * configuration, and attempt again if the retry interval allows. Does not wait for the service to accept.
      *
-     * @param remote the service: its name in the abstract socket namespace (at most 107 bytes) when the port
-     *         is 0,
-     *     otherwise its IPv4 address. With an empty text no connection is ever attempted.
+     * @param remote the service: its name in the abstract socket namespace (at most 107 bytes) when the
+     *     port is 0, otherwise its IPv4 address. With an empty text no connection is ever attempted.
      * @param port 0 for the local socket. Any other port selects the datagram transport, which carries no
-     *         requests
-     *     in this version: every request then gives {@link #NO_ENGINE}.
+     *     requests in this version: every request then gives {@link #NO_ENGINE}.
      * @param local the caller's own name, not empty when the port is 0; it is only logged
      * @return 0, also when no connection could be made: ask {@link #isRunning}
      * @throws NullPointerException if a text is null
@@ -195,7 +193,7 @@ public final class TarnBoosterJNI {
      * @param tid kernel id of the calling thread
      * @param timestamp nanoseconds
      * @return see the class; {@link #NO_THREADS} when there is a connection and {@code bindtids} is null or
-     *         empty
+     *     empty
      */
     public static int cancelCpuCoreForThread(int[] bindtids, int tid, long timestamp) {
         return native_cancelCpuCoreForThread(bindtids, tid, timestamp);
@@ -379,11 +377,10 @@ public final class TarnBoosterJNI {
      * {@link CpuLoadTrace}, which also tells what the numbers mean.
      *
      * @param tid kernel id of the thread
-     * @param periodMs sampling period, milliseconds; 0 samples without pause. Taken times 1000 as 32 unsigned
-     *         bits:
-     *     negative periods and those above 4294967 give another period than asked for.
+     * @param periodMs sampling period, milliseconds; 0 samples without pause. Taken times 1000 as 32
+     *     unsigned bits: negative periods and those above 4294967 give another period than asked for.
      * @return a handle for {@link #stopTraceCpuLoad}, which may be negative; 0 if the thread cannot be
-     *         measured
+     *     measured
      */
     public static int startTraceCpuLoad(int tid, int periodMs) {
         return native_startTraceCpuLoad(tid, periodMs);
@@ -393,9 +390,8 @@ public final class TarnBoosterJNI {
      * Ends a measurement. Waits for the sampling thread, up to one sampling period.
      *
      * @param handle a handle from {@link #startTraceCpuLoad}; its last use
-     * @return the sum of CPU frequency (kHz) times CPU time (ticks) over all samples, wrapped to 32 bits; -1
-     *         (which
-     *     can also be a sum) if there is no such measurement, or no longer
+     * @return the sum of CPU frequency (kHz) times CPU time (ticks) over all samples, wrapped to 32 bits;
+     *     -1 (which can also be a sum) if there is no such measurement, or no longer
      */
     public static int stopTraceCpuLoad(int handle) {
         return native_stopTraceCpuLoad(handle);
