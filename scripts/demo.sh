@@ -1,4 +1,4 @@
-#!/bin/bash
+#!/usr/bin/env bash
 # The whole system at work: an application in a virtual machine, the library, the reference service.
 # shellcheck source=scripts/lib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -41,6 +41,7 @@ done
 buildEverything() {
   build=$BUILD/demo
   installPackages "${buildPackages[@]}"
+  useJava17
   say "building the library, the service and the demo"
   mkdir -p "$build"
   cmake -G Ninja -S "$ROOT" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTARNBOOSTER_BUILD_TESTS=OFF \
@@ -93,23 +94,24 @@ stopService() {
   kill "$servicePid"
   wait "$servicePid" || true
   servicePid=
+  printf '  service | stopped\n'
 }
 
 say "starting the service, then the application"
 startService --push-on-register "7:application not responding"
-coproc APP {
-  exec "${javaCommand[@]}" -Djava.library.path="$build/jni" -cp "$build/java/tarnbooster-demo.jar:$build/java/tarnbooster.jar" \
-    com.tarn.performance.demo.Demo "$name" 2>"$work/errors"
-}
-appPid=$APP_PID
-while IFS= read -r line <&"${APP[0]}"; do
+mkfifo "$work/toApp" "$work/fromApp"
+"${javaCommand[@]}" -Djava.library.path="$build/jni" -cp "$build/java/tarnbooster-demo.jar:$build/java/tarnbooster.jar" \
+  com.tarn.performance.demo.Demo "$name" <"$work/toApp" >"$work/fromApp" 2>"$work/errors" &
+appPid=$!
+exec {toApp}>"$work/toApp" {fromApp}<"$work/fromApp"
+while IFS= read -r line <&"$fromApp"; do
   if [ "$line" != @restart ]; then
     printf '%s\n' "$line"
     continue
   fi
   stopService
   startService --push-on-register "8:back again"
-  printf 'restarted\n' >&"${APP[1]}"
+  printf 'restarted\n' >&"$toApp"
 done
 status=0
 wait "$appPid" || status=$?
@@ -117,7 +119,7 @@ appPid=
 stopService
 
 printf '\nWhat the service has seen\n'
-served=$(grep -oE '^10(0[1-9]|1[0-4]) ' "$work/service" | sort -u | wc -l)
+served=$(sed -nE 's/^(10(0[1-9]|1[0-4])) .* -> status .*/\1/p' "$work/service" | sort -u | wc -l)
 if [ "$served" -eq 14 ]; then
   printf '  seen    all fourteen requests, each answered\n'
 else

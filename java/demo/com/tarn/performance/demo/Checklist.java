@@ -21,10 +21,12 @@ final class Checklist {
     /** Waits for one thing to happen, not for ever, and notes it. */
     boolean await(String what, BooleanSupplier condition) throws InterruptedException {
         long deadline = System.nanoTime() + PATIENCE_NANOS;
-        while (!condition.getAsBoolean() && System.nanoTime() < deadline) {
+        boolean happened = condition.getAsBoolean();
+        while (!happened && System.nanoTime() < deadline) {
             Thread.sleep(10);
+            happened = condition.getAsBoolean();
         }
-        return note(what, condition.getAsBoolean());
+        return note(what, happened);
     }
 
     /** Prints the list and tells whether nothing is missing. */
