@@ -6,6 +6,8 @@ set -euo pipefail
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # Everything that is built or downloaded goes here, outside the sources' folders.
 BUILD=${TARNBOOSTER_BUILD:-$ROOT/build}
+# What is fetched once and serves every checkout.
+CACHE=${XDG_CACHE_HOME:-$HOME/.cache}/tarnbooster
 
 say() { printf '\n== %s\n' "$*"; }
 die() {
