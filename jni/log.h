@@ -15,13 +15,15 @@
 #include <atomic>
 #include <cstdint>
 
+#include "export.h"
+
 extern "C" {
 /// The log tag of every line: "TARNBOOSTER". Exported; not changed by the library after load.
-extern const char* TAG;
+extern TARN_EXPORT const char* TAG;
 
 /// The log sink, `__android_log_print` at load. Exported; whoever replaces it does so before any other
 /// thread of the library runs, and the replacement must be callable from every thread.
-extern int (*logFunc)(int priority, const char* tag, const char* format, ...)
+extern TARN_EXPORT int (*logFunc)(int priority, const char* tag, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 }
 

@@ -1,0 +1,186 @@
+#include "client.h"
+
+#include <unistd.h>
+
+#include <cstring>
+#include <utility>
+
+#include "clock.h"
+#include "header.h"
+#include "log.h"
+#include "thread.h"
+
+Client& g_client = *new Client;
+
+// ---- LocalsocketClient
+// ----------------------------------------------------------------------------------------
+
+LocalsocketClient::LocalsocketClient(std::string remotePath, std::string localPath, ClientProtocal* owner)
+    : m_remotePath(std::move(remotePath)), m_localPath(std::move(localPath)), m_owner(owner) {}
+
+int LocalsocketClient::start(const std::shared_ptr<LocalsocketClient>& engine) {
+  if (engine->createSocket(engine->m_localPath.c_str(), engine->m_remotePath.c_str()) < 0) return -1;
+  auto* const held = new std::shared_ptr<LocalsocketClient>(engine);
+  engine->m_running.fetch_add(1);
+  if (startDetachedThread(localsocketClientThread, held) != 0) {
+    engine->m_running.fetch_sub(1);
+    delete held;
+    return -1;
+  }
+  return 0;
+}
+
+/// Takes over `argument`, the thread's own hold on its engine.
+void* LocalsocketClient::localsocketClientThread(void* argument) {
+  const std::unique_ptr<std::shared_ptr<LocalsocketClient>> held(
+      static_cast<std::shared_ptr<LocalsocketClient>*>(argument));
+  blockSigpipe();
+  (*held)->loop(false);
+  (*held)->m_running.fetch_sub(1);
+  LOG_WARN_AT(215, "localsocketClientThread finish. tid:%d", gettid());
+  return nullptr;
+}
+
+bool LocalsocketClient::isRunning() {
+  return m_running.load() != 0;
+}
+
+int64_t LocalsocketClient::sendReq(uint32_t funcid, const uint8_t* data, uint32_t dataLen, uint32_t callertid,
+                                   int64_t timestamp) {
+  uint8_t* packet = nullptr;
+  uint32_t length = 0;
+  const int64_t result =
+      genReqPack(funcid, data, static_cast<int32_t>(dataLen), &packet, &length, callertid, timestamp);
+  if (result < 1) {
+    LOG_ERROR_AT(252, "genReqPack failed :%d", static_cast<int>(result));
+    return result;
+  }
+  auto pack = std::make_unique<SendPack>();
+  pack->fd = m_fd;
+  pack->data.reset(packet);  // the packet's only owner from here on
+  pack->len = static_cast<int32_t>(length);
+  enqueue(std::move(pack));  // refused by an engine that has ended, and then lost like any unsent packet
+  return result;
+}
+
+int32_t LocalsocketClient::recvEvent(int32_t event, int32_t fd, uint32_t uid, const char* path,
+                                     const uint8_t* data, int32_t len) {
+  switch (event) {
+    case EVENT_ERROR:
+      // Nothing is restarted here: the next engine() does that, once the loop has ended.
+      LOG_ERROR_AT(153, "LocalsocketClient recvEvent EVENT_ERROR: uid:%d path:%s fd:%d  Reconnect now.", uid,
+                   shownText(path), fd);
+      return 0;
+    case EVENT_DATA: {
+      size_t used = 0;
+      while (used < static_cast<size_t>(len)) {
+        const ReplyReader::Result result = m_reply.read(data, static_cast<size_t>(len), &used);
+        if (result == ReplyReader::Result::NeedMore) return 0;
+        const ReplyHeader& reply = m_reply.header();
+        if (result == ReplyReader::Result::Complete) {
+          LOG_DEBUG_AT(195, "LocalsocketClient recvEvent EVENT_DATA funcid:%d timestamp:%dms", reply.funcid,
+                       static_cast<int>(reply.timestamp / 1000000));
+          m_owner->onCallback(0, reply.funcid, static_cast<int64_t>(reply.word16), reply.timestamp,
+                              static_cast<int32_t>(reply.status), m_reply.body(),
+                              static_cast<int32_t>(reply.dataLen));
+        } else if (result == ReplyReader::Result::BadMagic) {
+          LOG_ERROR_AT(175, "Check Header BEGIN failed:0x%x server:0x%x", reply.magic, kHeaderMagic);
+        } else {
+          LOG_ERROR("reply body of %u bytes not allocated", reply.dataLen);
+        }
+        m_reply.next();
+        if (result != ReplyReader::Result::Complete) return -1;
+      }
+      return 0;
+    }
+    default:
+      LOG_DEBUG_AT(207, "LocalsocketClient ERR EVENT:%d", event);
+      return -1;
+  }
+}
+
+// ---- Client
+// ---------------------------------------------------------------------------------------------------
+
+std::shared_ptr<IClientEngine> Client::engine() {
+  if (!isEnabled()) return nullptr;
+  {
+    const Lock lock(m_lock);
+    if (m_engine != nullptr && m_engine->isRunning()) return m_engine;
+  }
+  LOG_DEBUG_AT(277, "ClientEngine not  running, try Reconnect");
+  if (IC2JavaCallback* const callback = c2JavaCallback()) {
+    callback->pushCallback(REPORT_STATUS, 0, kStatusNoEngine, 0, 0, nullptr, 0);
+  }
+  const Lock lock(m_lock);
+  return tryStartEngine(lock) == 0 ? m_engine : nullptr;
+}
+
+IC2JavaCallback* Client::c2JavaCallback() {
+  return m_callback.load();
+}
+
+void Client::init(const std::string& remote, int32_t port, const std::string& local,
+                  IC2JavaCallback* callback) {
+  const Lock lock(m_lock);
+  if (m_engine != nullptr) {
+    LOG_DEBUG("ClientInit client already inited remote:%s port:%d local:%s cb:%d ", m_remote.c_str(), m_port,
+              m_local.c_str(), addressBits(c2JavaCallback()));
+    return;
+  }
+  m_callback = callback;
+  m_remote = remote;
+  m_local = local;
+  m_port = port;
+  tryStartEngine(lock);
+}
+
+int32_t Client::tryStartEngine() {
+  const Lock lock(m_lock);
+  return tryStartEngine(lock);
+}
+
+int32_t Client::tryStartEngine(const Lock& /*held*/) {
+  if (m_remote.empty()) return -1;
+  if (m_port < 1 && m_local.empty()) return -1;
+  if (m_engine != nullptr && m_engine->isRunning()) return -2;
+
+  const int64_t now = nowMs();
+  LOG_DEBUG_AT(312, "tryStartEngine TimeDiff:%d %d %d", static_cast<int>(now - m_lastStartMs),
+               addressBits(m_remote.c_str()),
+               m_engine != nullptr ? static_cast<int>(m_engine->isRunning()) : -1);
+  if (now - m_lastStartMs < int64_t{m_retryInterval} * 1000) return -3;
+  m_lastStartMs = now;  // a failed attempt uses the interval up, too
+  m_engine.reset();
+
+  if (m_port != 0) return -3;
+  auto engine = std::make_shared<LocalsocketClient>(m_remote, m_local, this);
+  if (LocalsocketClient::start(engine) != 0 || !engine->isRunning()) return -3;
+  m_engine = std::move(engine);
+  return 0;
+}
+
+void Client::setEnable(bool on) {
+  int restart = 0;
+  if (on && !isEnabled()) {
+    tryStartEngine();
+    restart = 1;
+  }
+  m_enable.store(on ? 1 : 0, std::memory_order_relaxed);
+  // Both numbers are the new state; the old one is not printed. Keep.
+  LOG_DEBUG_AT(366, "setEnable %d to %d restart:%d", on, on, restart);
+}
+
+void Client::setRetryConnectInterval(int32_t seconds) {
+  if (seconds <= 0) return;
+  {
+    const Lock lock(m_lock);
+    m_retryInterval = seconds;
+  }
+  LOG_DEBUG_AT(372, "setRetryConnectInterval %ds", seconds);
+}
+
+bool Client::isRunning() {
+  const Lock lock(m_lock);
+  return m_engine != nullptr && m_engine->isRunning();
+}
