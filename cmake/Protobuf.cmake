@@ -26,6 +26,9 @@ endif()
 set(protobuf_source "${TARNBOOSTER_PROTOBUF_SOURCE}")
 if(NOT protobuf_source)
   include(FetchContent)
+  if(POLICY CMP0135)
+    cmake_policy(SET CMP0135 NEW)  # unpacked files are as new as the fetch, so that a changed URL rebuilds
+  endif()
   # SOURCE_SUBDIR names no folder of the archive: its sources are wanted, not its build.
   FetchContent_Declare(tarnbooster_protobuf_source URL "${TARNBOOSTER_PROTOBUF_URL}" SOURCE_SUBDIR sources-only)
   FetchContent_MakeAvailable(tarnbooster_protobuf_source)
