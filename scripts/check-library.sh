@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Checks that a built libtarnbooster.so is fit to be loaded into other people's processes.
 set -euo pipefail
-. "$(dirname "$0")/imports.sh"
+allowedImports=$(dirname "$0")/allowed-imports.txt
 
 usage() {
   cat <<'HELP'
-usage: scripts/check-library.sh [--platform linux|android] [--max-size BYTES] LIB
+usage: scripts/check-library.sh [--platform linux|android] [--imports] [--max-size BYTES] LIB
 
 Checks a built library, for x86-64 or arm64, Linux or Android, and prints one line for each property:
 
@@ -17,22 +17,24 @@ Checks a built library, for x86-64 or arm64, Linux or Android, and prints one li
   stack        not executable, nor any other segment both writable and executable
   text         no relocations in code
   lifetime     never unloaded: the library's threads run for the life of the process
-  imports      no C library function that Android lacks (Linux builds; for Android the linker has checked it
-               against the NDK's own list)
+  imports      no C library function that Android at API level 24 lacks (a build with the NDK is not asked: its
+               linker has checked that against the NDK's own lists)
   path, tls    Android: no search path, no thread-local segment (before API 29 the loader refuses it)
   stripped     Android: no symbol table, no debug sections
   size         loaded bytes of the file: at most 512 KiB, or 1 MiB for Android, where the C++ runtime is inside
 
---platform overrides what the library's own C library tells. Exit status: 0 all is well, 1 a check failed,
+--platform overrides what the library's own C library tells; --imports checks the imports of an Android
+library too, for one that was linked without the NDK. Exit status: 0 all is well, 1 a check failed,
 2 the library could not be read.
 HELP
 }
 
-platform='' maxSize='' library=''
+platform='' maxSize='' library='' imports=no
 while [ $# -gt 0 ]; do
   case $1 in
     --help) usage; exit 0 ;;
     --platform) platform=${2:?}; shift 2 ;;
+    --imports) imports=yes; shift ;;
     --max-size) maxSize=${2:?}; shift 2 ;;
     -*) usage >&2; exit 2 ;;
     *) library=$1; shift ;;
@@ -145,8 +147,24 @@ checkDynamic() {
   report lifetime "$problems" "loaded for good, SONAME libtarnbooster.so"
 }
 
+# forbiddenImports: reads symbol names, one a line, NAME or NAME@VERSION, and prints those of C functions and
+# variables that are not on the list. C++ names, and the names of the compiler's runtime, are passed over: an
+# Android build brings its own of both along.
+forbiddenImports() {
+  awk -v list="$allowedImports" '
+    BEGIN {
+      while ((getline line < list) > 0) {
+        sub(/#.*/, "", line)
+        if (split(line, field, " ") > 0) allowed[field[1]] = 1
+      }
+    }
+    /^_Z/ || /@+(GLIBCXX|CXXABI|GCC)_/ || /^(__cxa_|__gxx_|_Unwind_|_ITM_|__gmon_start__|__gcc_|__dso_handle$)/ { next }
+    { sub(/@.*/, "") }
+    $0 != "" && !($0 in allowed) { print }' | sort -u
+}
+
 checkImports() {
-  [ "$platform" = linux ] || return 0
+  [ "$platform" = linux ] || [ "$imports" = yes ] || return 0
   report imports "$(awk '$7 == "UND" { print $8 }' <<<"$symbols" | forbiddenImports)" "none that Android lacks"
 }
 

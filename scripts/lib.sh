@@ -38,5 +38,5 @@ installPackages() {
 buildPackages=(g++ cmake ninja-build protobuf-compiler libprotobuf-dev android-liblog-dev
   openjdk-17-jdk-headless libcli11-dev)
 # What the tests need beside that.
-testPackages=(clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
+testPackages=(clang lld clang-format clang-tidy libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
   junit4 android-libnativehelper-dev)
