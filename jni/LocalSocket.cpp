@@ -160,7 +160,7 @@ LocalSocket::SendResult LocalSocket::sendFront(int64_t roundStartMs) {
   })
                            : -1;  // the loop has closed it: its number may be somebody else's by now
   if (ret < 0) {
-    LOG_ERROR_AT(136, "send failed fd:%d mfd:%d", fd, m_fd.load());
+    LOG_ERROR_IN("loop", 136, "send failed fd:%d mfd:%d", fd, m_fd.load());
     if (fd == m_socket) {
       onSocketError(fd);
       return SendResult::EndLoop;
@@ -176,7 +176,7 @@ LocalSocket::SendResult LocalSocket::sendFront(int64_t roundStartMs) {
   const int len = pack->len;
   const int offset = pack->offset;
   if (offset == len) m_queue.tryPop();
-  LOG_DEBUG_AT(158, "send: ret:%d fd:%d len:%d off:%d queue:%d time:%d ", static_cast<int>(ret), fd, len,
+  LOG_DEBUG_IN("loop", 158, "send: ret:%d fd:%d len:%d off:%d queue:%d time:%d ", static_cast<int>(ret), fd, len,
                offset, static_cast<int>(m_queue.size()), static_cast<int>(nowMs() - roundStartMs));
   return SendResult::Sent;
 }
@@ -270,12 +270,12 @@ void LocalSocket::receive(int fd) {
   const int ret =
       static_cast<int>(retryEintr([&] { return recvfrom(fd, buffer, sizeof(buffer), 0, nullptr, nullptr); }));
   if (ret <= 0) {
-    LOG_ERROR_AT(195, "recv error , fd:%d ret:%d errno:%d", fd, ret, errno);
+    LOG_ERROR_IN("loop", 195, "recv error , fd:%d ret:%d errno:%d", fd, ret, errno);
     m_master.remove(fd);
     onSocketError(fd);
     return;
   }
-  LOG_DEBUG_AT(200, "recv fd:%d ret:%d", fd, ret);
+  LOG_DEBUG_IN("loop", 200, "recv fd:%d ret:%d", fd, ret);
   const PeerInfo& peer = m_peers[fd];
   recvEvent(EVENT_DATA, fd, peer.uid, peer.path.c_str(), buffer, ret);
 }

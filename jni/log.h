@@ -5,7 +5,8 @@
 //
 // SITE is the source line of the statement, or, with the _AT macros, the fixed site number of that line:
 // people and scripts that read these logs know the numbered lines by it, so the number stays what it is on
-// whatever line the statement comes to stand.
+// whatever line the statement comes to stand. FUNCTION is the enclosing function; where a step of a named
+// operation is a function of its own, the _IN macros keep the operation's name.
 //
 // A file whose lines belong to another unit defines LOG_FILE_NAME before it includes this header.
 #pragma once
@@ -48,22 +49,27 @@ inline const char* shownText(const char* text) {
 #define LOG_FILE_NAME __FILE_NAME__
 #endif
 
-#define LOG_LINE_AT(priority, site, message, ...) \
-  logFunc(priority, TAG, "[%s,%s:%d]\"" message "\"", LOG_FILE_NAME, __func__, site, ##__VA_ARGS__)
+#define LOG_LINE_IN(priority, function, site, message, ...) \
+  logFunc(priority, TAG, "[%s,%s:%d]\"" message "\"", LOG_FILE_NAME, function, site, ##__VA_ARGS__)
 
 /// DEBUG: a trace; nothing, the arguments included, is evaluated while `g_debug` is off.
-#define LOG_DEBUG_AT(site, message, ...)                            \
-  do {                                                              \
-    if (g_debug.load(std::memory_order_relaxed)) {                  \
-      LOG_LINE_AT(ANDROID_LOG_DEBUG, site, message, ##__VA_ARGS__); \
-    }                                                               \
+#define LOG_DEBUG_IN(function, site, message, ...)                            \
+  do {                                                                        \
+    if (g_debug.load(std::memory_order_relaxed)) {                            \
+      LOG_LINE_IN(ANDROID_LOG_DEBUG, function, site, message, ##__VA_ARGS__); \
+    }                                                                         \
   } while (0)
+#define LOG_DEBUG_AT(site, message, ...) LOG_DEBUG_IN(__func__, site, message, ##__VA_ARGS__)
 #define LOG_DEBUG(message, ...) LOG_DEBUG_AT(__LINE__, message, ##__VA_ARGS__)
 
 /// WARN: a notice of a connection or protocol; always written.
-#define LOG_WARN_AT(site, message, ...) LOG_LINE_AT(ANDROID_LOG_WARN, site, message, ##__VA_ARGS__)
+#define LOG_WARN_IN(function, site, message, ...) \
+  LOG_LINE_IN(ANDROID_LOG_WARN, function, site, message, ##__VA_ARGS__)
+#define LOG_WARN_AT(site, message, ...) LOG_WARN_IN(__func__, site, message, ##__VA_ARGS__)
 #define LOG_WARN(message, ...) LOG_WARN_AT(__LINE__, message, ##__VA_ARGS__)
 
 /// ERROR: a failure, written once where it is detected; always written.
-#define LOG_ERROR_AT(site, message, ...) LOG_LINE_AT(ANDROID_LOG_ERROR, site, message, ##__VA_ARGS__)
+#define LOG_ERROR_IN(function, site, message, ...) \
+  LOG_LINE_IN(ANDROID_LOG_ERROR, function, site, message, ##__VA_ARGS__)
+#define LOG_ERROR_AT(site, message, ...) LOG_ERROR_IN(__func__, site, message, ##__VA_ARGS__)
 #define LOG_ERROR(message, ...) LOG_ERROR_AT(__LINE__, message, ##__VA_ARGS__)

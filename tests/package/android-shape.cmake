@@ -1,7 +1,7 @@
 # Builds the library in Android's shape on a machine without the NDK: Android's branches of sources and CMake
 # files, clang, lld, libraries of the right names. Empty libraries stand for Android's own, and the arm64 folder's
 # headers for its headers, so what comes out has the form of the real thing and cannot run.
-include(${CMAKE_CURRENT_LIST_DIR}/../cmake/arm64-linux.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/../../cmake/arm64-linux.cmake)
 
 set(ANDROID TRUE)
 set(CMAKE_C_COMPILER clang)

@@ -1,0 +1,336 @@
+// The client: when it starts engines, what requests put on the wire, and how it lives through the service's
+// deaths.
+#include "client.h"
+
+#include <csignal>
+#include <functional>
+#include <vector>
+
+#include "C2Java.h"
+#include "bytes.h"
+#include "log.h"
+#include "protocol.h"
+#include "support/LogCapture.h"
+#include "support/Support.h"
+
+namespace {
+
+/// A client of the test's own. Engines' threads may outlive the test and look at it, so it is never freed.
+Client& newClient() {
+  static auto& kept = *new std::vector<std::unique_ptr<Client>>;
+  kept.push_back(std::make_unique<Client>());
+  return *kept.back();
+}
+
+std::unique_ptr<Callback> newQueue() {
+  return std::make_unique<Callback>();
+}
+
+TEST(Client, StartsOnlyAConfiguredEngineAndOnlyOnePerInterval) {
+  const auto queue = newQueue();
+  FakeService service(uniqueName());
+  const struct {
+    const char* name;
+    std::string remote;
+    int port;
+    std::string local;
+    std::vector<int> results;  // of further tryStartEngine() calls
+    bool runs;
+  } cases[] = {
+      {"empty remote", "", 0, "l", {-1, -1}, false},
+      {"port below 1 and no local name", service.name(), -1, "", {-1}, false},
+      {"nobody listens", "tarn-nobody-listens", 0, "l", {-3, -3}, false},
+      {"running", service.name(), 0, "l", {-2, -2}, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Client& client = newClient();
+    EXPECT_EQ(client.engine(), nullptr) << "nothing is configured, and there is no sink yet";
+    client.init(c.remote, c.port, c.local, queue.get());
+    EXPECT_EQ(client.isRunning(), c.runs);
+    for (const int result : c.results) EXPECT_EQ(client.tryStartEngine(), result);
+    EXPECT_EQ(client.engine() != nullptr, c.runs);
+  }
+}
+
+TEST(Client, InitReplacesTheConfigurationUntilAnEngineIsHeld) {
+  g_debug = true;
+  const auto queue = newQueue();
+  FakeService service(uniqueName());
+  Client& client = newClient();
+  client.init("", 0, "", queue.get());
+  client.init(service.name(), 0, "here", queue.get());
+  ASSERT_TRUE(client.isRunning());
+  const LogCapture log;
+  client.init("elsewhere", 9, "there", queue.get());
+  g_debug = false;
+  EXPECT_EQ(
+      log.count("\"ClientInit client already inited remote:" + service.name() + " port:0 local:here cb:"), 1);
+  EXPECT_TRUE(client.isRunning());
+}
+
+TEST(Client, DisablingHidesARunningEngineAndEnablingFindsItAgain) {
+  g_debug = true;
+  const auto queue = newQueue();
+  FakeService service(uniqueName());
+  Client& client = newClient();
+  client.init(service.name(), 0, "l", queue.get());
+  const struct {
+    bool on;
+    bool engine;
+    const char* line;
+  } steps[] = {
+      {true, true, "3 [client.cpp,setEnable:366]\"setEnable 1 to 1 restart:0\""},
+      {false, false, "3 [client.cpp,setEnable:366]\"setEnable 0 to 0 restart:0\""},
+      {true, true, "3 [client.cpp,setEnable:366]\"setEnable 1 to 1 restart:1\""},
+  };
+  for (const auto& step : steps) {
+    const LogCapture log;
+    client.setEnable(step.on);
+    EXPECT_EQ(log.count(step.line), 1) << step.line;
+    EXPECT_EQ(client.engine() != nullptr, step.engine);
+    EXPECT_TRUE(client.isRunning());
+  }
+  g_debug = false;
+}
+
+TEST(Client, ReportsEveryRequestThatFindsNoEngineAndThrottlesTheAttempts) {
+  g_debug = true;
+  const auto queue = newQueue();
+  Client& client = newClient();
+  client.setRetryConnectInterval(0);
+  client.setRetryConnectInterval(-5);
+  client.init("tarn-nobody-listens", 0, "l", queue.get());
+  const LogCapture log;
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(client.engine(), nullptr);
+  g_debug = false;
+  EXPECT_EQ(log.count("3 [client.cpp,engine:277]\"ClientEngine not  running, try Reconnect\""), 3);
+  EXPECT_EQ(log.count("3 [client.cpp,tryStartEngine:312]\"tryStartEngine TimeDiff:"), 3);
+  EXPECT_EQ(log.count("\"connect ret:"), 0) << "the attempt of init() has used the 30 seconds up";
+  for (int i = 0; i < 3; ++i) {
+    const auto report = queue->take();
+    EXPECT_EQ(report->type, 1);
+    EXPECT_EQ(report->status, -20001);
+    EXPECT_EQ(report->timestamp + report->funcid + report->code + report->len, 0);
+  }
+}
+
+TEST(Client, ANonZeroPortNeverLeavesAnEngine) {
+  const auto queue = newQueue();
+  Client& client = newClient();
+  client.init("127.0.0.1", 9, "", queue.get());
+  EXPECT_FALSE(client.isRunning());
+  EXPECT_EQ(client.tryStartEngine(), -3);
+}
+
+TEST(Client, RestartsAfterTheServiceCameBackAndTheIntervalHasPassed) {
+  const auto queue = newQueue();
+  const std::string name = uniqueName();
+  auto service = std::make_unique<FakeService>(name);
+  Client& client = newClient();
+  client.setRetryConnectInterval(1);
+  client.init(name, 0, "l", queue.get());
+  ASSERT_TRUE(service->accept());
+  const auto first = client.engine();
+  ASSERT_NE(first, nullptr);
+  service.reset();
+  // A request into the dead connection is accepted, ends the engine, and the next request restarts it.
+  ASSERT_TRUE(eventually([&] { return first->sendReq(1003, nullptr, 0, 1, 1) > 0 && !first->isRunning(); }));
+  EXPECT_GT(first->sendReq(1003, nullptr, 0, 1, 1), 0) << "an ended engine neither blocks nor fails";
+  service = std::make_unique<FakeService>(name);
+  ASSERT_TRUE(eventually([&] { return client.engine() != nullptr; }));
+  EXPECT_NE(client.engine(), first);
+  ASSERT_TRUE(service->accept());
+  ASSERT_GT(client.engine()->sendReq(1003, nullptr, 0, 1, 1), 0);
+  EXPECT_EQ(service->readRequest().substr(0, 8), hex("52434448 0400 EB03"));
+}
+
+TEST(Client, AThreadStuckInAFullQueueComesBackWhenTheServiceDies) {
+  const auto queue = newQueue();
+  FakeService service(uniqueName());
+  Client& client = newClient();
+  client.init(service.name(), 0, "l", queue.get());
+  ASSERT_TRUE(service.accept());
+  const auto engine = client.engine();
+  const std::vector<uint8_t> big(1 << 20);
+  std::atomic<int> sent{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 12; ++i) {
+    threads.emplace_back([&] {
+      EXPECT_GT(engine->sendReq(1011, big.data(), big.size(), 1, 1), 0);
+      ++sent;
+    });
+  }
+  ASSERT_TRUE(eventually([&] { return sent >= 5; }));
+  EXPECT_LT(sent, 12) << "one is being written, five wait in the queue, the others for a place";
+  service.stop();
+  for (auto& thread : threads) thread.join();
+  EXPECT_TRUE(eventually([&] { return !engine->isRunning(); }));
+}
+
+TEST(Client, SurvivesEightThreadsOfRequestsAgainstADyingService) {
+  signal(SIGPIPE, SIG_DFL);  // a SIGPIPE that gets through ends the test
+  const auto queue = newQueue();
+  const std::string name = uniqueName();
+  Client& client = newClient();
+  client.setRetryConnectInterval(1);
+  std::atomic<bool> done{false};
+  std::atomic<int> answered{0};
+  std::thread drain([&] {
+    while (queue->take()->status != 1) ++answered;
+  });
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      const Bytes payload(static_cast<size_t>(t) * 1000, 'x');
+      for (int i = 0; !done; ++i) {
+        if (t == 7) client.setEnable(i % 64 != 0);
+        client.isRunning();
+        client.init(name, 0, "l", queue.get());
+        if (const auto engine = client.engine()) {
+          EXPECT_GT(
+              engine->sendReq(1011, reinterpret_cast<const uint8_t*>(payload.data()), payload.size(), t, i),
+              0);
+        } else {
+          std::this_thread::yield();
+        }
+      }
+    });
+  }
+  int lives = 0;
+  for (int round = 0; round < 4; ++round) {
+    FakeService service(name);
+    if (!service.accept()) continue;
+    ++lives;
+    for (int i = 0; i < 200; ++i) {
+      const Bytes request = service.readRequest();
+      if (request.size() < 32) break;
+      EXPECT_EQ(request.substr(0, 4), "RCDH");
+      service.write(reply(1011, 7, i % 2 == 0 ? "" : "a body"));
+    }
+  }
+  done = true;
+  for (auto& thread : threads) thread.join();
+  queue->pushCallback(1, 0, 1, 0, 0, nullptr, 0);
+  drain.join();
+  EXPECT_EQ(lives, 4);
+  EXPECT_GT(answered, 0);
+}
+
+// ---- Requests, through the process-wide client
+// ------------------------------------------------------------------
+
+class Requests : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    g_client.init(service().name(), 0, "l", &g_callback);
+    ASSERT_TRUE(service().accept());
+  }
+  static FakeService& service() {
+    static auto& instance = *new FakeService(uniqueName());
+    return instance;
+  }
+};
+
+const int kTids[] = {101, 102};
+
+TEST_F(Requests, PutTheirFuncidTheirCallerAndTheirGoldenBodyOnTheWire) {
+  const struct {
+    std::function<int()> call;
+    int funcid;
+    const char* body;
+    const char* line;  // the result line, without the results
+  } cases[] = {
+      {[] { return checkPermission(10, 20, 30, 40); }, 1001, "", "protocol.cpp,checkPermission"},
+      {[] { return requestCpuHighFreq(3, 5, 2, 1000, 30, 40); }, 1002, "0803 1002 18E807 2005",
+       "scene:3 action:5 level:2"},
+      {[] { return requestCpuHighFreq(-1, 1LL << 32, -2, 0, 30, 40); }, 1002,
+       "08FFFFFFFFFFFFFFFFFF01 10FEFFFFFFFFFFFFFFFF01 1800 208080808010", "scene:-1 action:0 level:-2"},
+      {[] { return cancelCpuHighFreq(30, 40); }, 1003, "", "protocol.cpp,cancelCpuHighFreq"},
+      {[] { return requestCpuCoreForThread(1, 4, kTids, 2, 50, 30, 40); }, 1004, "0801 1065 1066 1832 2004",
+       ":1 4 2 50  \""},
+      {[] { return requestCpuCoreForThread(1, 4, nullptr, 0, 50, 30, 40); }, 1004, "0801 1832 2004",
+       ":1 4 0 50  \""},
+      {[] { return cancelCpuCoreForThread(kTids, 2, 30, 40); }, 1005, "0865 0866",
+       "\"cancelCpuCoreForThread :2 end ret:"},
+      {[] { return requestHighIOFreq(3, 5, 2, 1000, 30, 40); }, 1006, "0803 1002 18E807 2005",
+       "requestHighIOFreq:"},
+      {[] { return cancelHighIOFreq(30, 40); }, 1007, "", "\"cancelHighIOFreq ret:"},
+      {[] { return requestScreenResolution(2, "ui", 30, 40); }, 1008, "0802 12027569",
+       "level: 2 uiName:ui end ret:"},
+      {[] { return requestScreenResolution(0, "", 30, 40); }, 1008, "0800 1200", "level: 0 uiName: end ret:"},
+      {[] { return resetScreenResolution(30, 40); }, 1009, "", "\"resetScreenResolution end ret:"},
+      {[] { return registerANRCallback(30, 40); }, 1010, "", "\"registerANRCallback end ret:"},
+      {[] {
+         return registerBootPreloadResource({"/a", ""}, 30, 40);
+       },
+       1011, "0A022F61 0A00", "files size:2 end ret:"},
+      {[] { return registerBootPreloadResource({}, 30, 40); }, 1011, "", "files size:0 end ret:"},
+      {[] { return terminateApp(30, 40); }, 1012, "", "\"terminateApp ret:"},
+      {[] { return requestUnifyCpuIOThreadCore(1, 6, 2, 3, kTids, 2, 5, 30, 40); }, 1013,
+       "0801 1002 1803 2065 2066 2805 3006", ":1 6 2 3 2 5 end ret:"},
+      {[] { return cancelUnifyCpuIOThreadCore(true, false, true, kTids, 1, 30, 40); }, 1014,
+       "0801 1000 1801 2065", ":1 0 1 1 end ret:"},
+      {[] { return cancelUnifyCpuIOThreadCore(false, false, false, nullptr, 0, 30, 40); }, 1014,
+       "0800 1000 1800", ":0 0 0 0 end ret:"},
+  };
+  g_debug = true;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.funcid) + " " + c.body);
+    const LogCapture log;
+    const int result = c.call();
+    const Bytes packet = service().readRequest();
+    ASSERT_GE(packet.size(), 32u);
+    const auto* const header = reinterpret_cast<const uint8_t*>(packet.data());
+    EXPECT_EQ(read16le(header + 6), c.funcid);
+    EXPECT_EQ(read32le(header + 12), static_cast<uint32_t>(result)) << "the low word of the send time";
+    EXPECT_EQ(read32le(header + 20), 30u);
+    EXPECT_EQ(read64le(header + 24), 40u);
+    EXPECT_EQ(packet.substr(32), hex(c.body));
+    EXPECT_EQ(log.count("3 [protocol.cpp,"), 1);
+    EXPECT_EQ(log.count(c.line), 1) << c.line;
+    EXPECT_EQ(log.count("ret:" + std::to_string(result)), 1);
+  }
+  g_debug = false;
+}
+
+TEST_F(Requests, CarryAHundredThousandFileNamesFromASmallStack) {
+  std::vector<std::string> files;
+  for (int i = 0; i < 100000; ++i) files.push_back("/data/file-" + std::to_string(i));
+  int result = -1;
+  pthread_attr_t small;
+  pthread_attr_init(&small);
+  pthread_attr_setstacksize(&small, 256 * 1024);
+  pthread_t thread{};
+  auto call = std::make_pair(&files, &result);
+  ASSERT_EQ(pthread_create(
+                &thread, &small,
+                [](void* argument) -> void* {
+                  const auto& [names, ret] = *static_cast<decltype(call)*>(argument);
+                  *ret = registerBootPreloadResource(*names, 30, 40);
+                  return nullptr;
+                },
+                &call),
+            0);
+  const Bytes packet = service().readRequest();
+  pthread_join(thread, nullptr);
+  EXPECT_NE(result, kNoEngine);
+  EXPECT_GT(packet.size(), 1500000u);
+  EXPECT_EQ(packet.substr(packet.size() - 16), "/data/file-99999");
+}
+
+TEST_F(Requests, WithoutThreadsOrWithoutAnEngineSendNothing) {
+  const LogCapture log;
+  EXPECT_EQ(cancelCpuCoreForThread(nullptr, 0, 30, 40), kNoThreads);
+  EXPECT_EQ(log.count("\"cancelCpuCoreForThread bindlen :0\""), 1);
+  g_client.setEnable(false);
+  EXPECT_EQ(cancelCpuCoreForThread(nullptr, 0, 30, 40), kNoEngine);
+  EXPECT_EQ(terminateApp(30, 40), kNoEngine);
+  EXPECT_EQ(log.count("bindlen"), 1);
+  g_client.setEnable(true);
+  EXPECT_NE(resetScreenResolution(30, 40), kNoEngine);
+  EXPECT_EQ(read16le(reinterpret_cast<const uint8_t*>(service().readRequest().data()) + 6), 1009)
+      << "nothing was sent before it";
+}
+
+}  // namespace

@@ -1,0 +1,275 @@
+// The transport over real abstract sockets, as a client of a fake service and as a server of plain clients.
+#include "LocalSocket.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "log.h"
+#include "support/LogCapture.h"
+#include "support/Support.h"
+#include "thread.h"
+
+namespace {
+
+/// A transport whose owner records events; its loop runs on a thread of the test.
+class Transport : public LocalSocket {
+ public:
+  ~Transport() override { stop(); }
+  void run(bool isServer) {
+    m_thread = std::thread([this, isServer] {
+      blockSigpipe();
+      m_result = loop(isServer);
+      m_ended = true;
+    });
+  }
+  void stop() {
+    uninit();
+    if (m_thread.joinable()) m_thread.join();
+  }
+  bool queue(const Bytes& bytes, int fd = -1) {
+    auto pack = std::make_unique<SendPack>();
+    pack->fd = fd >= 0 ? fd : m_fd.load();
+    pack->data.reset(new uint8_t[bytes.size()]);
+    memcpy(pack->data.get(), bytes.data(), bytes.size());
+    pack->len = static_cast<int32_t>(bytes.size());
+    return enqueue(std::move(pack));
+  }
+  bool saw(const std::string& event) {
+    const std::lock_guard<std::mutex> lock(m_eventsLock);
+    return std::find(m_events.begin(), m_events.end(), event) != m_events.end();
+  }
+  int fd() const { return m_fd; }
+  int lastAccepted() const { return m_accepted; }
+
+  std::atomic<bool> m_ended{false};
+  std::atomic<int> m_result{99};
+  std::atomic<int> m_acceptResult{0};
+
+ protected:
+  int32_t recvEvent(int32_t event, int32_t fd, uint32_t uid, const char* path, const uint8_t* data,
+                    int32_t len) override {
+    const std::lock_guard<std::mutex> lock(m_eventsLock);
+    m_events.push_back(std::to_string(event) + " uid " + std::to_string(uid) + " path " + shownText(path) +
+                       " data " + Bytes(reinterpret_cast<const char*>(data), len));
+    if (event != EVENT_ACCEPT) return 0;
+    m_accepted = fd;
+    return m_acceptResult;
+  }
+
+ private:
+  std::thread m_thread;
+  std::mutex m_eventsLock;
+  std::vector<std::string> m_events;  // guarded by m_eventsLock
+  std::atomic<int> m_accepted{0};
+};
+
+/// A plain client connected to an abstract name, itself bound to `local` if that is not empty.
+int plainClient(const std::string& name, const std::string& local = "") {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const auto address = [](const std::string& text, socklen_t* length) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path + 1, text.data(), text.size());
+    *length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
+    return address;
+  };
+  socklen_t length = 0;
+  if (!local.empty()) {
+    const sockaddr_un own = address(local, &length);
+    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&own), length), 0);
+  }
+  const sockaddr_un to = address(name, &length);
+  EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&to), length), 0) << strerror(errno);
+  return fd;
+}
+
+TEST(LocalSocketClientSide, SendsQueuedPacksInOrderAndReportsWhatArrives) {
+  FakeService service(uniqueName());
+  Transport transport;
+  const LogCapture log;
+  ASSERT_EQ(transport.createSocket("here", service.name().c_str()), 0);
+  EXPECT_GT(transport.fd(), 2);
+  EXPECT_EQ(fcntl(transport.fd(), F_GETFL) & O_NONBLOCK, 0) << "the connected socket stays blocking";
+  EXPECT_EQ(log.count("5 [LocalSocket.cpp,createSocket:298]\"create ClientProtocal socket:" +
+                      std::to_string(transport.fd()) + " local:here remote:" + service.name() + "\""),
+            1);
+  transport.run(false);
+  ASSERT_TRUE(service.accept());
+  for (const char* text : {"one ", "two ", "three"}) EXPECT_TRUE(transport.queue(text));
+  EXPECT_EQ(service.read(13), "one two three");
+  service.write("hello");
+  EXPECT_TRUE(eventually([&] { return transport.saw("1 uid 0 path  data hello"); }));
+  transport.stop();
+  EXPECT_EQ(transport.m_result, 0);
+  EXPECT_FALSE(transport.queue("late")) << "an ended loop takes nothing any more";
+}
+
+TEST(LocalSocketClientSide, ABurstBehindAFullSocketDoesNotDrainAtOnePackASecond) {
+  FakeService service(uniqueName());
+  Transport transport;
+  ASSERT_EQ(transport.createSocket("", service.name().c_str()), 0);
+  g_debug = true;
+  const LogCapture log;
+  transport.run(false);
+  ASSERT_TRUE(service.accept());
+  const Bytes pack(4096, 'p');
+  const std::string full = "\" FD_ISSET(fd, &fdset) :0 fd:";
+  int packs = 0;
+  while (log.count(full) == 0) {
+    transport.queue(pack);
+    ++packs;
+    ASSERT_TRUE(eventually([&] { return log.count("\"send: ret:") == packs || log.count(full) > 0; }));
+  }
+  // One pack waits already; four more fill the queue, and each wakes a round that cannot write.
+  for (int i = 0; i < 4; ++i, ++packs) transport.queue(pack);
+  ASSERT_TRUE(eventually([&] { return log.count(full) >= 5; }));
+  g_debug = false;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(service.read(packs * pack.size()).size(), packs * pack.size());
+  // The first of the five may wait a second for the next look at the socket, the others wait for nothing.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3500));
+}
+
+TEST(LocalSocketClientSide, TheEndOfTheServiceEndsTheLoopAtTheNextSendAndFreesWaitingProducers) {
+  FakeService service(uniqueName());
+  Transport transport;
+  const LogCapture log;
+  ASSERT_EQ(transport.createSocket("", service.name().c_str()), 0);
+  transport.run(false);
+  ASSERT_TRUE(service.accept());
+  service.stop();
+  ASSERT_TRUE(eventually([&] { return transport.saw("0 uid 0 path (null) data "); }));
+  EXPECT_EQ(log.count("6 [LocalSocket.cpp,loop:195]\"recv error , fd:"), 1);
+  EXPECT_FALSE(transport.m_ended) << "the end of the stream alone does not end the loop";
+  std::vector<std::thread> producers;
+  for (int i = 0; i < 12; ++i) {
+    producers.emplace_back([&] { transport.queue("lost"); });
+  }
+  for (auto& producer : producers) producer.join();
+  EXPECT_TRUE(eventually([&] { return transport.m_ended.load(); }));
+  EXPECT_EQ(transport.m_result, 0);
+  EXPECT_EQ(transport.fd(), 0);
+  EXPECT_EQ(log.count("6 [LocalSocket.cpp,loop:136]\"send failed fd:"), 1);
+}
+
+TEST(LocalSocketClientSide, AStopReleasesALoopThatIsStuckInASend) {
+  FakeService service(uniqueName());
+  Transport transport;
+  ASSERT_EQ(transport.createSocket("", service.name().c_str()), 0);
+  transport.run(false);
+  ASSERT_TRUE(service.accept());
+  transport.queue(Bytes(8 << 20, 's'));  // more than any socket buffer; the service reads none of it
+  transport.stop();
+  EXPECT_TRUE(transport.m_ended);
+}
+
+TEST(LocalSocketSetup, FailuresAreOneErrorLineAndNeverWait) {
+  FakeService busy(uniqueName(), 0);
+  const int first = plainClient(busy.name());  // fills the backlog of a service that does not accept
+  const std::string longest(107, 'n');
+  const std::string tooLong(108, 'n');
+  const struct {
+    const char* local;
+    std::string remote;
+    const char* line;
+  } cases[] = {
+      {"l", "tarn-nobody-listens", "6 [LocalSocket.cpp,createSocket:294]\"connect ret:-1 fd:"},
+      {"l", busy.name(), "6 [LocalSocket.cpp,createSocket:294]\"connect ret:-1 fd:"},
+      {"l", tooLong, "6 [LocalSocket.cpp,createSocket:294]\"connect ret:-1 fd:"},
+      {tooLong.c_str(), "", "6 [LocalSocket.cpp,createSocket:271]\"bind ret:-1 fd:"},
+      {busy.name().c_str(), "", "6 [LocalSocket.cpp,createSocket:271]\"bind ret:-1 fd:"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line + c.remote);
+    const LogCapture log;
+    Transport transport;
+    EXPECT_LT(transport.createSocket(c.local, c.remote.c_str()), 0);
+    EXPECT_EQ(transport.fd(), 0);
+    EXPECT_EQ(log.count(c.line), 1);
+    EXPECT_EQ(log.count("6 ["), 1);
+  }
+  close(first);
+  FakeService listening(longest);
+  Transport transport;
+  EXPECT_EQ(transport.createSocket("", longest.c_str()), 0) << "107 bytes are a name";
+}
+
+TEST(LocalSocketServerSide, AcceptsReadsAnswersAndOutlivesAClient) {
+  const std::string name = uniqueName();
+  const std::string longest(107, 'c');
+  Transport server;
+  ASSERT_EQ(server.createSocket(name.c_str(), nullptr), 0);
+  server.run(true);
+  const int named = plainClient(name, longest);
+  const std::string uid = std::to_string(getuid());
+  ASSERT_TRUE(eventually([&] { return server.saw("3 uid " + uid + " path " + longest + " data "); }));
+  const int namedPeer = server.lastAccepted();
+  const int unnamed = plainClient(name);
+  ASSERT_TRUE(eventually([&] { return server.saw("3 uid " + uid + " path  data "); }));
+  ASSERT_EQ(write(named, "ping", 4), 4);
+  ASSERT_TRUE(eventually([&] { return server.saw("1 uid " + uid + " path " + longest + " data ping"); }));
+  close(named);
+  ASSERT_TRUE(eventually([&] { return server.saw("0 uid " + uid + " path " + longest + " data "); }));
+  // The closed peer's number is reused by somebody else, who must not get what was meant for the peer.
+  int other[2];
+  ASSERT_EQ(pipe2(other, O_NONBLOCK), 0);
+  const int stranger = fcntl(other[1], F_DUPFD, namedPeer);
+  EXPECT_TRUE(server.queue("for a peer that is gone", namedPeer));
+  EXPECT_TRUE(server.queue("pong", server.lastAccepted()));
+  char answer[5] = {};
+  EXPECT_EQ(recv(unnamed, answer, 4, MSG_WAITALL), 4);
+  EXPECT_STREQ(answer, "pong");
+  EXPECT_EQ(read(other[0], answer, 1), -1);
+  for (const int fd : {unnamed, other[0], other[1], stranger}) close(fd);
+}
+
+TEST(LocalSocketServerSide, OneRefusedPeerEndsTheServer) {
+  const LogCapture log;
+  const std::string name = uniqueName();
+  Transport server;
+  server.m_acceptResult = -1;
+  ASSERT_EQ(server.createSocket(name.c_str(), ""), 0);
+  server.run(true);
+  const int client = plainClient(name);
+  EXPECT_TRUE(eventually([&] { return server.m_ended.load(); }));
+  EXPECT_EQ(server.m_result, -1);
+  EXPECT_EQ(log.linesWith("NotAccept").size(), 1u);
+  char byte = 0;
+  EXPECT_EQ(recv(client, &byte, 1, 0), 0) << "the refused connection is closed";
+  close(client);
+}
+
+TEST(LocalSocketClientSide, WorksAboveAThousandTwentyFourDescriptors) {
+  if (getenv("TARN_EMULATED") != nullptr) GTEST_SKIP() << "the emulator's select ends at 1023";
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = std::min<rlim_t>(files.rlim_max, 4096);
+  setrlimit(RLIMIT_NOFILE, &files);
+  std::vector<int> held;
+  while (held.empty() || (held.back() >= 0 && held.back() < 1500))
+    held.push_back(open("/dev/null", O_RDONLY));
+  if (held.back() < 1500) GTEST_SKIP() << "too few descriptors allowed here";
+  FakeService service(uniqueName());
+  Transport transport;
+  ASSERT_EQ(transport.createSocket("", service.name().c_str()), 0);
+  EXPECT_GT(transport.fd(), 1500);
+  transport.run(false);
+  ASSERT_TRUE(service.accept());
+  transport.queue("up here");
+  EXPECT_EQ(service.read(7), "up here");
+  service.write("and back");
+  EXPECT_TRUE(eventually([&] { return transport.saw("1 uid 0 path  data and back"); }));
+  transport.stop();
+  for (const int fd : held) close(fd);
+}
+
+}  // namespace

@@ -1,0 +1,111 @@
+// The bounded queue and the descriptor helpers that everything else stands on.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "BoundedQueue.h"
+#include "SelectSet.h"
+#include "WakePipe.h"
+#include "descriptor.h"
+#include "support/Support.h"
+
+TEST(BoundedQueue, ProducersBeyondTheCapacityWaitForThePlaceOfATakenItem) {
+  BoundedQueue<int> queue(5);
+  std::atomic<int> pushed{0};
+  std::vector<std::thread> producers;
+  for (int i = 0; i < 8; ++i) {
+    producers.emplace_back([&, i] {
+      EXPECT_TRUE(queue.push(std::make_unique<int>(i)));
+      ++pushed;
+    });
+  }
+  ASSERT_TRUE(eventually([&] { return pushed == 5; }));
+  for (int taken = 1; taken <= 3; ++taken) {
+    EXPECT_EQ(queue.size(), 5u);
+    ASSERT_NE(queue.tryPop(), nullptr);
+    ASSERT_TRUE(eventually([&] { return pushed == 5 + taken; }));
+  }
+  for (auto& producer : producers) producer.join();
+  EXPECT_EQ(queue.size(), 5u);
+}
+
+TEST(BoundedQueue, CloseSendsEveryWaitingAndEveryLaterProducerBack) {
+  BoundedQueue<int> queue(1);
+  ASSERT_TRUE(queue.push(std::make_unique<int>(1)));
+  std::atomic<int> refused{0};
+  std::vector<std::thread> producers;
+  for (int i = 0; i < 4; ++i) {
+    producers.emplace_back([&] { refused += queue.push(std::make_unique<int>(2)) ? 0 : 1; });
+  }
+  queue.close();
+  queue.close();
+  for (auto& producer : producers) producer.join();
+  EXPECT_EQ(refused, 4);
+  EXPECT_FALSE(queue.push(std::make_unique<int>(3)));
+  EXPECT_EQ(*queue.tryPop(), 1) << "what was queued stays for the consumer";
+  EXPECT_EQ(queue.tryPop(), nullptr);
+}
+
+TEST(Descriptors, AreAboveTwoAndCloseOnExecEvenWhereTheApplicationClosedTheFirstThree) {
+  const pid_t child = fork();
+  if (child == 0) {
+    for (const int fd : {0, 1, 2}) close(fd);
+    WakePipe pipe;
+    const bool opened = pipe.open() == 0;
+    const int file = openForReading("/proc/self/stat");
+    bool good = opened && file > 2 && pipe.readEnd() > 2 && pipe.writeEnd() > 2;
+    for (const int fd : {file, pipe.readEnd(), pipe.writeEnd()})
+      good = good && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+    for (const int fd : {0, 1, 2}) good = good && fcntl(fd, F_GETFD) == -1;
+    _exit(good ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+TEST(WakePipe, AWakeAfterTheCloseWritesNowhereEvenIfTheNumberIsReused) {
+  WakePipe pipe;
+  ASSERT_EQ(pipe.open(), 0);
+  const int writeEnd = pipe.writeEnd();
+  pipe.wake();
+  EXPECT_EQ(pipe.drain(), 4);
+  pipe.close();
+  int other[2];
+  ASSERT_EQ(pipe2(other, O_NONBLOCK), 0);
+  ASSERT_EQ(dup2(other[1], writeEnd), writeEnd);
+  pipe.wake();
+  char byte = 0;
+  EXPECT_EQ(read(other[0], &byte, 1), -1) << "a stranger's pipe was written to";
+  for (const int fd : {other[0], other[1], writeEnd}) close(fd);
+}
+
+TEST(SelectSet, SeesDescriptorsBeyondTheThousandTwentyFour) {
+  if (getenv("TARN_EMULATED") != nullptr) GTEST_SKIP() << "the emulator's select ends at 1023";
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = std::min<rlim_t>(files.rlim_max, 4096);
+  setrlimit(RLIMIT_NOFILE, &files);
+  if (files.rlim_cur < 2100) GTEST_SKIP() << "at most " << files.rlim_cur << " descriptors allowed here";
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const int high = fcntl(ends[0], F_DUPFD, 2050);
+  ASSERT_EQ(write(ends[1], "x", 1), 1);
+  SelectSet set;
+  set.add(ends[0]);
+  set.add(high);
+  timeval atOnce = {0, 0};
+  EXPECT_EQ(SelectSet::select(high, &set, nullptr, &atOnce), 2);
+  EXPECT_TRUE(set.contains(high));
+  set.remove(high);
+  EXPECT_FALSE(set.contains(high));
+  set.add(high);
+  close(high);
+  EXPECT_EQ(SelectSet::select(high, &set, nullptr, &atOnce), -1);
+  EXPECT_FALSE(set.contains(ends[0])) << "after an error nothing counts as ready";
+  close(ends[0]);
+  close(ends[1]);
+}

@@ -1,0 +1,211 @@
+// From the service's bytes to the callback queue: reply framing, its kept count, and the filter.
+#include <sys/resource.h>
+
+#include <vector>
+
+#include "C2Java.h"
+#include "amc.pb.h"
+#include "client.h"
+#include "log.h"
+#include "support/LogCapture.h"
+#include "support/Support.h"
+
+namespace {
+
+/// Records every complete reply.
+class Owner : public ClientProtocal {
+ public:
+  void onCallback(int32_t event, int32_t funcid, int64_t word16, int64_t timestamp, int32_t status,
+                  const uint8_t* data, int32_t len) override {
+    EXPECT_EQ(event, 0);
+    EXPECT_EQ(data == nullptr, len == 0);
+    m_got.push_back(reply(static_cast<uint16_t>(funcid), static_cast<uint32_t>(status),
+                          data != nullptr ? Bytes(reinterpret_cast<const char*>(data), len) : "", timestamp,
+                          static_cast<uint64_t>(word16)));
+  }
+  std::shared_ptr<IClientEngine> engine() override { return nullptr; }
+  IC2JavaCallback* c2JavaCallback() override { return nullptr; }
+
+  std::vector<Bytes> m_got;
+};
+
+/// An engine that is fed by hand.
+class Engine : public LocalsocketClient {
+ public:
+  explicit Engine(ClientProtocal* owner) : LocalsocketClient("remote", "local", owner) {}
+  int read(const Bytes& bytes) {
+    return recvEvent(EVENT_DATA, 9, 0, nullptr, reinterpret_cast<const uint8_t*>(bytes.data()),
+                     static_cast<int32_t>(bytes.size()));
+  }
+  using LocalsocketClient::recvEvent;
+};
+
+const Bytes kPlain = reply(1002, 5, "", 7000000000, 0x1122334455667788);
+const Bytes kBody5 = reply(1010, 0, "abcde", 1);
+const Bytes kBody9 = reply(1010, 0, "123456789", 2);
+
+TEST(ReplyFraming, RepliesSplitAtEveryByteAreDeliveredOnce) {
+  const Bytes stream = kPlain + kBody5 + kPlain + kBody9 + kPlain;
+  const std::vector<Bytes> expected = {kPlain, kBody5, kPlain, kBody9, kPlain};
+  for (size_t cut = 1; cut < stream.size(); ++cut) {
+    Owner owner;
+    Engine engine(&owner);
+    EXPECT_EQ(engine.read(stream.substr(0, cut)), 0);
+    EXPECT_EQ(engine.read(stream.substr(cut)), 0);
+    EXPECT_EQ(owner.m_got, expected) << "cut at " << cut;
+  }
+  Owner owner;
+  Engine engine(&owner);
+  for (const char byte : stream) engine.read(Bytes(1, byte));
+  EXPECT_EQ(owner.m_got, expected) << "byte by byte";
+}
+
+TEST(ReplyFraming, TheBodyCountKeptFromAnEarlierReplyIsWhereTheNextBodyStarts) {
+  const Bytes zeros5 = reply(1010, 0, Bytes(5, '\0'), 1);
+  const struct {
+    const char* name;
+    std::vector<Bytes> reads;
+    std::vector<Bytes> delivered;
+    int badHeaders;
+  } cases[] = {
+      // The second reply completes with its header; its body is then taken for a header with what follows.
+      {"same length", {kBody5, kBody5 + Bytes(27, 'x'), kPlain}, {kBody5, zeros5, kPlain}, 1},
+      {"longer: only the tail is filled",
+       {kBody5, kBody9.substr(0, 32) + "6789"},
+       {kBody5, reply(1010, 0, Bytes(5, '\0') + "6789", 2)},
+       0},
+      {"shorter: starts again at 0", {kBody9, kBody5 + kPlain}, {kBody9, kBody5, kPlain}, 0},
+      {"none: starts again at 0", {kBody5, kPlain, kBody5}, {kBody5, kPlain, kBody5}, 0},
+      {"the count survives a bad header", {kBody5, Bytes(32, 'x'), kBody5}, {kBody5, zeros5}, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const LogCapture log;
+    Owner owner;
+    Engine engine(&owner);
+    for (const Bytes& bytes : c.reads) engine.read(bytes);
+    EXPECT_EQ(owner.m_got, c.delivered);
+    EXPECT_EQ(log.count("6 [client.cpp,recvEvent:175]\"Check Header BEGIN failed:0x"), c.badHeaders);
+  }
+}
+
+TEST(ReplyFraming, ABadHeaderDropsTheRestOfItsReadOnly) {
+  const LogCapture log;
+  Owner owner;
+  Engine engine(&owner);
+  EXPECT_EQ(engine.read("HDCR" + kPlain.substr(4) + kPlain), -1);
+  EXPECT_EQ(
+      log.count("6 [client.cpp,recvEvent:175]\"Check Header BEGIN failed:0x52434448 server:0x48444352\""), 1);
+  EXPECT_EQ(engine.read(kPlain), 0);
+  EXPECT_EQ(owner.m_got, std::vector<Bytes>{kPlain});
+}
+
+TEST(ReplyFraming, AClaimedLengthCostsNoMemoryAndAnImpossibleOneIsOneErrorLine) {
+  Owner owner;
+  Engine engine(&owner);
+  const Bytes huge = reply(1010, 0).substr(0, 12) + hex("FFFFFF7F") + Bytes(16, '\0');
+  rusage before{};
+  getrusage(RUSAGE_SELF, &before);
+  EXPECT_EQ(engine.read(huge + Bytes(4096, 'x')), 0);
+  rusage after{};
+  getrusage(RUSAGE_SELF, &after);
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 4096) << "kilobytes";
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  if (getenv("TARN_EMULATED") != nullptr) GTEST_SKIP() << "the emulator does not limit the address space";
+  Engine second(&owner);
+  const LogCapture log;
+  rlimit space{};
+  getrlimit(RLIMIT_AS, &space);
+  const rlimit small = {rlim_t{1} << 30, space.rlim_max};
+  setrlimit(RLIMIT_AS, &small);
+  EXPECT_EQ(second.read(huge + kPlain), -1);
+  setrlimit(RLIMIT_AS, &space);
+  EXPECT_EQ(log.count("\"reply body of 2147483647 bytes not allocated\""), 1);
+  EXPECT_EQ(second.read(kPlain), 0);
+  EXPECT_EQ(owner.m_got, std::vector<Bytes>{kPlain});
+#endif
+}
+
+TEST(ReplyFraming, OtherEventsAreTracedAndEveryPeerIsRefused) {
+  const LogCapture log;
+  Owner owner;
+  Engine engine(&owner);
+  EXPECT_EQ(engine.recvEvent(EVENT_ERROR, 9, 0, nullptr, nullptr, 0), 0);
+  EXPECT_EQ(
+      log.count(
+          "6 [client.cpp,recvEvent:153]\"LocalsocketClient recvEvent EVENT_ERROR: uid:0 path:(null) fd:9  "
+          "Reconnect now.\""),
+      1);
+  EXPECT_EQ(engine.recvEvent(EVENT_ACCEPT, 9, 0, "peer", nullptr, 0), -1);
+  EXPECT_EQ(log.count("ERR EVENT"), 0) << "debugging is off";
+}
+
+/// A client object that is only its filter.
+class Filter : public ClientProtocal {
+ public:
+  std::shared_ptr<IClientEngine> engine() override { return nullptr; }
+  IC2JavaCallback* c2JavaCallback() override { return m_sink; }
+  IC2JavaCallback* m_sink = nullptr;
+};
+
+TEST(ReplyFilter, QueuesStatusesAndPushesInOrderAndTracesTheRest) {
+  amc::DataCallback message;
+  message.set_code(7);
+  message.set_data(Bytes("\x01\x00\x02", 3));
+  const Bytes push = message.SerializeAsString();
+  EXPECT_EQ(push, hex("0807 1203010002"));
+  message.set_data("");
+  const Bytes emptyPush = message.SerializeAsString();
+  const struct {
+    int funcid, status;
+    int64_t timestamp;
+    Bytes data;
+    int type;  // 0: nothing is queued
+    int64_t queuedTimestamp;
+    int code;
+    Bytes queuedData;
+    const char* trace;
+  } cases[] = {
+      {1002, 0, 5, "", 0, 0, 0, "", "\"onCallback c2JavaCallback:0x"},
+      {1002, 5, 9000, "", 1, 9000, 0, "", ""},
+      {1010, -1, 9000, push, 1, 9000, 0, "", ""},
+      {1010, 0, 9000, push, 2, 0, 7, Bytes("\x01\x00\x02", 3), ""},
+      {1010, 0, 9000, emptyPush, 2, 0, 7, "", ""},
+      {1010, 0, 9000, "", 0, 0, 0, "", "\"onCallback c2JavaCallback:0x"},
+      {1010, 0, 9000, "\x08", 0, 0, 0, "", "\"onCallback ParseFromArray ret:0 c2JavaCallback:0x"},
+      {1010, 0, 9000, hex("0807"), 0, 0, 0, "", "\"onCallback ParseFromArray ret:0 c2JavaCallback:0x"},
+      {1011, 0, 9000, push, 0, 0, 0, "", "\"onCallback c2JavaCallback:0x"},
+      {1014, 77, 1, "", 1, 1, 0, "", ""},
+  };
+  g_debug = true;
+  const auto queue = std::make_unique<Callback>();
+  Filter filter;
+  const auto feed = [&](const decltype(cases[0])& c) {
+    const LogCapture log;
+    filter.onCallback(0, c.funcid, 99, c.timestamp, c.status,
+                      c.data.empty() ? nullptr : reinterpret_cast<const uint8_t*>(c.data.data()),
+                      static_cast<int32_t>(c.data.size()));
+    EXPECT_EQ(log.count("3 [protocol.cpp,onCallback:"), *c.trace != '\0' ? 1 : 0);
+    EXPECT_EQ(log.count(c.trace), *c.trace != '\0' ? 1 : 0) << c.trace;
+  };
+  const LogCapture unset;
+  filter.onCallback(0, 1002, 0, 0, 5, nullptr, 0);
+  EXPECT_EQ(unset.count("\"onCallback c2JavaCallback:0x0 funcid:1002 data:0x0 len:0\""), 1);
+  filter.m_sink = queue.get();
+  for (const auto& c : cases) feed(c);
+  g_debug = false;
+  for (const auto& c : cases) {
+    if (c.type == 0) continue;
+    const auto info = queue->take();
+    EXPECT_EQ(info->type, c.type);
+    EXPECT_EQ(info->timestamp, c.queuedTimestamp);
+    EXPECT_EQ(info->status, c.status);
+    EXPECT_EQ(info->funcid, c.funcid);
+    EXPECT_EQ(info->code, c.code);
+    EXPECT_EQ(Bytes(reinterpret_cast<char*>(info->data.get()), info->len), c.queuedData);
+    EXPECT_EQ(info->data == nullptr, c.queuedData.empty());
+  }
+}
+
+}  // namespace
