@@ -1,0 +1,207 @@
+#include "Server.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+
+#include "Listener.h"
+#include "Text.h"
+#include "descriptor.h"
+#include "protocol.h"
+
+namespace service {
+namespace {
+
+// What epoll names its descriptors by; peers' ids follow.
+constexpr uint64_t kWakeId = 0, kListenerId = 1, kFirstPeerId = 2;
+
+constexpr int64_t kAcceptPauseMs = 200;
+
+/// Milliseconds of a clock that never steps: boosts must not end early because somebody set the time.
+int64_t steadyMs() {
+  using std::chrono::steady_clock;
+  return std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+Server::Server(ServerOptions options, Dispatcher& dispatcher, const Journal& journal)
+    : m_options(std::move(options)),
+      m_dispatcher(dispatcher),
+      m_journal(journal),
+      m_epoll(keepAboveStdio(epoll_create1(EPOLL_CLOEXEC))),
+      m_wake(keepAboveStdio(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
+      m_lastId(kFirstPeerId - 1) {}
+
+bool Server::start(std::string& problem) {
+  if (!m_epoll || !m_wake) {
+    problem = "no descriptors left: raise the limit (ulimit -n)";
+    return false;
+  }
+  m_listener = listenOn(m_options.name, problem);
+  if (!m_listener) return false;
+  if (!watch(m_wake.get(), kWakeId, EPOLLIN) || !watch(m_listener.get(), kListenerId, EPOLLIN)) {
+    problem = "epoll: " + errorText(errno);
+    return false;
+  }
+  const int64_t now = steadyMs();
+  for (RepeatedPush& repeated : m_options.repeat) repeated.nextAt = now + repeated.everyMs;
+  m_journal.always("listening on @" + m_options.name);
+  return true;
+}
+
+void Server::run() {
+  epoll_event events[64];
+  while (!m_stopped) {
+    const int count = epoll_wait(m_epoll.get(), events, std::size(events), waitMs(steadyMs()));
+    const int64_t now = steadyMs();
+    m_dispatcher.boosts().endExpired(now);
+    for (int i = 0; i < count; ++i) {
+      const uint64_t id = events[i].data.u64;
+      if (id == kListenerId) accept(now);
+      if (id >= kFirstPeerId) serve(id, events[i].events, now);
+    }
+    pushRepeated(now);
+    if (m_acceptAgainAt != 0 && now >= m_acceptAgainAt) {
+      m_acceptAgainAt = 0;
+      watch(m_listener.get(), kListenerId, EPOLLIN);
+    }
+  }
+  while (!m_clients.empty()) close(m_clients.begin()->first, "the service ends");
+  m_dispatcher.boosts().endAll("the service ends");
+}
+
+void Server::stop() {
+  m_stopped = true;
+  const uint64_t one = 1;
+  [[maybe_unused]] const ssize_t written = write(m_wake.get(), &one, sizeof(one));
+}
+
+/// Puts the descriptor into the epoll set, or changes its events there.
+bool Server::watch(int fd, uint64_t id, uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = id;
+  return epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, fd, &event) == 0 ||
+         (errno == EEXIST && epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, fd, &event) == 0);
+}
+
+/// How long nothing is due, in milliseconds; -1 for as long as nothing happens.
+int Server::waitMs(int64_t now) const {
+  int64_t due = m_dispatcher.boosts().nextExpiry();
+  for (const RepeatedPush& repeated : m_options.repeat) due = std::min(due, repeated.nextAt);
+  if (m_acceptAgainAt != 0) due = std::min(due, m_acceptAgainAt);
+  if (due == kNoExpiry) return -1;
+  return static_cast<int>(std::clamp<int64_t>(due - now, 0, INT32_MAX));
+}
+
+void Server::accept(int64_t now) {
+  Descriptor socket(
+      keepAboveStdio(accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)));
+  if (!socket) {
+    if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) return;
+    // The waiting client would wake the loop again at once and for ever: look away for a while.
+    m_journal.always("cannot accept a client now: " + errorText(errno));
+    m_acceptAgainAt = now + kAcceptPauseMs;
+    watch(m_listener.get(), kListenerId, 0);
+    return;
+  }
+  Peer peer;
+  peer.id = ++m_lastId;
+  peer.process = PeerProcess::ofSocket(socket.get());
+  peer.name = peer.isKnown() ? "pid=" + std::to_string(peer.process->pid()) +
+                                   " uid=" + std::to_string(peer.process->uid())
+                             : "pid=? uid=?";
+  if (m_clients.size() >= kMaxClients) {
+    m_journal.always("turned away " + peer.name + ": " + std::to_string(kMaxClients) + " clients are served");
+    return;
+  }
+  if (!watch(socket.get(), peer.id, EPOLLIN)) return;
+  m_journal.detail("connected " + peer.name);
+  const uint64_t id = peer.id;
+  m_clients[id] = std::make_unique<SocketClient>(std::move(socket), std::move(peer));
+}
+
+void Server::serve(uint64_t id, uint32_t events, int64_t now) {
+  const auto found = m_clients.find(id);
+  if (found == m_clients.end()) return;  // closed earlier in this round
+  SocketClient& client = *found->second;
+  if ((events & EPOLLOUT) != 0) flush(client);
+  if (m_clients.count(id) == 0 || (events & ~static_cast<uint32_t>(EPOLLOUT)) == 0) return;
+  const bool goesOn = client.receive();
+  if (!serveRequests(client, now)) return;
+  if (!goesOn) close(id, client.reader().atBoundary() ? "disconnected" : "disconnected inside a request");
+}
+
+/// Handles every whole request that has arrived. False when the client was closed over it.
+bool Server::serveRequests(SocketClient& client, int64_t now) {
+  const uint64_t id = client.peer().id;
+  RequestPacket packet;
+  std::string problem;
+  RequestReader::Result result = RequestReader::Result::MORE_NEEDED;
+  while ((result = client.reader().next(packet, problem)) == RequestReader::Result::PACKET) {
+    Request request;
+    if (!decodeRequest(packet, request, problem)) {
+      result = RequestReader::Result::BAD;
+      break;
+    }
+    answer(client, request, now);
+  }
+  flush(client);
+  if (m_clients.count(id) == 0) return false;
+  if (result != RequestReader::Result::BAD) return true;
+  m_journal.always("closed " + client.peer().name + ": bad input: " + problem);
+  close(id, "");
+  return false;
+}
+
+void Server::answer(SocketClient& client, const Request& request, int64_t now) {
+  const Outcome outcome = m_dispatcher.handle(request, client.peer(), now);
+  m_journal.event(requestLine(request, client.peer(), outcome));
+  client.replies().answer(request, outcome.status);
+  if (request.funcid != FUNCID_REGISTER_ANR_CALLBACK || outcome.status != STATUS_DONE) return;
+  client.setRegistered();
+  for (const Push& pushed : m_options.onRegister) push(client, pushed);
+}
+
+void Server::push(SocketClient& client, const Push& pushed) {
+  client.replies().push(pushed);
+  m_journal.event(pushLine(client.peer(), pushed));
+}
+
+void Server::pushRepeated(int64_t now) {
+  for (RepeatedPush& repeated : m_options.repeat) {
+    if (now < repeated.nextAt) continue;
+    repeated.nextAt = now + repeated.everyMs;
+    for (auto next = m_clients.begin(); next != m_clients.end();) {
+      SocketClient& client = *(next++)->second;  // flush() may close it
+      if (!client.isRegistered()) continue;
+      push(client, repeated.push);
+      flush(client);
+    }
+  }
+}
+
+void Server::flush(SocketClient& client) {
+  if (!client.flush()) {
+    m_journal.always("closed " + client.peer().name + ": it does not read its replies");
+    close(client.peer().id, "");
+    return;
+  }
+  watch(client.fd(), client.peer().id, client.hasOutput() ? EPOLLIN | EPOLLOUT : EPOLLIN);
+}
+
+/// why  for the line, unless it was said already
+void Server::close(uint64_t id, const std::string& why) {
+  const auto found = m_clients.find(id);
+  if (!why.empty()) m_journal.detail("closed " + found->second->peer().name + ": " + why);
+  m_dispatcher.peerGone(found->second->peer());
+  m_clients.erase(found);
+}
+
+}  // namespace service

@@ -1,0 +1,76 @@
+// The server: one thread that waits for clients, requests, and the time of boosts and pushes to come.
+//
+// It never waits for a single client: sockets do not block, output is kept per client up to a bound, and bad
+// input closes the client it came from. Everything but stop() belongs to the thread that calls run().
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Dispatcher.h"
+#include "Journal.h"
+#include "SocketClient.h"
+
+namespace service {
+
+/// A push that registered clients get again and again.
+struct RepeatedPush {
+  Push push;
+  int64_t everyMs = 1000;
+  int64_t nextAt = 0;  // filled in by the server
+};
+
+struct ServerOptions {
+  std::string name;                  // in the abstract namespace, 1 to 107 bytes
+  std::vector<Push> onRegister;      // sent to a client behind the reply to its registration
+  std::vector<RepeatedPush> repeat;  // sent to every registered client
+};
+
+/// Clients at a time; more are turned away with a line.
+constexpr size_t kMaxClients = 256;
+
+class Server {
+ public:
+  /// The dispatcher and the journal must outlive the server.
+  Server(ServerOptions options, Dispatcher& dispatcher, const Journal& journal);
+
+  /// Opens everything and says "listening on @NAME". False, with the problem named, when that fails.
+  bool start(std::string& problem);
+
+  /// Serves until stop(); then undoes all boosts and closes all clients. After start().
+  void run();
+
+  /// Ends run(). Any thread, and signal handlers.
+  void stop();
+
+ private:
+  using Clients = std::map<uint64_t, std::unique_ptr<SocketClient>>;
+
+  bool watch(int fd, uint64_t id, uint32_t events);
+  int waitMs(int64_t now) const;
+  void accept(int64_t now);
+  void serve(uint64_t id, uint32_t events, int64_t now);
+  bool serveRequests(SocketClient& client, int64_t now);
+  void answer(SocketClient& client, const Request& request, int64_t now);
+  void push(SocketClient& client, const Push& push);
+  void pushRepeated(int64_t now);
+  void flush(SocketClient& client);
+  void close(uint64_t id, const std::string& why);
+
+  ServerOptions m_options;
+  Dispatcher& m_dispatcher;
+  const Journal& m_journal;
+  Descriptor m_epoll;
+  Descriptor m_wake;  // an eventfd; made in the constructor, so that stop() may come before start()
+  Descriptor m_listener;
+  std::atomic<bool> m_stopped{false};
+  int64_t m_acceptAgainAt = 0;  // when descriptors had run out: not before
+  uint64_t m_lastId;            // the last peer id given out
+  Clients m_clients;            // by peer id
+};
+
+}  // namespace service
