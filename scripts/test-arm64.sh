@@ -30,6 +30,7 @@ began=$SECONDS
 step() { say "[$((SECONDS - began)) s] $*"; }
 
 installPackages "${buildPackages[@]}" "${testPackages[@]}" g++-aarch64-linux-gnu qemu-user-static mmdebstrap
+useJava17
 folder=$("$ROOT/scripts/arm64-folder.sh")
 protobuf=$("$ROOT/scripts/protobuf-source.sh")
 export TARNBOOSTER_ARM64_FOLDER=$folder
