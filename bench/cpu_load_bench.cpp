@@ -64,7 +64,7 @@ void oneSample(benchmark::State& state) {
   if (!monitor.prepare()) state.SkipWithError("no stat file");
   monitor.sample();
   const int64_t before = g_allocations;
-  for (auto _ : state) monitor.sample();
+  while (state.KeepRunning()) monitor.sample();
   reportAllocations(state, before);
 }
 BENCHMARK(oneSample);
@@ -87,7 +87,7 @@ void bareReads(benchmark::State& state, Read readFile) {
   const int frequency = open(root.frequencyFile(0).c_str(), O_RDONLY | O_CLOEXEC);
   char buffer[4096];
   const int64_t before = g_allocations;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     if (readFile(stat, buffer, sizeof(buffer)) < 1) state.SkipWithError("the stat file gave nothing");
     if (readFile(frequency, buffer, sizeof(buffer)) < 1)
       state.SkipWithError("the frequency file gave nothing");

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "cpuText.h"
+#include "support/Support.h"
 
 namespace fs = std::filesystem;
 
@@ -26,8 +27,6 @@ extern "C" const char* __tsan_default_options() {
 namespace {
 
 constexpr int32_t kTid = 77;
-constexpr auto kDeadline = std::chrono::seconds(60);
-using Clock = std::chrono::steady_clock;
 
 std::string statText(int32_t ticks, int32_t cpu, const std::string& name = "(worker)") {
   std::string text = "77 " + name + " S 4 5 6 7 8 9 10 11 12 13 " + std::to_string(ticks - ticks / 4) + " " +
@@ -202,9 +201,9 @@ TEST_F(CpuLoad, StartsAndStopsFromManyThreadsLoseNoTrace) {
   write(statFile(), statText(1, 0));
   const size_t files = entries("/proc/self/fd");
   std::atomic<int> stopped{0};
-  std::vector<std::thread> threads;
-  for (int n = 0; n < 4; ++n) {
-    threads.emplace_back([&] {
+  std::thread threads[4];
+  for (auto& thread : threads) {
+    thread = std::thread([&] {
       for (int round = 0; round < 20; ++round) {
         stopped += stopTraceCpuLoad(startTrace(kTid, round % 2, m_root, 1)) == 0;
         EXPECT_EQ(stopTraceCpuLoad(1), -1);  // monitors are aligned: no handle is odd
@@ -229,13 +228,14 @@ TEST_F(CpuLoad, AStopThatWaitsForItsSamplerHoldsUpNobodyElse) {
   const int32_t stuck = startTrace(kTid, 0, m_root, 1);
   auto waiting = std::async(std::launch::async, stopTraceCpuLoad, stuck);
   auto others = std::async(std::launch::async, [stuck] {
-    for (size_t listed = 1; listed != 0;) {
+    const auto takenOut = [stuck] {
       std::lock_guard<std::mutex> lock(g_monitorsLock);
-      listed = g_monitors.count(stuck);
-    }
+      return g_monitors.count(stuck) == 0;
+    };
+    EXPECT_TRUE(eventually(takenOut));
     stopTraceCpuLoad(startTrace(getpid(), 0, "", 1));
   });
-  EXPECT_EQ(others.wait_for(kDeadline), std::future_status::ready);
+  EXPECT_EQ(others.wait_for(std::chrono::seconds(60)), std::future_status::ready);
   while (waiting.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) {
     close(open(frequencyFile(0).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
   }
@@ -243,14 +243,12 @@ TEST_F(CpuLoad, AStopThatWaitsForItsSamplerHoldsUpNobodyElse) {
 }
 
 TEST(CpuLoadOfThisMachine, TheProcessMayExitWhileSamplersRun) {
-  // The threadsafe style starts the program anew, which an emulated one cannot.
-  GTEST_FLAG_SET(death_test_style, getenv("TARN_EMULATED") != nullptr ? "fast" : "threadsafe");
   EXPECT_EXIT(
       {
         for (int32_t periodMs : {0, 0, 1, -1}) {
           if (startTrace(getpid(), periodMs, "", 1) == 0) _exit(1);
         }
-        exit(0);
+        exit(0);  // NOLINT(concurrency-mt-unsafe): ends as an application does
       },
       testing::ExitedWithCode(0), "");
 }
@@ -266,18 +264,18 @@ TEST(CpuLoadOfThisMachine, ABusyThreadIsChargedAndAnIdleOneIsNot) {
   });
   const int32_t idleTid = tid.get_future().get();
   const bool weighted = fs::exists("/sys/devices/system/cpu/cpu0/cpufreq/scaling_cur_freq");
-  int32_t busy = 0, waiting = -1;
-  // Minus the ticks where no frequency can be read; -1 alone might be a refusal.
-  const auto seen = [&] { return (weighted ? busy > 0 : busy < -1) && waiting == 0; };
-  for (const auto end = Clock::now() + kDeadline; !seen() && Clock::now() < end;) {
+  const auto seen = [&] {
     const int32_t busyTrace = startTraceCpuLoad(gettid(), 1);
     const int32_t idleTrace = startTraceCpuLoad(idleTid, 1);
+    using Clock = std::chrono::steady_clock;
     for (const auto until = Clock::now() + std::chrono::milliseconds(100); Clock::now() < until;) {
     }
-    busy = stopTraceCpuLoad(busyTrace);
-    waiting = stopTraceCpuLoad(idleTrace);
-  }
-  EXPECT_TRUE(seen()) << busy << " " << waiting;
+    const int32_t busy = stopTraceCpuLoad(busyTrace);
+    const int32_t waiting = stopTraceCpuLoad(idleTrace);
+    // Minus the ticks where no frequency can be read; -1 alone might be a refusal.
+    return (weighted ? busy > 0 : busy < -1) && waiting == 0;
+  };
+  EXPECT_TRUE(eventually(seen, 60));
   end.set_value();
   idle.join();
 }
