@@ -39,7 +39,7 @@ buildPackages=(g++ cmake ninja-build protobuf-compiler libprotobuf-dev android-l
   openjdk-17-jdk-headless libcli11-dev)
 # What the tests need beside that.
 testPackages=(clang lld clang-format clang-tidy libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
-  junit4 android-libnativehelper-dev)
+  junit4 proguard-cli android-libnativehelper-dev)
 
 # useJava17: points JAVA_HOME and PATH at Debian's OpenJDK 17, whatever other Java the machine has.
 useJava17() {

@@ -63,6 +63,8 @@ cat >"$module/libs/android.arm64-v8a/abi.json" <<JSON
 JSON
 
 mkdir -p "$(dirname "$output")"
-rm -f "$output"
-jar --create --no-manifest --date=2024-01-01T00:00:00Z --file "$output" -C "$tree" .
-"$ROOT/scripts/check-aar.sh" "$output"
+package=$(cd "$(dirname "$output")" && pwd)/$(basename "$output")
+rm -f "$package"
+(cd "$tree" && find . -type f -printf '%P\n' | LC_ALL=C sort |
+  xargs jar --create --no-manifest --date=2024-01-01T00:00:00Z --file "$package")
+"$ROOT/scripts/check-aar.sh" "$package" || { rm -f "$package" && die "no package was made"; }

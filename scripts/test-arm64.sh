@@ -10,7 +10,7 @@ usage: scripts/test-arm64.sh [--asan] [--no-demo]
 On a Debian machine of another processor: installs a cross compiler and qemu, makes a folder of arm64 packages,
 builds the project for 64-bit Arm Linux with the protobuf runtime compiled in, as Android needs it, and runs the
 unit tests, the tests in an arm64 OpenJDK and the demo under qemu. Then checks the library's file, builds it once
-more as an Android compiler and linker see it, and checks that too.
+more as an Android compiler and linker see it, checks that too, and assembles an Android package around it.
 
   --asan     also the unit tests under AddressSanitizer and UndefinedBehaviorSanitizer
   --no-demo  without the demo
@@ -74,5 +74,9 @@ fi
 step "the library in Android's shape"
 build android-shape --toolchain "$ROOT/tests/package/android-shape.cmake" -DCMAKE_BUILD_TYPE=Release
 "$ROOT/scripts/check-library.sh" --imports "$BUILD/android-shape/jni/libtarnbooster.so"
+
+step "the Android package around it"
+"$ROOT/scripts/make-aar.sh" --library "$BUILD/android-shape/jni/libtarnbooster.so" \
+  --jar "$BUILD/arm64/java/tarnbooster.jar" --output "$BUILD/android-shape/tarnbooster.aar"
 
 step "64-bit Arm is well"

@@ -14,7 +14,6 @@ read -ra java <<<"${TARN_JAVA:-${TARN_DEFAULT_JAVA:-java}}"
 run() {
   proguard -injars "$application:$library" -outjars "$1.jar" -dontwarn -dontnote -forceprocessing \
     -keep 'class com.tarn.example.Application { public static void main(java.lang.String[]); }' \
-    -keepclassmembers 'class * implements com.tarn.performance.TarnBoosterListener { void onData(...); }' \
     "${@:2}" >"$1.log" 2>&1 || { cat "$1.log"; exit 1; }
   "${java[@]}" -Djava.library.path="$folder" -cp "$1.jar" com.tarn.example.Application >"$1.out" 2>"$1.err"
 }

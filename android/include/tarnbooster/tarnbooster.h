@@ -3,6 +3,9 @@
  * Applications in Java need none of it: loading the library through com.tarn.performance.TarnBoosterJNI
  * registers the natives. JNI_OnLoad is exported too; <jni.h> declares it, and only the virtual machine calls
  * it.
+ *
+ * Code that uses the variables is compiled with -fPIC, as all code of shared libraries is. In an executable
+ * without it the linker makes copies of them, which the library does not see.
  */
 #ifndef TARNBOOSTER_TARNBOOSTER_H
 #define TARNBOOSTER_TARNBOOSTER_H
