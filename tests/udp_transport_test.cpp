@@ -1,0 +1,227 @@
+// The transport as its peers see it: bytes on the wire, losses, timers, and what hostile peers cannot do.
+#include <random>
+
+#include "support/LogCapture.h"
+#include "support/UdpRelay.h"
+
+namespace {
+
+Bytes patternOf(size_t size) {
+  Bytes bytes;
+  for (size_t i = 0; i < size; ++i) bytes += static_cast<char>(i * 7 + i / 1000);
+  return bytes;
+}
+
+TEST(UdpTransport, DatagramsAreTheseBytesInBothDirections) {
+  // version, type, dl, checksum, tl, of, sequence, session id, payload
+  const Bytes syn = hex("01 04 0000 4bc1e4e8 00000000 00000000 a0860100 0000000000000000");
+  const Bytes data = hex("01 01 0300 b4229e11 03000000 00000000 a1860100 8877665544332211 616263");
+  const Bytes fin = hex("01 05 0000 9544536a 00000000 00000000 a2860100 0000000000000000");
+  const Bytes synAck = hex("01 02 0000 8c9cbd54 00000000 00000000 a0860100 0000000000000000");
+  const Bytes dataAck = hex("01 02 0000 9c076f31 03000000 03000000 a1860100 8877665544332211");
+  const Bytes finAck = hex("01 02 0000 130286b8 00000000 00000000 a2860100 0000000000000000");
+  PlainPeer peer;
+  Endpoint endpoint(10000);
+  endpoint.queue(peer.address, 1, "");  // opens the direction and sends nothing else
+  endpoint.queue(peer.address, 0x1122334455667788, "abc");
+  EXPECT_EQ(peer.receive(), syn);
+  EXPECT_EQ(peer.receive(), data) << "sent without waiting for the SYN's acknowledgement";
+  peer.send(endpoint.localAddress(), synAck);
+  peer.send(endpoint.localAddress(), dataAck);
+  EXPECT_TRUE(endpoint.saw(UDP_EVENT_SESSION_FINISH));
+  for (const auto& [sent, answer] : {std::pair{syn, synAck}, {data, dataAck}, {fin, finAck}}) {
+    peer.send(endpoint.localAddress(), sent);
+    EXPECT_EQ(peer.receive(), answer);
+  }
+  const auto events = endpoint.events();
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_EQ(events[1].sessionId, 0x1122334455667788);
+  EXPECT_EQ(events[1].message, "abc");
+}
+
+TEST(UdpTransport, EveryStateAndPacketHasItsOutcome) {
+  const struct {
+    const char* what;
+    int type;
+    uint32_t sequence, of, tl, dl;
+    int64_t ackOffset;  // offset of the ACK, or -1 when there is none
+    const char* log;    // a line that must appear
+  } steps[] = {
+      {"DATA before SYN", 1, 100001, 0, 3, 3, -1, "R_IGNORERecvStat"},
+      {"FIN before SYN", 5, 9, 0, 0, 4, 0, "maybe retrans fin pkg, ack it anyway."},
+      {"ACK without sender", 2, 1, 0, 0, 0, -1, "S_IGNORERecvStat"},
+      {"unknown type", 3, 1, 0, 0, 0, -1, "t:3,ERR_TYPE"},
+      {"SYN", 4, 100000, 0, 0, 0, 0, "R_NEW RECEIVER:R["},
+      {"SYN again", 4, 100000, 0, 0, 0, 0, ""},
+      {"too far ahead", 1, 100002, 0, 3, 3, -1, "R_IGNORERecvSEQ [100002,100001]"},
+      {"FIN out of sequence", 5, 100002, 0, 0, 0, -1, "R_IGNORERecvSEQ [100002,100001]"},
+      {"first piece", 1, 100001, 0, 2500, 1000, 1000, ""},
+      {"second piece", 1, 100002, 1000, 2500, 1000, 2000, ""},
+      {"second piece again", 1, 100002, 1000, 2500, 1000, 2000, ""},
+      {"last piece", 1, 100003, 2000, 2500, 500, 2500, ""},
+      {"no beginning", 1, 100004, 5, 9, 4, 9, "Not session:7 sessionPair:0 first package offset:5"},
+      {"a beginning", 1, 100005, 0, 5000, 10, 10, ""},
+      {"wrong offset", 1, 100006, 1000, 5000, 10, 1010, "session:7 offset error:1000 local:10"},
+      {"five back", 1, 100002, 1000, 2500, 1000, 2000, ""},
+      {"six back", 1, 100001, 0, 2500, 1000, -1, "R_IGNORERecvSEQ [100001,100007]"},
+      {"late SYN", 4, 100000, 0, 0, 0, 0, "R_CLEANNewSync"},
+      {"which ended the direction", 1, 100007, 0, 3, 3, -1, "R_IGNORERecvSEQ [100007,100001]"},
+      {"FIN", 5, 100001, 0, 0, 0, 0, "R_CLOSE RECEIVER:R["},
+      {"SYN at the end of the numbers", 4, 0xFFFFFFFF, 0, 0, 0, 0, "R_NEW RECEIVER:R["},
+      {"expected 0: 0 - 5 is far above", 1, 0, 0, 3, 3, -1, "R_IGNORERecvSEQ [0,0]"},
+  };
+  PlainPeer peer;
+  Endpoint endpoint;
+  for (const auto& step : steps) {
+    const LogCapture log;
+    peer.send(endpoint.localAddress(),
+              datagram(step.type, step.sequence, step.of, step.tl, Bytes(step.dl, 1)));
+    EXPECT_TRUE(*step.log == 0 || eventually([&] { return log.count(step.log) == 1; })) << step.what;
+    if (step.ackOffset < 0) continue;  // an answer too many would be taken for that of a later step
+    EXPECT_EQ(peer.receive(), datagram(2, step.sequence, step.ackOffset, step.tl)) << step.what;
+  }
+  ASSERT_EQ(endpoint.events().size(), 1U);
+  EXPECT_EQ(endpoint.events()[0].message, Bytes(2500, 1));
+}
+
+TEST(UdpTransport, AcknowledgementsFreeTheWindowInAnyOrder) {
+  const LogCapture log;
+  PlainPeer peer;
+  Endpoint endpoint(10000);
+  endpoint.queue(peer.address, 1, patternOf(6000));
+  for (uint32_t sequence = 100000; sequence <= 100005; ++sequence)
+    EXPECT_EQ(sequenceOf(peer.receive()), sequence);
+  const auto ack = [&](uint32_t sequence) { peer.send(endpoint.localAddress(), datagram(2, sequence)); };
+  ack(100001);
+  EXPECT_TRUE(eventually([&] { return log.count("S_IGNORERecvSEQ [100001,100000]") == 1; }))
+      << "the SYN comes first";
+  for (uint32_t sequence : {100000, 100003, 100003}) ack(sequence);
+  EXPECT_TRUE(eventually([&] { return log.count("win:100001;100002;4294967295;100004;100005;") == 1; }));
+  EXPECT_TRUE(peer.receive(0).empty()) << "the sixth waits for the lowest number";
+  ack(100001);
+  const Bytes whole = patternOf(6000);
+  EXPECT_EQ(peer.receive(), datagram(1, 100006, 5000, 6000, Bytes(whole.begin() + 5000, whole.end()), 1));
+}
+
+std::atomic<int64_t> g_now{1000000};
+
+TEST(UdpTransport, SixSendsHalfASecondApartThenOneTimeout) {
+  PlainPeer peer;
+  UdpTiming timing;  // but for the clock, what everybody gets
+  timing.now = [] { return g_now.load(); };
+  Endpoint endpoint(timing);
+  const auto passRounds = [&] {
+    const LogCapture log;
+    for (int i = 0; i < 2; ++i) peer.send(endpoint.localAddress(), datagram(7, 1));
+    EXPECT_TRUE(eventually([&] { return log.count("t:7,ERR_TYPE") == 2; }));
+  };
+  endpoint.queue(peer.address, 42, "x");
+  ASSERT_EQ(sequenceOf(peer.receive()), 100000U);
+  peer.send(endpoint.localAddress(), datagram(2, 100000));
+  for (int send = 0; send < 6; ++send) {
+    EXPECT_EQ(sequenceOf(peer.receive()), 100001U) << send;
+    passRounds();
+    g_now += 499;
+    passRounds();
+    EXPECT_TRUE(peer.receive(0).empty() && endpoint.events().empty()) << "too early";
+    g_now += 1;
+  }
+  ASSERT_TRUE(endpoint.saw(UDP_EVENT_TIMEOUT));
+  g_now += 100000;
+  passRounds();
+  EXPECT_TRUE(peer.receive(0).empty()) << "a seventh";
+  ASSERT_EQ(endpoint.events().size(), 1U);
+  EXPECT_EQ(endpoint.events()[0].sessionId, 42);
+}
+
+TEST(UdpTransport, GivenUpPacketBoundsItsSenderUntilItsLateAck) {
+  const LogCapture log;
+  PlainPeer peer;
+  Endpoint endpoint(60);
+  for (int64_t session = 1; session <= 6; ++session) endpoint.queue(peer.address, session, "x");
+  uint32_t highest = 0;
+  for (bool givenUp = false; !givenUp;) {
+    const uint32_t sequence = sequenceOf(peer.receive(5));
+    highest = std::max(highest, sequence);
+    if (sequence > 100001 || sequence == 100000)
+      peer.send(endpoint.localAddress(), datagram(2, sequence, 1, 1));
+    givenUp = !endpoint.events(UDP_EVENT_TIMEOUT).empty();
+  }
+  EXPECT_TRUE(endpoint.saw(UDP_EVENT_SESSION_FINISH, 4));
+  EXPECT_EQ(highest, 100005U);
+  peer.send(endpoint.localAddress(), datagram(2, 100001, 1, 1));
+  EXPECT_TRUE(eventually([&] { return log.count("event delete failed arg:T[") >= 1; }));
+  while (sequenceOf(peer.receive()) != 100006) ASSERT_FALSE(HasFailure());
+}
+
+TEST(UdpTransport, MessagesArriveWholeAndInOrderThroughBadWeather) {
+  const size_t sizes[] = {1, 999, 1000, 1001, 5000, 5001, 100000};
+  for (const Weather& weather :
+       {Weather{1, 0, 0, 0, 0}, {2, 30, 0, 0, 0}, {3, 0, 50, 10, 0}, {4, 20, 20, 10, 0}}) {
+    SCOPED_TRACE(weather.seed);
+    Endpoint left, right;
+    Relay relay(right.localAddress(), weather);
+    for (size_t size : sizes) left.queue(relay.address(), 0, patternOf(size));
+    ASSERT_TRUE(right.saw(UDP_EVENT_DATA, std::size(sizes)));
+    EXPECT_TRUE(left.saw(UDP_EVENT_SESSION_FINISH, std::size(sizes)));
+    const auto events = right.events();
+    ASSERT_EQ(events.size(), std::size(sizes));
+    for (size_t i = 0; i < std::size(sizes); ++i)
+      EXPECT_EQ(events[i].message, patternOf(sizes[i])) << sizes[i];
+  }
+}
+
+TEST(UdpTransport, LostSynAckDeliversTheFirstMessagesTwice) {
+  Endpoint left(400), right;
+  Relay relay(right.localAddress(), {1, 0, 0, 0, 1});
+  for (const char* message : {"1", "2"}) left.queue(relay.address(), 1, message);
+  ASSERT_TRUE(right.saw(UDP_EVENT_DATA, 4));
+  std::string order;
+  for (const auto& event : right.events()) order += event.message;
+  EXPECT_EQ(order, "1212");
+}
+
+TEST(UdpTransport, HostileDatagramsNeitherStopNorHangIt) {
+  std::mt19937 random(20);
+  PlainPeer peers[3];
+  Endpoint endpoint;
+  endpoint.queue(peers[0].address, 1, patternOf(20000));  // its ACKs may come from the storm
+  for (int i = 0; i < 3000; ++i) {
+    const uint32_t sequences[] = {100000, 100001 + uint32_t(random() % 8), uint32_t(random())};
+    const uint32_t lengths[] = {0, uint32_t(random() % 3000), 0xFFFFFFFF - uint32_t(random() % 3)};
+    Bytes bytes = datagram(random() % 7, sequences[random() % 3], lengths[random() % 3],
+                           lengths[random() % 3], Bytes(random() % 1001, 0), random() % 4);
+    if (random() % 4 == 0) bytes.resize(random() % 1200);
+    if (random() % 8 == 0) std::generate(bytes.begin(), bytes.end(), random);
+    peers[i % 3].send(endpoint.localAddress(), bytes);
+  }
+  Endpoint other;
+  other.queue(endpoint.localAddress(), 99, patternOf(20000));
+  EXPECT_TRUE(other.saw(UDP_EVENT_SESSION_FINISH));
+  EXPECT_EQ(endpoint.events(UDP_EVENT_DATA).back().message, patternOf(20000));
+}
+
+/// The transport's inner operations, called without a thread.
+struct Bookkeeping : UDP {
+  int recvEvent(int, const sockaddr_in&, int64_t, const uint8_t*, uint32_t) override { return 0; }
+  void check() {
+    const sockaddr_in peer = loopback(10);
+    TimeoutEvent lost;
+    lost.peer = peer;
+    lost.pkg = newPacket();
+    EXPECT_EQ(sendPackage(nullptr, PACKET_DATA, 1, lost.pkg.get()), -1);
+    EXPECT_EQ(sendPackage(&peer, PACKET_DATA, 1, lost.pkg.get()), -1) << "no sender";
+    EXPECT_EQ(processTimeout(lost), -1) << "no sender";
+    Sender& sender = getSender(peer);
+    EXPECT_EQ(sendPackage(&peer, PACKET_DATA, 1, lost.pkg.get()), -2);
+    EXPECT_EQ(processTimeout(lost), -1) << "not in the window";
+    EXPECT_EQ(sendPackage(&peer, 7, 1, lost.pkg.get()), -3);
+    EXPECT_EQ(processTimeout(sender.synTimeoutEvent), 0);
+  }
+};
+
+TEST(UdpTransport, BrokenBookkeepingIsNoticed) {
+  Bookkeeping().check();
+}
+
+}  // namespace
