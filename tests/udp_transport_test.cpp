@@ -213,8 +213,8 @@ TEST(UdpTransport, HostileDatagramsNeitherStopNorHangIt) {
   for (int i = 0; i < 3000; ++i) {
     const uint32_t sequences[] = {100000, 100001 + uint32_t(random() % 8), uint32_t(random())};
     const uint32_t lengths[] = {0, uint32_t(random() % 3000), 0xFFFFFFFF - uint32_t(random() % 3)};
-    Bytes bytes = datagram(random() % 7, sequences[random() % 3], lengths[random() % 3],
-                           lengths[random() % 3], Bytes(random() % 1001, 0), random() % 4);
+    Bytes bytes = datagram(int(random() % 7), sequences[random() % 3], lengths[random() % 3],
+                           lengths[random() % 3], Bytes(random() % 1001, 0), int(random() % 4));
     if (random() % 4 == 0) bytes.resize(random() % 1200);
     if (random() % 8 == 0) std::generate(bytes.begin(), bytes.end(), random);
     peers[i % 3].send(endpoint.localAddress(), bytes);
