@@ -81,7 +81,6 @@ int LocalSocket::createSocket(const char* localPath, const char* remotePath) {
     LOG_ERROR_AT(254, "create socket fd:%d", fd);
     return -1;
   }
-  ret = -1;
   if (isServer) {
     unlink(localPath != nullptr ? localPath : "");  // kept, although an abstract name is never a file
     ret = bindAbstract(fd, localPath != nullptr ? localPath : "");
@@ -176,8 +175,8 @@ LocalSocket::SendResult LocalSocket::sendFront(int64_t roundStartMs) {
   const int len = pack->len;
   const int offset = pack->offset;
   if (offset == len) m_queue.tryPop();
-  LOG_DEBUG_IN("loop", 158, "send: ret:%d fd:%d len:%d off:%d queue:%d time:%d ", static_cast<int>(ret), fd, len,
-               offset, static_cast<int>(m_queue.size()), static_cast<int>(nowMs() - roundStartMs));
+  LOG_DEBUG_IN("loop", 158, "send: ret:%d fd:%d len:%d off:%d queue:%d time:%d ", static_cast<int>(ret), fd,
+               len, offset, static_cast<int>(m_queue.size()), static_cast<int>(nowMs() - roundStartMs));
   return SendResult::Sent;
 }
 

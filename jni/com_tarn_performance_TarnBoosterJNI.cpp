@@ -8,6 +8,7 @@
 
 #include "C2Java.h"
 #include "client.h"
+#include "cpuLoad.h"
 #include "jniRegisterNativeMethods.h"
 #include "log.h"
 #include "protocol.h"
@@ -44,7 +45,11 @@ int* jintArrayToInts(JNIEnv* env, jintArray a, int& length) {
 
 namespace {
 
-// Kept on purpose: the copies of arguments that the two helpers above make are never released by the natives.
+/// A string argument. Kept on purpose: what jstringToChars() and jintArrayToInts() copy for the natives is
+/// never released.
+std::string textOf(JNIEnv* env, jstring s) {
+  return jstringToChars(env, s);  // NOLINT(clang-analyzer-unix.Malloc)
+}
 
 // ---- The callback thread
 // ----------------------------------------------------------------------------------------
@@ -88,8 +93,8 @@ jint com_tarn_performance_tarnboosterjni_testtarnbooster(JNIEnv*, jobject) {
 jint com_tarn_performance_tarnboosterjni_initTarnBooster(JNIEnv* env, jobject, jstring remote, jint port,
                                                          jstring local) {
   LOG_DEBUG("initTarnBooster");
-  const std::string remoteText = jstringToChars(env, remote);
-  const std::string localText = jstringToChars(env, local);
+  const std::string remoteText = textOf(env, remote);
+  const std::string localText = textOf(env, local);
   startCallbackThread();
   g_client.init(remoteText, port, localText, &g_callback);
   LOG_DEBUG("initTarnBooster end");
@@ -148,7 +153,7 @@ jint com_tarn_performance_tarnboosterjni_cancelHighIOFreq(JNIEnv*, jobject, jint
 
 jint com_tarn_performance_tarnboosterjni_requestScreenResolution(JNIEnv* env, jobject, jint level,
                                                                  jstring uiName, jint tid, jlong timestamp) {
-  const std::string name = jstringToChars(env, uiName);
+  const std::string name = textOf(env, uiName);
   LOG_DEBUG("requestScreenResolution: %d %s %d %lld", level, name.c_str(), tid,
             static_cast<long long>(timestamp));
   return requestScreenResolution(level, name, tid, timestamp);
@@ -179,7 +184,7 @@ jint com_tarn_performance_tarnboosterjni_registerBootPreloadResource(JNIEnv* env
     // The local references stay until the native returns, as designed: the VM's capacity bounds the number of
     // files.
     auto const element = static_cast<jstring>(env->GetObjectArrayElement(files, i));
-    names.emplace_back(jstringToChars(env, element));
+    names.push_back(textOf(env, element));
     LOG_DEBUG("registerBootPreloadResource: index[%d] file[%s]", i, names.back().c_str());
   }
   return registerBootPreloadResource(names, tid, timestamp);
@@ -242,6 +247,18 @@ jint com_tarn_performance_tarnboosterjni_isRunning(JNIEnv*, jobject) {
   return g_client.isRunning() ? 1 : 0;
 }
 
+jint com_tarn_performance_tarnboosterjni_startTraceCpuLoad(JNIEnv*, jobject, jint tid, jint periodMs) {
+  return startTraceCpuLoad(tid, periodMs);
+}
+
+jint com_tarn_performance_tarnboosterjni_stopTraceCpuLoad(JNIEnv*, jobject, jint handle) {
+  return stopTraceCpuLoad(handle);
+}
+
+jint com_tarn_performance_tarnboosterjni_getTickRate(JNIEnv*, jobject) {
+  return tickRate();
+}
+
 // ---- The native table
 // -------------------------------------------------------------------------------------------
 
@@ -272,9 +289,14 @@ const JNINativeMethod kNatives[] = {
     NATIVE(setRetryConnectInterval, "(I)V"),
     NATIVE(setDebug, "(Z)V"),
     NATIVE(isRunning, "()I"),
+    NATIVE(startTraceCpuLoad, "(II)I"),
+    NATIVE(stopTraceCpuLoad, "(I)I"),
+    NATIVE(getTickRate, "()I"),
 };
 
 constexpr char kClassName[] = "com/tarn/performance/TarnBoosterJNI";
+
+static_assert(std::size(kNatives) == 23, "the Java class declares 23 natives");
 
 }  // namespace
 

@@ -1,7 +1,9 @@
 // The JNI bridge: the load entry, the native table, and the copies of Java arguments.
 //
-// A native converts its arguments, writes its log line and calls the request function of protocol.h or the
-// operation of the client. Natives run on any Java thread, several at once.
+// JNI_OnLoad (declared by jni.h) is called by the VM: it returns 0x10006 (JNI 1.6), or -1 with one ERROR line
+// when the VM refuses that version or the registration fails. A native converts its arguments, writes its log
+// line and calls the request function of protocol.h or the operation of the client. Natives run on any Java
+// thread, several at once.
 #pragma once
 
 #include <jni.h>
@@ -16,10 +18,6 @@ extern TARN_EXPORT JavaVM* g_jvm;
 /// A global reference to the class com/tarn/performance/TarnBoosterJNI, written once by JNI_OnLoad and never
 /// deleted. The name is kept although what it holds is no engine.
 extern TARN_EXPORT jclass g_classUdpEngine;
-
-/// Called by the VM. Returns 0x10006 (JNI 1.6), or -1 when the VM refuses that version or the registration
-/// fails.
-JNIEXPORT jint JNICALL JNI_OnLoad(JavaVM* vm, void* reserved);
 
 /// Registers the 23 natives. Returns the result of jniRegisterNativeMethods: negative on failure.
 TARN_EXPORT int register_com_tarn_performance_TarnBoosterJNI(JNIEnv* env);

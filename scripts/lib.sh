@@ -38,3 +38,15 @@ buildPackages=(g++ cmake ninja-build protobuf-compiler libprotobuf-dev android-l
 # What the tests need beside that.
 testPackages=(clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
   junit4 android-libnativehelper-dev)
+
+# useJava17: points JAVA_HOME and PATH at Debian's OpenJDK 17, whatever other Java the machine has.
+useJava17() {
+  local home
+  for home in /usr/lib/jvm/java-17-openjdk-*; do
+    if [ -x "$home/bin/javac" ]; then
+      export JAVA_HOME=$home PATH=$home/bin:$PATH
+      return 0
+    fi
+  done
+  die "no OpenJDK 17 under /usr/lib/jvm: install openjdk-17-jdk-headless"
+}

@@ -2,7 +2,11 @@
 // deaths.
 #include "client.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <csignal>
+#include <cstdio>
 #include <functional>
 #include <vector>
 
@@ -122,6 +126,29 @@ TEST(Client, ANonZeroPortNeverLeavesAnEngine) {
   EXPECT_FALSE(client.isRunning());
   EXPECT_EQ(client.tryStartEngine(), -3);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST(Client, AnEngineWhoseThreadCannotBeCreatedFailsTheStart) {
+  if (getenv("TARN_EMULATED") != nullptr) GTEST_SKIP() << "the emulator does not limit the address space";
+  const auto queue = newQueue();
+  FakeService service(uniqueName());
+  Client& client = newClient();
+  client.init("", 0, "l", queue.get());
+  long pages = 0;
+  FILE* const statm = fopen("/proc/self/statm", "r");
+  ASSERT_EQ(fscanf(statm, "%ld", &pages), 1);
+  fclose(statm);
+  rlimit space{};
+  getrlimit(RLIMIT_AS, &space);
+  const rlimit noStack = {static_cast<rlim_t>(pages * getpagesize() + (2 << 20)), space.rlim_max};
+  setrlimit(RLIMIT_AS, &noStack);
+  client.init(service.name(), 0, "l", queue.get());
+  setrlimit(RLIMIT_AS, &space);
+  EXPECT_FALSE(client.isRunning());
+  EXPECT_TRUE(service.accept());
+  EXPECT_EQ(service.read(1), "") << "the connection is closed again";
+}
+#endif
 
 TEST(Client, RestartsAfterTheServiceCameBackAndTheIntervalHasPassed) {
   const auto queue = newQueue();

@@ -1,0 +1,78 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds without warnings and runs all tests.
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+usage() {
+  cat <<TXT
+Usage: scripts/test.sh [--quick] [--help]
+
+Installs what the build and the tests need (Debian packages), then runs, in this order:
+  format      clang-format over the project's sources
+  release     GCC, warnings as errors; every test, those in a real Java virtual machine included
+  asan        AddressSanitizer and UndefinedBehaviorSanitizer; the C++ tests
+  tsan        ThreadSanitizer; the C++ tests
+  clang       clang, warnings as errors, with the platform's libnativehelper; the checks of the library file
+  tidy        clang-tidy
+
+  --quick     only format and release
+
+Builds go to build/ (or \$TARNBOOSTER_BUILD). A first run takes about ten minutes on two cores.
+TXT
+}
+
+quick=false
+for argument in "$@"; do
+  case "$argument" in
+    --quick) quick=true ;;
+    --help | -h) usage && exit 0 ;;
+    *) usage >&2 && die "unknown argument: $argument" ;;
+  esac
+done
+
+cd "$ROOT"
+installPackages "${buildPackages[@]}" "${testPackages[@]}"
+useJava17
+
+# buildTree NAME CMAKE-OPTION...: configures and builds $BUILD/NAME with warnings as errors.
+buildTree() {
+  local name=$1
+  shift
+  say "building $name"
+  cmake -G Ninja -S "$ROOT" -B "$BUILD/$name" -DTARNBOOSTER_WERROR=ON "$@" >"$BUILD/$name.log" 2>&1 ||
+    { cat "$BUILD/$name.log" && die "cmake could not configure $name"; }
+  cmake --build "$BUILD/$name"
+}
+
+# runTests NAME CTEST-OPTION...
+runTests() {
+  local name=$1
+  shift
+  say "testing $name"
+  ctest --test-dir "$BUILD/$name" --output-on-failure --no-tests=error -j 2 "$@"
+}
+
+say "checking the format"
+mkdir -p "$BUILD"
+git ls-files '*.h' '*.cpp' '*.java' '*.proto' | xargs clang-format --dry-run -Werror ||
+  die "run: git ls-files '*.h' '*.cpp' '*.java' '*.proto' | xargs clang-format -i"
+
+buildTree release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNBOOSTER_BUILD_BENCHMARKS=ON
+runTests release
+scripts/check-library.sh "$BUILD/release/jni/libtarnbooster.so"
+$quick && exit 0
+
+# The sanitizers' builds are of the C++ side alone; a virtual machine brings too many findings of its own.
+sanitized=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 -DTARNBOOSTER_BUILD_JAVA=OFF)
+buildTree asan "${sanitized[@]}" -DTARNBOOSTER_SANITIZE=address,undefined
+runTests asan
+buildTree tsan "${sanitized[@]}" -DTARNBOOSTER_SANITIZE=thread
+runTests tsan
+
+buildTree clang -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DTARNBOOSTER_PLATFORM_NATIVEHELPER=ON \
+  -DTARNBOOSTER_BUILD_JAVA=OFF
+
+say "clang-tidy"
+git ls-files 'jni/*.cpp' 'service/*.cpp' 'tools/*.cpp' |
+  xargs -P 2 -n 4 clang-tidy -p "$BUILD/clang" --quiet 2>/dev/null || die "clang-tidy found what stands above"
+
+say "all tests passed"
