@@ -1,0 +1,155 @@
+// The engine over UDP: requests out, replies in, and that nothing of it is left behind.
+#include <sys/resource.h>
+
+#include <atomic>
+#include <filesystem>
+#include <future>
+
+#include "UdpClient.h"
+#include "udp_support.h"
+
+std::atomic<int> g_threadError{0};
+extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* how, void* (*entry)(void*),
+                                     void* with) {
+  return g_threadError != 0 ? g_threadError.load() : __real_pthread_create(thread, how, entry, with);
+}
+
+namespace {
+
+/// An owner that records replies as text and keeps the engine's thread until its gate is open.
+struct Owner : ClientProtocal {
+  void onCallback(int32_t event, int32_t funcid, int64_t word16, int64_t timestamp, int32_t status,
+                  const uint8_t* data, int32_t len) override {
+    std::string text;
+    for (int64_t number :
+         {int64_t{event}, int64_t{funcid}, word16, timestamp, int64_t{status}, int64_t{len}}) {
+      text += std::to_string(number) + " ";
+    }
+    replies.add(text + (data != nullptr ? std::string(data, data + len) : "null"));
+    gate.wait();
+  }
+  std::shared_ptr<IClientEngine> engine() override { return nullptr; }
+  IC2JavaCallback* c2JavaCallback() override { return nullptr; }
+  Record<std::string> replies;
+  std::promise<void> open;
+  std::shared_future<void> gate = open.get_future().share();
+};
+
+struct UdpClientTest : UdpTest {
+  std::unique_ptr<UdpClient> startClient() {
+    return startUdpClient(&owner, "127.0.0.1", ntohs(peer.address.sin_port));
+  }
+  Owner owner;
+  PlainPeer peer;
+};
+
+size_t entriesOf(const char* folder) {
+  return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
+}
+
+TEST_F(UdpClientTest, RequestsGoToTheServiceAndRepliesToTheOwner) {
+  owner.open.set_value();
+  const auto client = startClient();
+  ASSERT_TRUE(client != nullptr && client->isRunning());
+  const uint8_t body[] = {'h', 'i'};
+  EXPECT_EQ(client->sendReq(65536, body, 2, 42, 43), -2);
+  EXPECT_EQ(client->sendReq(1002, nullptr, 2, 42, 43), -1);
+  const int64_t sendTime = client->sendReq(1002, body, 2, 42, 43);
+  peer.receive();  // the SYN: the refused requests sent nothing
+  const Bytes data = peer.receive();
+  ASSERT_EQ(data.size(), 28U + 32U + 2U);
+  EXPECT_EQ(std::string(&data[28], &data[32]), "RCDH");
+  EXPECT_EQ(static_cast<int64_t>(read64le(&data[28 + 12])), sendTime);
+
+  Bytes reply = {'R', 'C', 'D', 'H', 9, 9, 0,  0, 5, 0, 0, 0, 7, 7, 7,   7,   16,  0,
+                 0,   0,   0,   0,   0, 0, 24, 0, 0, 0, 0, 0, 0, 0, 'b', 'o', 'd', 'y'};
+  const struct {
+    size_t length;
+    uint16_t funcid;
+    const char* delivered;
+  } replies[] = {{36, 1010, "0 1010 16 24 5 4 body"}, {36, 65522, "0 -14 16 24 5 4 body"},
+                 {32, 1010, "0 1010 16 24 5 0 "},     {31, 1010, "0 1010 16 24 5 -1 null"},
+                 {9, 1010, "0 1010 0 0 5 -23 null"},  {1, 1010, "0 0 0 0 0 -31 null"}};
+  peer.send(peer.from, datagram(4, 100000));
+  uint32_t sequence = 100000;
+  for (const auto& row : replies) {
+    write16le(&reply[6], row.funcid);
+    peer.send(peer.from, datagram(1, ++sequence, 0, row.length, Bytes(&reply[0], &reply[row.length])));
+    EXPECT_TRUE(owner.replies.waitFor([&](const auto& text) { return text == row.delivered; }))
+        << row.delivered;
+  }
+  EXPECT_EQ(owner.replies.all().size(), std::size(replies));
+}
+
+TEST_F(UdpClientTest, OnlyKnownEventsAreTaken) {
+  UdpClient client(nullptr);
+  for (int event = 0; event <= 5; ++event) {
+    EXPECT_EQ(client.recvEvent(event, loopback(), 1, nullptr, 0), event >= 1 && event <= 4 ? 0 : -1) << event;
+  }
+}
+
+TEST_F(UdpClientTest, EleventhRequestWaitsAndDeletionWakesIt) {
+  UdpClient* client = startClient().release();
+  client->sendReq(1003, nullptr, 0, 1, 1);
+  peer.receive();
+  peer.send(peer.from, datagram(4, 100000));
+  peer.send(peer.from, datagram(1, 100001, 0, 1, {1}));
+  ASSERT_TRUE(owner.replies.waitFor([](const std::string&) { return true; }));  // its thread stands still now
+  std::atomic<int> queued{0};
+  auto caller = std::async(std::launch::async, [&] {
+    for (; queued < 11; ++queued) client->sendReq(1003, nullptr, 0, 1, 1);
+  });
+  EXPECT_EQ(caller.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  EXPECT_LE(queued, 10);
+  auto deletion = std::async(std::launch::async, [&] { delete client; });
+  EXPECT_EQ(caller.wait_for(kDeadline), std::future_status::ready) << "woken before the thread is joined";
+  EXPECT_EQ(deletion.wait_for(std::chrono::seconds(0)), std::future_status::timeout) << "it joins the thread";
+  owner.open.set_value();
+  EXPECT_EQ(deletion.wait_for(kDeadline), std::future_status::ready);
+}
+
+TEST_F(UdpClientTest, DeletionLeavesNothingBehindAndWaitsForNoRetransmission) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  constexpr int kCycles = 300;
+#else
+  constexpr int kCycles = 3000;
+#endif
+  const size_t descriptors = entriesOf("/proc/self/fd"), threads = entriesOf("/proc/self/task");
+  const auto start = std::chrono::steady_clock::now();
+  for (int cycle = 0; cycle < kCycles; ++cycle) {
+    const auto client = startClient();
+    ASSERT_TRUE(client != nullptr && (cycle % 3 != 0 || client->sendReq(1003, nullptr, 0, 1, 1) > 0));
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kCycles / 3 * 500));
+  EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
+  // A thread that was joined may be listed for an instant more.
+  for (const auto end = nowMs() + 10000; entriesOf("/proc/self/task") > threads && nowMs() < end;)
+    usleep(1000);
+  EXPECT_EQ(entriesOf("/proc/self/task"), threads);
+}
+
+TEST_F(UdpClientTest, FailedStartReleasesEverything) {
+  const size_t descriptors = entriesOf("/proc/self/fd");
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const int next = dup(0);
+  close(next);
+  for (rlim_t allowed = 0; allowed < 3; ++allowed) {  // the pipe needs two, the socket one
+    const rlimit limit{next + allowed, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(startClient(), nullptr) << allowed;
+  }
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_TRUE(logged("Create pipe failed", 2) && logged("Create socket failed fd:-1"));
+  UdpClient client(nullptr);
+  EXPECT_EQ(client.createSocket(peer.address, "taken", 0), -1);
+  EXPECT_EQ(startUdpClient(&owner, "not.an.address", 9), nullptr);
+  g_threadError = EAGAIN;
+  EXPECT_EQ(startClient(), nullptr);
+  g_threadError = 0;
+  EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
+  EXPECT_NE(startClient(), nullptr);
+}
+
+}  // namespace
