@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "UdpClient.h"
 #include "clock.h"
 #include "header.h"
 #include "log.h"
@@ -153,7 +154,13 @@ int32_t Client::tryStartEngine(const Lock& /*held*/) {
   m_lastStartMs = now;  // a failed attempt uses the interval up, too
   m_engine.reset();
 
-  if (m_port != 0) return -3;
+  if (m_port != 0) {
+    // As intended, the UDP engine is built, started and deleted at once, and never becomes the current
+    // engine. It has no owner, so nothing that may arrive in that moment can make its thread, and so us,
+    // wait.
+    startUdpClient(nullptr, m_remote, m_port).reset();
+    return -3;
+  }
   auto engine = std::make_shared<LocalsocketClient>(m_remote, m_local, this);
   if (LocalsocketClient::start(engine) != 0 || !engine->isRunning()) return -3;
   m_engine = std::move(engine);

@@ -6,6 +6,8 @@ set -euo pipefail
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # Everything that is built or downloaded goes here, outside the sources' folders.
 BUILD=${TARNBOOSTER_BUILD:-$ROOT/build}
+# What is fetched once and serves every checkout.
+CACHE=${XDG_CACHE_HOME:-$HOME/.cache}/tarnbooster
 
 say() { printf '\n== %s\n' "$*"; }
 die() {
@@ -36,8 +38,8 @@ installPackages() {
 buildPackages=(g++ cmake ninja-build protobuf-compiler libprotobuf-dev android-liblog-dev
   openjdk-17-jdk-headless libcli11-dev)
 # What the tests need beside that.
-testPackages=(clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
-  junit4 android-libnativehelper-dev)
+testPackages=(clang lld clang-format clang-tidy libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
+  junit4 proguard-cli android-libnativehelper-dev)
 
 # useJava17: points JAVA_HOME and PATH at Debian's OpenJDK 17, whatever other Java the machine has.
 useJava17() {

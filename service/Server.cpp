@@ -208,6 +208,8 @@ void Server::flush(SocketClient& client) {
     close(client.peer().id, "");
     return;
   }
+  if (client.hasOutput() == client.isWatchedForOutput()) return;
+  client.setWatchedForOutput(client.hasOutput());
   watch(client.fd(), client.peer().id, client.hasOutput() ? EPOLLIN | EPOLLOUT : EPOLLIN);
 }
 

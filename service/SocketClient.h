@@ -33,10 +33,15 @@ class SocketClient : public IClient {
   /// Whether replies wait for the socket to take them.
   bool hasOutput() const { return m_replies.size() > 0; }
 
+  /// Whether the server waits for the socket to take more; the server's note.
+  bool isWatchedForOutput() const { return m_watchedForOutput; }
+  void setWatchedForOutput(bool watched) { m_watchedForOutput = watched; }
+
  private:
   const Descriptor m_socket;
   RequestReader m_reader;
   ReplyStream m_replies;
+  bool m_watchedForOutput = false;
 };
 
 }  // namespace service

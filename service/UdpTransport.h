@@ -61,9 +61,6 @@ class UdpMailbox {
   size_t m_bytes = 0;   // of the messages; guarded by m_lock
 };
 
-// Both derive from a class of the library, which is built without RTTI: whatever emits their tables must be
-// too. That is UdpTransport.cpp alone, where their first virtual function is.
-
 /// Receives requests.
 class UdpInbox : public UDP {
  public:

@@ -119,12 +119,17 @@ TEST(Client, ReportsEveryRequestThatFindsNoEngineAndThrottlesTheAttempts) {
   }
 }
 
-TEST(Client, ANonZeroPortNeverLeavesAnEngine) {
+TEST(Client, ANonZeroPortBuildsAndDiscardsAnEngineAndNeverLeavesOne) {
   const auto queue = newQueue();
   Client& client = newClient();
+  const LogCapture log;
   client.init("127.0.0.1", 9, "", queue.get());
+  EXPECT_EQ(log.count("5 [udp.cpp,createSocket:"), 1);
+  EXPECT_EQ(log.count("\"Create socket succ. fd:"), 1);
   EXPECT_FALSE(client.isRunning());
+  EXPECT_EQ(client.engine(), nullptr);
   EXPECT_EQ(client.tryStartEngine(), -3);
+  EXPECT_EQ(log.count("\"Create socket succ. fd:"), 1) << "throttled";
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)

@@ -27,8 +27,6 @@ std::string printable(const std::string& text) {
 
 }  // namespace
 
-Replies::~Replies() = default;
-
 void Replies::onCallback(int32_t /*event*/, int32_t funcid, int64_t word16, int64_t timestamp, int32_t status,
                          const uint8_t* data, int32_t len) {
   const std::lock_guard<std::mutex> lock(m_lock);  // also keeps the lines whole

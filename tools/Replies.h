@@ -14,13 +14,10 @@ namespace tool {
 
 /// The owner of the tool's engine, as far as the engine is concerned. onCallback() runs on the engine's
 /// thread, the rest is for the tool's.
-///
-/// Derives from a class of the library, which is built without RTTI; so is Replies.cpp.
 class Replies : public ClientProtocal {
  public:
   /// funcid  of the requests whose replies are counted
   explicit Replies(uint16_t funcid) : m_funcid(funcid) {}
-  ~Replies() override;
 
   void onCallback(int32_t event, int32_t funcid, int64_t word16, int64_t timestamp, int32_t status,
                   const uint8_t* data, int32_t len) override;

@@ -1,4 +1,4 @@
-#!/bin/bash
+#!/usr/bin/env bash
 # Runs JUnit classes in one virtual machine with checked JNI:
 #
 #   run.sh OUTPUT-FOLDER LIBRARY-FOLDER CLASSPATH CLASS...

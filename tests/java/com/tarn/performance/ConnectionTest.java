@@ -2,12 +2,13 @@ package com.tarn.performance;
 
 import static com.tarn.performance.TarnBoosterJNI.*;
 import static org.junit.Assert.assertEquals;
-import static org.junit.Assert.assertFalse;
 import static org.junit.Assert.assertNotEquals;
 import static org.junit.Assert.assertTrue;
 
 import java.io.IOException;
+import java.util.Arrays;
 import java.util.concurrent.atomic.AtomicInteger;
+import java.util.regex.Pattern;
 import org.junit.AfterClass;
 import org.junit.BeforeClass;
 import org.junit.FixMethodOrder;
@@ -20,12 +21,11 @@ import org.junit.runners.MethodSorters;
  */
 @FixMethodOrder(MethodSorters.NAME_ASCENDING)
 public class ConnectionTest {
-    private static final Reports reports = new Reports();
     private static ServiceProcess service;
 
     @BeforeClass
     public static void listenAndLog() {
-        setListener(reports);
+        setListener(new Reports());
         setDebug(true);
     }
 
@@ -51,6 +51,22 @@ public class ConnectionTest {
         assertEquals(NO_ENGINE, request(1));
     }
 
+    /** Log lines since a mark: those of one native and one function of the client, whole. */
+    private static void assertLogged(
+            int mark, String nativeFunction, String clientFunction, String... lines) {
+        String unit = "com_tarn_performance_TarnBoosterJNI.cpp,com_tarn_performance_tarnboosterjni_";
+        String[] logged = LogFile.since(mark, unit + nativeFunction + "|client.cpp,(" + clientFunction + ")")
+                                  .stream()
+                                  .map(line -> line.replaceFirst("\\[" + unit + "(\\w+):\\d+]", "[$1]"))
+                                  .toArray(String[] ::new);
+        assertEquals(Arrays.toString(logged), lines.length, logged.length);
+        for (int i = 0; i < lines.length; i++) {
+            // Only % is not taken literally: it stands for a number.
+            String pattern = Pattern.quote(lines[i]).replace("%", "\\E-?\\d+\\Q");
+            assertTrue(logged[i] + " is not " + lines[i], logged[i].matches(pattern));
+        }
+    }
+
     @Test
     public void a2AttemptsAreThrottledUntilTheIntervalHasPassed() throws IOException {
         service = ServiceProcess.start("--push-on-register", "7:first");
@@ -58,20 +74,26 @@ public class ConnectionTest {
         // The attempt before was just now, and 30 seconds is the rule at load.
         assertEquals(0, initTarnBooster(ServiceProcess.NAME, 0, "local name"));
         assertEquals(0, isRunning());
-        assertTrue(LogFile.has(
-                mark, "D \\[client.cpp,tryStartEngine:312\\]\"tryStartEngine TimeDiff:\\d+ -?\\d+ -1\""));
+        assertLogged(mark, "initTarnBooster", "tryStartEngine", "D [initTarnBooster]\"initTarnBooster\"",
+                "D [client.cpp,tryStartEngine:312]\"tryStartEngine TimeDiff:% % -1\"",
+                "D [initTarnBooster]\"initTarnBooster end\"");
+        mark = LogFile.mark();
         assertEquals(NO_ENGINE, request(1));
-        assertTrue(LogFile.has(
-                mark, "D \\[client.cpp,engine:277\\]\"ClientEngine not  running, try Reconnect\""));
+        assertLogged(mark, "cancelHighIOFreq", "engine|tryStartEngine",
+                "D [cancelHighIOFreq]\"cancelHighIOFreq: 1 1\"",
+                "D [client.cpp,engine:277]\"ClientEngine not  running, try Reconnect\"",
+                "D [client.cpp,tryStartEngine:312]\"tryStartEngine TimeDiff:% % -1\"");
 
         mark = LogFile.mark();
         setRetryConnectInterval(0);
         setRetryConnectInterval(-5);
-        assertFalse(LogFile.has(mark, ".*\\[client.cpp,.*"));
         assertEquals(NO_ENGINE, request(1));
         setRetryConnectInterval(1);
-        assertTrue(LogFile.has(
-                mark, "D \\[client.cpp,setRetryConnectInterval:372\\]\"setRetryConnectInterval 1s\""));
+        assertLogged(mark, "setRetryConnectInterval", "setRetryConnectInterval",
+                "D [setRetryConnectInterval]\"setRetryConnectInterval: 0\"",
+                "D [setRetryConnectInterval]\"setRetryConnectInterval: -5\"",
+                "D [setRetryConnectInterval]\"setRetryConnectInterval: 1\"",
+                "D [client.cpp,setRetryConnectInterval:372]\"setRetryConnectInterval 1s\"");
         awaitConnection();
         assertEquals(1, isRunning());
     }
@@ -80,31 +102,43 @@ public class ConnectionTest {
     public void a3ASecondInitialisationChangesNothing() {
         int mark = LogFile.mark();
         assertEquals(0, initTarnBooster("elsewhere", 5, "other"));
-        assertTrue(LogFile.has(mark,
-                "D \\[client.cpp,init:\\d+\\]\"ClientInit client already inited remote:" + ServiceProcess.NAME
-                        + " port:0 local:local name cb:-?\\d+ \""));
+        assertLogged(mark, "initTarnBooster", "init", "D [initTarnBooster]\"initTarnBooster\"",
+                "D [client.cpp,init:%]\"ClientInit client already inited remote:" + ServiceProcess.NAME
+                        + " port:0 local:local name cb:% \"",
+                "D [initTarnBooster]\"initTarnBooster end\"");
         assertNotEquals(NO_ENGINE, request(1));
     }
 
     @Test
-    public void a4ADisabledClientRefusesRequestsAndDropsReportsButStaysConnected() {
+    public void a4ADisabledClientRefusesRequestsWithoutAReportAndStaysConnected() {
+        // Reports keep their order: with this push every earlier one has come too.
+        Reports before = new Reports();
+        setListener(before);
+        registerANRCallback(1, 1);
+        before.await(1, report -> report.type() == TYPE_DATA);
+
         int mark = LogFile.mark();
+        Reports whileOff = new Reports();
+        setListener(whileOff);
         setHCEnable(false);
         assertEquals(NO_ENGINE, request(1));
         assertEquals(1, isRunning());
         setHCEnable(true);
         setHCEnable(true);
         assertNotEquals(NO_ENGINE, request(1));
-        String setEnable = "D [client.cpp,setEnable:366]\"setEnable ";
-        assertEquals(java.util.List.of(setEnable + "0 to 0 restart:0\"", setEnable + "1 to 1 restart:1\"",
-                             setEnable + "1 to 1 restart:0\""),
-                LogFile.since(mark).stream().filter(line -> line.contains(",setEnable:")).toList());
+        assertLogged(mark, "setHCEnable", "setEnable", "D [setHCEnable]\"setEnable: 0\"",
+                "D [client.cpp,setEnable:366]\"setEnable 0 to 0 restart:0\"",
+                "D [setHCEnable]\"setEnable: 1\"",
+                "D [client.cpp,setEnable:366]\"setEnable 1 to 1 restart:1\"",
+                "D [setHCEnable]\"setEnable: 1\"",
+                "D [client.cpp,setEnable:366]\"setEnable 1 to 1 restart:0\"");
+        // So a report of the refused request would stand before this push.
+        registerANRCallback(1, 1);
+        assertEquals("first", whileOff.await(1, report -> true).get(0).data());
     }
 
     @Test
     public void a5AServiceThatDiesIsReportedAndOneThatComesBackIsFound() throws IOException {
-        registerANRCallback(1, 1);
-        assertEquals("first", reports.await(1, report -> report.type() == TYPE_DATA).get(0).data());
         AtomicInteger lost = new AtomicInteger();
         Reports whileDown = new Reports();
         setListener(whileDown);

@@ -43,8 +43,14 @@ final class LogFile {
                 .toList();
     }
 
-    /** Whether a line since the mark matches a pattern as a whole. */
-    static boolean has(int mark, String pattern) {
-        return since(mark).stream().anyMatch(line -> line.matches(pattern));
+    /** Those of them that functions wrote whose FILE,FUNCTION matches a pattern as a whole. */
+    static List<String> since(int mark, String place) {
+        Pattern ofPlace = Pattern.compile("\\w \\[(?:" + place + "):\\d+].*");
+        return since(mark).stream().filter(line -> ofPlace.matcher(line).matches()).toList();
+    }
+
+    /** A line without its source line, for lines that have no number of their own. */
+    static String anySite(String line) {
+        return line.replaceFirst(":\\d+]", ":#]");
     }
 }

@@ -7,7 +7,7 @@
 #include <thread>
 #include <tuple>
 
-#include "udp_support.h"
+#include "support/Udp.h"
 
 struct Weather {
   unsigned seed;
@@ -43,7 +43,7 @@ class Relay {
 
   void pass(const Bytes& bytes, bool toRight) {
     const bool opening = sequenceOf(bytes) == udp::kFirstSequence;
-    if (opening && bytes[1] == PACKET_ACK && m_weather.loseSynAcks-- > 0) return;
+    if (opening && uint8_t(bytes[1]) == PACKET_ACK && m_weather.loseSynAcks-- > 0) return;
     const unsigned seen = m_seen[{toRight, bytes[1], sequenceOf(bytes)}]++;
     uint32_t dice = (m_weather.seed + sequenceOf(bytes) * 8 + seen * 2 + toRight) * 2654435761U;
     dice = (dice ^ dice >> 15) * 2246822519U;
