@@ -81,5 +81,6 @@ library=$BUILD/android-shape/tarnbooster/jni/libtarnbooster.so
 step "the Android package around it"
 "$ROOT/scripts/make-aar.sh" --library "$library" --jar "$BUILD/arm64/java/tarnbooster.jar" \
   --output "$BUILD/android-shape/tarnbooster.aar"
+"$ROOT/tests/package/aar_test.sh" "$BUILD/android-shape/tarnbooster.aar" "$BUILD/arm64/jni/libtarnbooster.so"
 
 step "64-bit Arm is well"
