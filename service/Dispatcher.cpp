@@ -37,6 +37,7 @@ struct Dispatcher::Handle {
     return timed(message.timeoutms(), [&](const Hold& hold) { return boostIo(hold, message.level()); });
   }
   Outcome operator()(const amc::RequestCPUCoreForThread& message) const {
+    if (!peer.isKnown()) return kPeerUnknown;
     return timed(message.timeout(), [&](const Hold& hold) { return bind(hold, message.bindtids()); });
   }
   Outcome operator()(const amc::RequestUnifyCPUIOThreadCore& message) const {
@@ -134,7 +135,6 @@ struct Dispatcher::Handle {
   }
 
   Outcome bind(Hold hold, const Tids& tids) const {
-    if (!peer.isKnown()) return kPeerUnknown;
     if (tids.empty()) return {STATUS_BAD_ARGUMENT, "no threads named"};
     if (tids.size() > kMaxBindtids) {
       return {STATUS_BAD_ARGUMENT, "more than " + std::to_string(kMaxBindtids) + " threads"};

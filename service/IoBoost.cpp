@@ -87,7 +87,7 @@ Outcome IoBoost::restore() {
     const bool isKnown = known != m_threads.end() && *start == known->second.start;
     if (setIoPriority(tid, isKnown ? known->second.original : fallback)) ++restored;
   }
-  if (restored == 0) return {STATUS_DONE, process + " has ended"};
+  if (restored == 0) return {STATUS_DONE, process + " has ended, or others set its I/O priority meanwhile"};
   return {STATUS_DONE, "I/O priority of " + std::to_string(restored) + " threads of " + process + " -> " +
                            priorityText(fallback)};
 }

@@ -8,11 +8,17 @@
 #include "protocol.h"
 
 namespace service {
+namespace {
+
+constexpr int kVersionOffset = 4;  // no client reads it; the value keeps both directions alike in a dump
+
+}  // namespace
 
 std::string packReply(uint16_t funcid, uint32_t status, uint64_t word16, int64_t timestamp,
                       const std::string& body) {
   uint8_t header[kHeaderBytes] = {};
   write32le(header + reply_header::kMagic, kHeaderMagic);
+  write16le(header + kVersionOffset, kRequestVersion);
   write16le(header + reply_header::kFuncid, funcid);
   write32le(header + reply_header::kStatus, status);
   write32le(header + reply_header::kDataLen, static_cast<uint32_t>(body.size()));

@@ -17,7 +17,7 @@ namespace service {
 namespace {
 
 // What epoll names its descriptors by; peers' ids follow.
-constexpr uint64_t kWakeId = 0, kListenerId = 1, kFirstPeerId = 2;
+constexpr uint64_t kWakeId = 0, kListenerId = 1, kUdpId = 2, kFirstPeerId = 3;
 
 constexpr int64_t kAcceptPauseMs = 200;
 
@@ -43,15 +43,25 @@ bool Server::start(std::string& problem) {
     problem = "no descriptors left: raise the limit (ulimit -n)";
     return false;
   }
-  m_listener = listenOn(m_options.name, problem);
-  if (!m_listener) return false;
-  if (!watch(m_wake.get(), kWakeId, EPOLLIN) || !watch(m_listener.get(), kListenerId, EPOLLIN)) {
+  bool watched = watch(m_wake.get(), kWakeId, EPOLLIN);
+  if (!m_options.name.empty()) {
+    m_listener = listenOn(m_options.name, problem);
+    if (!m_listener) return false;
+    watched = watched && watch(m_listener.get(), kListenerId, EPOLLIN);
+  }
+  if (m_options.udp) {
+    m_udp = std::make_unique<UdpPort>(m_journal, m_options.udpTiming);
+    if (!m_udp->start(*m_options.udp, problem)) return false;
+    watched = watched && watch(m_udp->fd(), kUdpId, EPOLLIN);
+  }
+  if (!watched) {
     problem = "epoll: " + errorText(errno);
     return false;
   }
   const int64_t now = steadyMs();
   for (RepeatedPush& repeated : m_options.repeat) repeated.nextAt = now + repeated.everyMs;
-  m_journal.always("listening on @" + m_options.name);
+  if (m_listener) m_journal.always("listening on @" + m_options.name);
+  if (m_udp != nullptr) m_journal.always("listening on udp " + m_udp->address());
   return true;
 }
 
@@ -64,15 +74,18 @@ void Server::run() {
     for (int i = 0; i < count; ++i) {
       const uint64_t id = events[i].data.u64;
       if (id == kListenerId) accept(now);
+      if (id == kUdpId) m_udp->receive(now, [&](IClient& peer, const Request& r) { answer(peer, r, now); });
       if (id >= kFirstPeerId) serve(id, events[i].events, now);
     }
     pushRepeated(now);
+    if (m_udp != nullptr) m_udp->expire(now);
     if (m_acceptAgainAt != 0 && now >= m_acceptAgainAt) {
       m_acceptAgainAt = 0;
       watch(m_listener.get(), kListenerId, EPOLLIN);
     }
   }
   while (!m_clients.empty()) close(m_clients.begin()->first, "the service ends");
+  m_udp.reset();
   m_dispatcher.boosts().endAll("the service ends");
 }
 
@@ -95,6 +108,7 @@ bool Server::watch(int fd, uint64_t id, uint32_t events) {
 int Server::waitMs(int64_t now) const {
   int64_t due = m_dispatcher.boosts().nextExpiry();
   for (const RepeatedPush& repeated : m_options.repeat) due = std::min(due, repeated.nextAt);
+  if (m_udp != nullptr) due = std::min(due, m_udp->nextExpiry());
   if (m_acceptAgainAt != 0) due = std::min(due, m_acceptAgainAt);
   if (due == kNoExpiry) return -1;
   return static_cast<int>(std::clamp<int64_t>(due - now, 0, INT32_MAX));
@@ -160,17 +174,17 @@ bool Server::serveRequests(SocketClient& client, int64_t now) {
   return false;
 }
 
-void Server::answer(SocketClient& client, const Request& request, int64_t now) {
+void Server::answer(IClient& client, const Request& request, int64_t now) {
   const Outcome outcome = m_dispatcher.handle(request, client.peer(), now);
   m_journal.event(requestLine(request, client.peer(), outcome));
-  client.replies().answer(request, outcome.status);
+  client.answer(request, outcome.status);
   if (request.funcid != FUNCID_REGISTER_ANR_CALLBACK || outcome.status != STATUS_DONE) return;
   client.setRegistered();
   for (const Push& pushed : m_options.onRegister) push(client, pushed);
 }
 
-void Server::push(SocketClient& client, const Push& pushed) {
-  client.replies().push(pushed);
+void Server::push(IClient& client, const Push& pushed) {
+  client.push(pushed);
   m_journal.event(pushLine(client.peer(), pushed));
 }
 
@@ -184,6 +198,7 @@ void Server::pushRepeated(int64_t now) {
       push(client, repeated.push);
       flush(client);
     }
+    if (m_udp != nullptr) m_udp->pushToRegistered([&](IClient& peer) { push(peer, repeated.push); });
   }
 }
 
@@ -193,6 +208,8 @@ void Server::flush(SocketClient& client) {
     close(client.peer().id, "");
     return;
   }
+  if (client.hasOutput() == client.isWatchedForOutput()) return;
+  client.setWatchedForOutput(client.hasOutput());
   watch(client.fd(), client.peer().id, client.hasOutput() ? EPOLLIN | EPOLLOUT : EPOLLIN);
 }
 

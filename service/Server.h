@@ -8,12 +8,14 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Dispatcher.h"
 #include "Journal.h"
 #include "SocketClient.h"
+#include "UdpPort.h"
 
 namespace service {
 
@@ -25,7 +27,9 @@ struct RepeatedPush {
 };
 
 struct ServerOptions {
-  std::string name;                  // in the abstract namespace, 1 to 107 bytes
+  std::string name;                  // in the abstract namespace, 1 to 107 bytes; empty: no such socket
+  std::optional<sockaddr_in> udp;    // IPv4 address and port; none: no UDP
+  UdpTiming udpTiming;               // for tests
   std::vector<Push> onRegister;      // sent to a client behind the reply to its registration
   std::vector<RepeatedPush> repeat;  // sent to every registered client
 };
@@ -38,11 +42,15 @@ class Server {
   /// The dispatcher and the journal must outlive the server.
   Server(ServerOptions options, Dispatcher& dispatcher, const Journal& journal);
 
-  /// Opens everything and says "listening on @NAME". False, with the problem named, when that fails.
+  /// Opens everything and says "listening on @NAME" and "listening on udp ADDRESS:PORT". False, with the
+  /// problem named, when that fails.
   bool start(std::string& problem);
 
   /// Serves until stop(); then undoes all boosts and closes all clients. After start().
   void run();
+
+  /// The UDP address, with the port that the system chose. After start() with UDP; any thread.
+  std::string udpAddress() const { return m_udp->address(); }
 
   /// Ends run(). Any thread, and signal handlers.
   void stop();
@@ -55,8 +63,8 @@ class Server {
   void accept(int64_t now);
   void serve(uint64_t id, uint32_t events, int64_t now);
   bool serveRequests(SocketClient& client, int64_t now);
-  void answer(SocketClient& client, const Request& request, int64_t now);
-  void push(SocketClient& client, const Push& push);
+  void answer(IClient& client, const Request& request, int64_t now);
+  void push(IClient& client, const Push& push);
   void pushRepeated(int64_t now);
   void flush(SocketClient& client);
   void close(uint64_t id, const std::string& why);
@@ -67,6 +75,7 @@ class Server {
   Descriptor m_epoll;
   Descriptor m_wake;  // an eventfd; made in the constructor, so that stop() may come before start()
   Descriptor m_listener;
+  std::unique_ptr<UdpPort> m_udp;  // null without UDP
   std::atomic<bool> m_stopped{false};
   int64_t m_acceptAgainAt = 0;  // when descriptors had run out: not before
   uint64_t m_lastId;            // the last peer id given out

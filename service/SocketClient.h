@@ -4,8 +4,7 @@
 #include <string>
 
 #include "Descriptor.h"
-#include "Peer.h"
-#include "Reply.h"
+#include "IClient.h"
 #include "RequestReader.h"
 
 namespace service {
@@ -13,18 +12,16 @@ namespace service {
 /// Replies that a client may leave unread, in bytes; one that leaves more is closed.
 constexpr size_t kMaxPendingOutput = 256 * 1024;
 
-class SocketClient {
+class SocketClient : public IClient {
  public:
   /// socket  connected and non-blocking
-  SocketClient(Descriptor socket, Peer peer) : m_socket(std::move(socket)), m_peer(std::move(peer)) {}
+  SocketClient(Descriptor socket, Peer peer) : IClient(std::move(peer)), m_socket(std::move(socket)) {}
 
   int fd() const { return m_socket.get(); }
-  const Peer& peer() const { return m_peer; }
   RequestReader& reader() { return m_reader; }
-  ReplyStream& replies() { return m_replies; }
 
-  bool isRegistered() const { return m_registered; }
-  void setRegistered() { m_registered = true; }
+  void answer(const Request& request, uint32_t status) override { m_replies.answer(request, status); }
+  void push(const Push& push) override { m_replies.push(push); }
 
   /// Reads once, at most 64 KiB, into the reader. False when the client has ended its side, or is broken.
   bool receive();
@@ -36,12 +33,15 @@ class SocketClient {
   /// Whether replies wait for the socket to take them.
   bool hasOutput() const { return m_replies.size() > 0; }
 
+  /// Whether the server waits for the socket to take more; the server's note.
+  bool isWatchedForOutput() const { return m_watchedForOutput; }
+  void setWatchedForOutput(bool watched) { m_watchedForOutput = watched; }
+
  private:
   const Descriptor m_socket;
-  const Peer m_peer;
   RequestReader m_reader;
   ReplyStream m_replies;
-  bool m_registered = false;  // for pushes, by request 1010
+  bool m_watchedForOutput = false;
 };
 
 }  // namespace service

@@ -12,6 +12,7 @@
 #include "Journal.h"
 #include "Server.h"
 #include "Text.h"
+#include "log.h"
 
 namespace {
 
@@ -29,7 +30,7 @@ const char kAbout[] =
 const char kExamples[] =
     "\nTry it:\n"
     "  tarnbooster-service --name tarnbooster --push-every 5:7:hello\n"
-    "  tarnbooster --socket tarnbooster --wait 1000 register-anr-callback     (in another terminal)\n"
+    "  tarnbooster --socket tarnbooster --wait 20000 register-anr-callback     (in another terminal)\n"
     "\nExit codes: 0 stopped by SIGINT or SIGTERM, 1 could not start, others: wrong options.\n";
 
 /// Cuts "HEAD:REST" off `text` at its first colon; throws what CLI11 reports when there is none.
@@ -71,8 +72,16 @@ struct Options {
 void describeOptions(CLI::App& app, Options& options) {
   app.footer(kExamples);
   app.add_option("--name", options.server.name, "Abstract socket name to listen on, at most 107 bytes")
-      ->required()
       ->type_name("NAME");
+  app.add_option_function<std::string>(
+         "--udp",
+         [&options](const std::string& text) {
+           if (!service::UdpPort::parseAddress(text, options.server.udp.emplace())) {
+             throw CLI::ValidationError("--udp", "\"" + text + "\" is no IPv4 address and port");
+           }
+         },
+         "Listen on this IPv4 address and port too; there nobody can be told from anybody else")
+      ->type_name("ADDRESS:PORT");
   app.add_option_function<std::vector<std::string>>(
          "--status",
          [&options](const std::vector<std::string>& texts) {
@@ -110,8 +119,12 @@ void describeOptions(CLI::App& app, Options& options) {
       "-q,--quiet", [&options] { options.verbosity = Verbosity::Quiet; }, "Say only what goes wrong");
   app.add_flag_callback(
          "-v,--verbose", [&options] { options.verbosity = Verbosity::Verbose; },
-         "Say also who connects and disconnects")
+         "Say also who connects and disconnects, and what the transport logs")
       ->excludes(quiet);
+}
+
+int logNothing(int /*priority*/, const char* /*tag*/, const char* /*format*/, ...) {
+  return 0;
 }
 
 service::Server* g_server = nullptr;  // for the signal handler; set before it is installed
@@ -138,9 +151,18 @@ int main(int argc, char** argv) {
   Options options;
   describeOptions(app, options);
   CLI11_PARSE(app, argc, argv);
+  if (options.server.name.empty() && !options.server.udp) {
+    fputs("tarnbooster-service: nowhere to listen: give --name NAME, or --udp ADDRESS:PORT, or both\n",
+          stderr);
+    return 2;
+  }
 
   // Root's supplementary groups would show through when files are looked at with a client's rights.
   if (geteuid() == 0) setgroups(0, nullptr);
+  if (options.verbosity != Verbosity::Verbose) {
+    // The library's own log is for its developers; what went wrong is in the service's lines.
+    logFunc = logNothing;
+  }
   const service::Journal journal(options.verbosity, service::standardOutput());
   service::Dispatcher dispatcher(options.policy, journal);
   service::Server server(options.server, dispatcher, journal);
