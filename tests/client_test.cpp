@@ -332,7 +332,7 @@ TEST_F(Requests, PutTheirFuncidTheirCallerAndTheirGoldenBodyOnTheWire) {
     const auto lines = log.linesWith("3 [protocol.cpp," + std::string(c.function) + ":");
     ASSERT_EQ(lines.size(), 1u);
     std::string line = c.line;
-    line.replace(line.find('R'), 1, std::to_string(result));
+    line.replace(line.find("ret:R") + 4, 1, std::to_string(result));
     EXPECT_EQ(lines[0].substr(lines[0].find("]\"")), "]\"" + line + "\"");
   }
   g_debug = false;
