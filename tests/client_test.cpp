@@ -43,18 +43,19 @@ Callback* newQueue() {
 TEST(Client, StartsOnlyAConfiguredEngineAndOnlyOnePerInterval) {
   Callback* const queue = newQueue();
   FakeService service(uniqueName());
+  const LogCapture log;
   const struct {
-    const char* name;
-    std::string remote;
+    const char *name, *remote;
     int port;
-    std::string local;
+    const char* local;
     std::vector<int> results;  // of further tryStartEngine() calls
     bool runs;
   } cases[] = {
       {"empty remote", "", 0, "l", {-1, -1}, false},
-      {"port below 1 and no local name", service.name(), -1, "", {-1}, false},
+      {"port below 1 and no local name", service.name().c_str(), -1, "", {-1}, false},
       {"nobody listens", "tarn-nobody-listens", 0, "l", {-3, -3}, false},
-      {"running", service.name(), 0, "l", {-2, -2}, true},
+      {"running", service.name().c_str(), 0, "l", {-2, -2}, true},
+      {"UDP: built and discarded", "127.0.0.1", 9, "", {-3, -3}, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -65,33 +66,22 @@ TEST(Client, StartsOnlyAConfiguredEngineAndOnlyOnePerInterval) {
     for (const int result : c.results) EXPECT_EQ(client.tryStartEngine(), result);
     EXPECT_EQ(client.engine() != nullptr, c.runs);
   }
-}
-
-TEST(Client, InitReplacesTheConfigurationUntilAnEngineIsHeld) {
-  g_debug = true;
-  Callback* const queue = newQueue();
-  FakeService service(uniqueName());
-  Client& client = newClient();
-  client.init("", 0, "", queue);
-  client.init(service.name(), 0, "here", queue);
-  ASSERT_TRUE(client.isRunning());
-  const LogCapture log;
-  client.init("elsewhere", 9, "there", queue);
-  g_debug = false;
-  EXPECT_EQ(
-      log.count("\"ClientInit client already inited remote:" + service.name() + " port:0 local:here cb:"), 1);
-  EXPECT_TRUE(client.isRunning());
+  EXPECT_EQ(log.count("5 [udp.cpp,createSocket:"), 1) << "one UDP engine, the later attempts are throttled";
 }
 
 TEST(Client, DisablingHidesARunningEngineAndEnablingFindsItAgain) {
   g_debug = true;
-  Callback* const queue = newQueue();
   FakeService service(uniqueName());
   Client& client = newClient();
-  client.init(service.name(), 0, "l", queue);
+  EXPECT_TRUE(client.init("", 0, "", newQueue())) << "replaced by the next one, as no engine is held";
+  EXPECT_TRUE(client.init(service.name(), 0, "here", newQueue()));
+  const LogCapture inited;
+  EXPECT_FALSE(client.init("elsewhere", 9, "there", newQueue()));
+  EXPECT_EQ(
+      inited.count("\"ClientInit client already inited remote:" + service.name() + " port:0 local:here cb:"),
+      1);
   const struct {
-    bool on;
-    bool engine;
+    bool on, engine;
     const char* line;
   } steps[] = {
       {true, true, "3 [client.cpp,setEnable:366]\"setEnable 1 to 1 restart:0\""},
@@ -127,19 +117,6 @@ TEST(Client, ReportsEveryRequestThatFindsNoEngineAndThrottlesTheAttempts) {
     EXPECT_EQ(report->status, -20001);
     EXPECT_EQ(report->timestamp + report->funcid + report->code + report->len, 0);
   }
-}
-
-TEST(Client, ANonZeroPortBuildsAndDiscardsAnEngineAndNeverLeavesOne) {
-  Callback* const queue = newQueue();
-  Client& client = newClient();
-  const LogCapture log;
-  client.init("127.0.0.1", 9, "", queue);
-  EXPECT_EQ(log.count("5 [udp.cpp,createSocket:"), 1);
-  EXPECT_EQ(log.count("\"Create socket succ. fd:"), 1);
-  EXPECT_FALSE(client.isRunning());
-  EXPECT_EQ(client.engine(), nullptr);
-  EXPECT_EQ(client.tryStartEngine(), -3);
-  EXPECT_EQ(log.count("\"Create socket succ. fd:"), 1) << "throttled";
 }
 
 TEST(Client, AnEngineWhoseThreadCannotBeCreatedFailsTheStart) {
@@ -338,29 +315,13 @@ TEST_F(Requests, PutTheirFuncidTheirCallerAndTheirGoldenBodyOnTheWire) {
   g_debug = false;
 }
 
-TEST_F(Requests, CarryAHundredThousandFileNamesFromASmallStack) {
-  std::vector<std::string> files;
-  for (int i = 0; i < 100000; ++i) files.push_back("/data/file-" + std::to_string(i));
-  int result = -1;
-  pthread_attr_t small;
-  pthread_attr_init(&small);
-  pthread_attr_setstacksize(&small, 256 * 1024);
-  pthread_t thread{};
-  auto call = std::make_pair(&files, &result);
-  ASSERT_EQ(pthread_create(
-                &thread, &small,
-                [](void* argument) -> void* {
-                  const auto& [names, ret] = *static_cast<decltype(call)*>(argument);
-                  *ret = registerBootPreloadResource(*names, 30, 40);
-                  return nullptr;
-                },
-                &call),
-            0);
+TEST_F(Requests, AMessageLargerThanAThreadsStackIsCarriedWhole) {
+  const std::vector<std::string> files(100000, std::string(100, 'f'));  // 10 MB; a stack has 8
+  std::thread caller([&] { EXPECT_NE(registerBootPreloadResource(files, 30, 40), kNoEngine); });
   const Bytes packet = service().readRequest();
-  pthread_join(thread, nullptr);
-  EXPECT_NE(result, kNoEngine);
-  EXPECT_GT(packet.size(), 1500000u);
-  EXPECT_EQ(packet.substr(packet.size() - 16), "/data/file-99999");
+  caller.join();
+  EXPECT_EQ(packet.size(), 32u + 100000 * 102);
+  EXPECT_EQ(packet.substr(packet.size() - 102), hex("0A64") + files.back());
 }
 
 TEST_F(Requests, WithoutThreadsOrWithoutAnEngineSendNothing) {

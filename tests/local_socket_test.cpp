@@ -3,12 +3,9 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -75,19 +72,11 @@ class Transport : public LocalSocket {
 /// A plain client connected to an abstract name, itself bound to `local` if that is not empty.
 int plainClient(const std::string& name, const std::string& local = "") {
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const auto address = [](const std::string& text, socklen_t* length) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path + 1, text.data(), text.size());
-    *length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
-    return address;
-  };
-  socklen_t length = 0;
+  const auto [own, ownLength] = abstractAddress(local);
   if (!local.empty()) {
-    const sockaddr_un own = address(local, &length);
-    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&own), length), 0);
+    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&own), ownLength), 0);
   }
-  const sockaddr_un to = address(name, &length);
+  const auto [to, length] = abstractAddress(name);
   EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&to), length), 0) << strerror(errno);
   return fd;
 }
@@ -258,9 +247,7 @@ TEST(LocalSocketServerSide, OneRefusedPeerEndsTheServer) {
 
 TEST(LocalSocketClientSide, WorksAboveAThousandTwentyFourDescriptors) {
   if (getenv("TARN_EMULATED") != nullptr) GTEST_SKIP() << "the emulator's select ends at 1023";
-  rlimit files{};
-  getrlimit(RLIMIT_NOFILE, &files);
-  files.rlim_cur = std::min<rlim_t>(files.rlim_max, 4096);
+  const rlimit files = {4096, 4096};
   setrlimit(RLIMIT_NOFILE, &files);
   std::vector<int> held;
   while (held.empty() || (held.back() >= 0 && held.back() < 1500))
