@@ -12,7 +12,7 @@ builds the project for 64-bit Arm Linux with the protobuf runtime compiled in, a
 unit tests, the tests in an arm64 OpenJDK and the demo under qemu. Then checks the library's file, builds it once
 more as an Android compiler and linker see it, checks that too, and assembles an Android package around it.
 
-  --asan     also the unit tests under AddressSanitizer and UndefinedBehaviorSanitizer
+  --asan     also the library's unit tests under AddressSanitizer and UndefinedBehaviorSanitizer
   --no-demo  without the demo
 HELP
 }
@@ -68,7 +68,9 @@ if [ "$asan" = yes ]; then
   step "unit tests with sanitizers under qemu"
   # The leak checker needs a tracer, which the emulator has not.
   export ASAN_OPTIONS=detect_leaks=0
-  build arm64-asan "$ROOT" "${arm64[@]}" -DTARNBOOSTER_SANITIZE=address,undefined -DTARNBOOSTER_BUILD_JAVA=OFF
+  build arm64-asan "$ROOT" "${arm64[@]}" -DTARNBOOSTER_SANITIZE=address,undefined -DTARNBOOSTER_STATIC_PROTOBUF=OFF \
+    -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 -DTARNBOOSTER_BUILD_JAVA=OFF -DTARNBOOSTER_BUILD_SERVICE=OFF \
+    -DTARNBOOSTER_BUILD_TOOLS=OFF
   ctest --test-dir "$BUILD/arm64-asan" --output-on-failure --no-tests=error -j"$(nproc)"
 fi
 
@@ -81,5 +83,6 @@ library=$BUILD/android-shape/tarnbooster/jni/libtarnbooster.so
 step "the Android package around it"
 "$ROOT/scripts/make-aar.sh" --library "$library" --jar "$BUILD/arm64/java/tarnbooster.jar" \
   --output "$BUILD/android-shape/tarnbooster.aar"
+"$ROOT/tests/package/aar_test.sh" "$BUILD/android-shape/tarnbooster.aar" "$BUILD/arm64/jni/libtarnbooster.so"
 
 step "64-bit Arm is well"
