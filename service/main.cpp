@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <cmath>
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -37,7 +38,7 @@ const char kExamples[] =
 std::string cutField(std::string& text, const char* option) {
   const size_t colon = text.find(':');
   if (colon == std::string::npos) throw CLI::ValidationError(option, "a ':' is missing in \"" + text + "\"");
-  const std::string field = text.substr(0, colon);
+  std::string field = text.substr(0, colon);
   text.erase(0, colon + 1);
   return field;
 }
@@ -144,9 +145,7 @@ void installSignals() {
   sigaction(SIGPIPE, &action, nullptr);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int program(int argc, char** argv) {
   CLI::App app(kAbout, "tarnbooster-service");
   Options options;
   describeOptions(app, options);
@@ -175,4 +174,15 @@ int main(int argc, char** argv) {
   }
   server.run();
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return program(argc, argv);
+  } catch (const std::exception& error) {
+    fprintf(stderr, "tarnbooster-service: %s\n", error.what());
+    return 1;
+  }
 }
