@@ -32,7 +32,7 @@ const char kExamples[] =
     "\nTry it:\n"
     "  tarnbooster-service --name tarnbooster --push-every 5:7:hello\n"
     "  tarnbooster --socket tarnbooster --wait 20000 register-anr-callback     (in another terminal)\n"
-    "\nExit codes: 0 stopped by SIGINT or SIGTERM, 1 could not start, others: wrong options.\n";
+    "\nExit codes: 0 stopped by SIGINT or SIGTERM, 1 could not start, 2 wrong options.\n";
 
 /// Cuts "HEAD:REST" off `text` at its first colon; throws what CLI11 reports when there is none.
 std::string cutField(std::string& text, const char* option) {
@@ -149,7 +149,11 @@ int program(int argc, char** argv) {
   CLI::App app(kAbout, "tarnbooster-service");
   Options options;
   describeOptions(app, options);
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  }
   if (options.server.name.empty() && !options.server.udp) {
     fputs("tarnbooster-service: nowhere to listen: give --name NAME, or --udp ADDRESS:PORT, or both\n",
           stderr);
