@@ -4,10 +4,6 @@ add_library(tarnbooster_warnings INTERFACE)
 target_compile_options(tarnbooster_warnings INTERFACE -Wall -Wextra $<$<BOOL:${TARNBOOSTER_WERROR}>:-Werror>)
 
 if(TARNBOOSTER_SANITIZE)
-  # The library is built without RTTI, which the vptr check needs.
   add_compile_options(-fsanitize=${TARNBOOSTER_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
-  if(TARNBOOSTER_SANITIZE MATCHES undefined)
-    add_compile_options(-fno-sanitize=vptr)
-  endif()
   add_link_options(-fsanitize=${TARNBOOSTER_SANITIZE})
 endif()

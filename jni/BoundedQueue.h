@@ -55,7 +55,7 @@ class BoundedQueue {
       std::lock_guard<std::mutex> lock(m_lock);
       if (!m_closed) {
         m_queue.push_back(std::move(item));
-        m_items.post();
+        m_items.post();  // under the lock, so that an item that front() shows is one that tryPop() gets
         return true;
       }
     }

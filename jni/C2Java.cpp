@@ -32,7 +32,10 @@ void c2Java_OnData(JNIEnv* env, int32_t type, int64_t timestamp, int32_t status,
     return;
   }
   jmethodID const onData = env->GetStaticMethodID(g_classUdpEngine, "onData", "(IJIII[B)V");
-  if (onData == nullptr) return;
+  if (onData == nullptr) {
+    env->ExceptionClear();  // the look-up's own; the next delivery must not begin with it
+    return;
+  }
   jbyteArray const array = env->NewByteArray(len);
   if (array == nullptr) {
     env->ExceptionClear();

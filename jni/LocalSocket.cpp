@@ -318,7 +318,7 @@ void LocalSocket::uninit() {
     m_fd = 0;
     m_pipe.wake();
     // A loop that is blocked in a send to a service that does not read comes back from it.
-    shutdown(m_socket, SHUT_RDWR);
+    if (m_socket != 0) shutdown(m_socket, SHUT_RDWR);
     return;
   }
   m_pipe.close();

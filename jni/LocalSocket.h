@@ -40,8 +40,9 @@ class LocalSocket {
 
   /// Opens the socket: connects to the abstract name `remotePath`, or, when that is null or empty, listens on
   /// the abstract name `localPath` (which a client only logs). Never waits: a service whose backlog is full
-  /// is a failure at once. Returns 0; -1 with one ERROR line on failure (the pipe may then be open until the
-  /// next uninit()). Not while a loop runs.
+  /// is a failure at once. Returns 0; -1 with one ERROR line
+  /// on failure (the pipe may then be open until the next uninit()). Not to be called while a loop runs: that
+  /// ends the loop and returns -1.
   int createSocket(const char* localPath, const char* remotePath);
 
   /// Runs until the socket is gone: uninit(), a failed send to m_fd or, for a server, a failed or refused
@@ -56,7 +57,9 @@ class LocalSocket {
  protected:
   /// A packet waiting to be written.
   struct SendPack {
-    int32_t fd = 0;                   // where to: m_fd at the time of queueing
+    int32_t fd = 0;  // where to: m_fd at the time of queueing, or an accepted peer. A pack for a peer that
+                     // the loop has closed meanwhile is dropped with the "send failed" line; the number may
+                     // be somebody else's by now.
     std::unique_ptr<uint8_t[]> data;  // the packet
     int32_t len = 0;                  // its bytes
     int32_t offset = 0;               // bytes already written

@@ -13,8 +13,7 @@
 
 Client& g_client = *new Client;
 
-// ---- LocalsocketClient
-// ----------------------------------------------------------------------------------------
+// ---- LocalsocketClient ----
 
 LocalsocketClient::LocalsocketClient(std::string remotePath, std::string localPath, ClientProtocal* owner)
     : m_remotePath(std::move(remotePath)), m_localPath(std::move(localPath)), m_owner(owner) {}
@@ -72,36 +71,45 @@ int32_t LocalsocketClient::recvEvent(int32_t event, int32_t fd, uint32_t uid, co
       LOG_ERROR_AT(153, "LocalsocketClient recvEvent EVENT_ERROR: uid:%d path:%s fd:%d  Reconnect now.", uid,
                    shownText(path), fd);
       return 0;
-    case EVENT_DATA: {
-      size_t used = 0;
-      while (used < static_cast<size_t>(len)) {
-        const ReplyReader::Result result = m_reply.read(data, static_cast<size_t>(len), &used);
-        if (result == ReplyReader::Result::NeedMore) return 0;
-        const ReplyHeader& reply = m_reply.header();
-        if (result == ReplyReader::Result::Complete) {
-          LOG_DEBUG_AT(195, "LocalsocketClient recvEvent EVENT_DATA funcid:%d timestamp:%dms", reply.funcid,
-                       static_cast<int>(reply.timestamp / 1000000));
-          m_owner->onCallback(0, reply.funcid, static_cast<int64_t>(reply.word16), reply.timestamp,
-                              static_cast<int32_t>(reply.status), m_reply.body(),
-                              static_cast<int32_t>(reply.dataLen));
-        } else if (result == ReplyReader::Result::BadMagic) {
-          LOG_ERROR_AT(175, "Check Header BEGIN failed:0x%x server:0x%x", reply.magic, kHeaderMagic);
-        } else {
-          LOG_ERROR("reply body of %u bytes not allocated", reply.dataLen);
-        }
-        m_reply.next();
-        if (result != ReplyReader::Result::Complete) return -1;
-      }
-      return 0;
-    }
+    case EVENT_DATA:
+      return reassemble(data, static_cast<size_t>(len));
     default:
       LOG_DEBUG_AT(207, "LocalsocketClient ERR EVENT:%d", event);
       return -1;
   }
 }
 
-// ---- Client
-// ---------------------------------------------------------------------------------------------------
+/// Hands every reply that these bytes complete to the owner. 0, or -1 when the rest of the bytes was dropped.
+int32_t LocalsocketClient::reassemble(const uint8_t* data, size_t len) {
+  size_t used = 0;
+  while (used < len) {
+    const ReplyReader::Result result = m_reply.read(data, len, &used);
+    const ReplyHeader& reply = m_reply.header();
+    switch (result) {
+      case ReplyReader::Result::NeedMore:
+        return 0;
+      case ReplyReader::Result::Complete:
+        LOG_DEBUG_IN("recvEvent", 195, "LocalsocketClient recvEvent EVENT_DATA funcid:%d timestamp:%dms",
+                     reply.funcid, static_cast<int>(reply.timestamp / 1000000));
+        m_owner->onCallback(0, reply.funcid, static_cast<int64_t>(reply.word16), reply.timestamp,
+                            static_cast<int32_t>(reply.status), m_reply.body(),
+                            static_cast<int32_t>(reply.dataLen));
+        break;
+      case ReplyReader::Result::BadMagic:
+        LOG_ERROR_IN("recvEvent", 175, "Check Header BEGIN failed:0x%x server:0x%x", reply.magic,
+                     kHeaderMagic);
+        break;
+      case ReplyReader::Result::NoMemory:
+        LOG_ERROR_IN("recvEvent", __LINE__, "reply body of %u bytes not allocated", reply.dataLen);
+        break;
+    }
+    m_reply.next();
+    if (result != ReplyReader::Result::Complete) return -1;
+  }
+  return 0;
+}
+
+// ---- Client ----
 
 std::shared_ptr<IClientEngine> Client::engine() {
   if (!isEnabled()) return nullptr;
@@ -121,19 +129,20 @@ IC2JavaCallback* Client::c2JavaCallback() {
   return m_callback.load();
 }
 
-void Client::init(const std::string& remote, int32_t port, const std::string& local,
+bool Client::init(const std::string& remote, int32_t port, const std::string& local,
                   IC2JavaCallback* callback) {
   const Lock lock(m_lock);
   if (m_engine != nullptr) {
     LOG_DEBUG("ClientInit client already inited remote:%s port:%d local:%s cb:%d ", m_remote.c_str(), m_port,
               m_local.c_str(), addressBits(c2JavaCallback()));
-    return;
+    return false;
   }
   m_callback = callback;
   m_remote = remote;
   m_local = local;
   m_port = port;
   tryStartEngine(lock);
+  return true;
 }
 
 int32_t Client::tryStartEngine() {

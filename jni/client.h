@@ -70,7 +70,9 @@ class Client : public ClientProtocal {
   /// port      0 selects the local socket, any other port UDP
   /// local     only logged, but must not be empty when port is below 1
   /// callback  where reports go; not owned, must live as long as the process
-  void init(const std::string& remote, int32_t port, const std::string& local, IC2JavaCallback* callback);
+  ///
+  /// Returns false when an engine was held already.
+  bool init(const std::string& remote, int32_t port, const std::string& local, IC2JavaCallback* callback);
 
   /// Starts an engine now. Returns 0 when a new one runs; -1 when not configured; -2 when one already runs;
   /// -3 when the last attempt is less than the retry interval ago, when the start failed, or for a non-zero

@@ -51,8 +51,7 @@ std::string textOf(JNIEnv* env, jstring s) {
   return jstringToChars(env, s);  // NOLINT(clang-analyzer-unix.Malloc)
 }
 
-// ---- The callback thread
-// ----------------------------------------------------------------------------------------
+// ---- The callback thread ----
 
 /// Delivers reports for the life of the process. `argument` is the Callback. Attached to the VM once and
 /// never detached, so a desktop VM does not end by itself.
@@ -82,8 +81,7 @@ void startCallbackThread() {
   if (g_callback.claimStart()) startDetachedThread(callbackThread, &g_callback);
 }
 
-// ---- Natives, in the order of the table below
-// -------------------------------------------------------------------
+// ---- Natives, in the order of the table below ----
 
 jint com_tarn_performance_tarnboosterjni_testtarnbooster(JNIEnv*, jobject) {
   LOG_DEBUG("testtarnbooster");
@@ -96,7 +94,7 @@ jint com_tarn_performance_tarnboosterjni_initTarnBooster(JNIEnv* env, jobject, j
   const std::string remoteText = textOf(env, remote);
   const std::string localText = textOf(env, local);
   startCallbackThread();
-  g_client.init(remoteText, port, localText, &g_callback);
+  if (!g_client.init(remoteText, port, localText, &g_callback)) return 0;
   LOG_DEBUG("initTarnBooster end");
   return 0;
 }
@@ -259,8 +257,7 @@ jint com_tarn_performance_tarnboosterjni_getTickRate(JNIEnv*, jobject) {
   return tickRate();
 }
 
-// ---- The native table
-// -------------------------------------------------------------------------------------------
+// ---- The native table ----
 
 #define NATIVE(name, signature)                                             \
   {                                                                         \

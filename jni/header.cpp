@@ -10,7 +10,7 @@ int64_t genReqPack(uint32_t funcid, const uint8_t* data, int32_t dataLen, uint8_
                    uint32_t callertid, int64_t timestamp) {
   LOG_DEBUG_AT(23, "getReqPack funcid:%d, dataLen:%d callertid:%d timestamp:%d", funcid, dataLen, callertid,
                static_cast<int>(timestamp / 1000000));
-  if (dataLen < 0 || (dataLen >= 1 && data == nullptr)) {
+  if (static_cast<uint32_t>(dataLen) > kMaxBodyBytes || (dataLen >= 1 && data == nullptr)) {
     LOG_ERROR_AT(26, "getReqPack input data len %d data:%d", dataLen, addressBits(data));
     return -1;
   }

@@ -20,6 +20,7 @@ constexpr uint32_t kHeaderMagic = 0x48444352;
 constexpr uint32_t kHeaderBytes = 32;
 constexpr uint16_t kRequestVersion = 4;
 constexpr uint32_t kMaxFuncid = 65535;
+constexpr uint32_t kMaxBodyBytes = INT32_MAX - kHeaderBytes;  // a packet's length is a signed 32-bit number
 
 namespace request_header {
 constexpr int kMagic = 0, kVersion = 4, kFuncid = 6, kDataLen = 8, kSendTime = 12, kCallertid = 20,
@@ -36,7 +37,8 @@ static_assert(kTimestamp + sizeof(int64_t) == kHeaderBytes, "the reply header is
 ///
 /// funcid      the function identifier, at most 65535
 /// data        the body (the serialised message); may be null when dataLen is 0. Not kept.
-/// dataLen     body bytes; a negative length is refused like missing data
+/// dataLen     body bytes; a negative length, or one above kMaxBodyBytes, is refused like
+///             missing data
 /// outBuf      receives the packet, dataLen + 32 bytes; the caller owns it and frees it with delete[]
 /// outLen      receives dataLen + 32
 /// callertid   the calling thread's id, as the application gave it

@@ -23,7 +23,8 @@ extern "C" {
 extern TARN_EXPORT const char* TAG;
 
 /// The log sink, `__android_log_print` at load. Exported; whoever replaces it does so before any other
-/// thread of the library runs, and the replacement must be callable from every thread.
+/// thread of the library runs, and the replacement must be callable from every thread and must not call back
+/// into the library (some lines are written under its locks).
 extern TARN_EXPORT int (*logFunc)(int priority, const char* tag, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 }

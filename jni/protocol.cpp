@@ -40,6 +40,8 @@ std::optional<int> send(uint32_t funcid, int tid, int64_t timestamp) {
 template <class Message>
 std::optional<int> send(uint32_t funcid, const Message& message, int tid, int64_t timestamp) {
   const size_t length = message.ByteSizeLong();
+  if (length > kMaxBodyBytes)
+    return send(funcid, nullptr, kMaxBodyBytes + 1, tid, timestamp);  // refused with -1
   uint8_t stack[kStackPayloadBytes];
   std::unique_ptr<uint8_t[]> heap;
   if (length > sizeof(stack)) heap.reset(new uint8_t[length]);
@@ -58,8 +60,7 @@ void append(Repeated* field, const int* bindtids, int bindlen) {
 
 }  // namespace
 
-// ---- Requests
-// -------------------------------------------------------------------------------------------------
+// ---- Requests ----
 
 int checkPermission(int pid, int uid, int tid, int64_t timestamp) {
   if (!haveEngine()) return kNoEngine;
@@ -221,8 +222,7 @@ int cancelUnifyCpuIOThreadCore(bool cancelcpu, bool cancelio, bool cancelthread,
   return *ret;
 }
 
-// ---- Replies
-// --------------------------------------------------------------------------------------------------
+// ---- Replies ----
 
 void ClientProtocal::onCallback(int32_t /*event*/, int32_t funcid, int64_t /*word16*/, int64_t timestamp,
                                 int32_t status, const uint8_t* data, int32_t len) {
@@ -242,7 +242,8 @@ void ClientProtocal::onCallback(int32_t /*event*/, int32_t funcid, int64_t /*wor
     return;
   }
   amc::DataCallback pushed;
-  if (!pushed.ParseFromArray(data, len)) {
+  // ParseFromArray() in two steps: by itself it prints a line of its own when a field is missing.
+  if (!pushed.ParsePartialFromArray(data, len) || !pushed.IsInitialized()) {
     LOG_DEBUG("onCallback ParseFromArray ret:%d c2JavaCallback:0x%x funcid:%d data:0x%x len:%d", 0,
               addressBits(callback), funcid, addressBits(data), len);
     return;

@@ -22,7 +22,7 @@
 #include <memory>
 #include <string>
 
-// ---- The protocol's numbers -----------------------------------------------------------------------------
+// ---- The protocol's numbers ----
 namespace udp {
 constexpr uint32_t kHeaderLength = 28;                          // bytes in front of the payload
 constexpr uint32_t kMaxPayload = 1000;                          // bytes of a message in one datagram

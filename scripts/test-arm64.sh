@@ -41,19 +41,20 @@ export TARN_EMULATED=1
 export TARN_EMULATOR="qemu-aarch64-static -L $folder"
 export TARN_JAVA="$TARN_EMULATOR $folder/usr/lib/jvm/java-17-openjdk-arm64/bin/java -Djdk.lang.Process.launchMechanism=VFORK"
 
-# build NAME OPTION...: configures and builds $BUILD/NAME.
+# build NAME SOURCE OPTION...: configures SOURCE as $BUILD/NAME and builds it.
 build() {
-  cmake --preset arm64-linux -S "$ROOT" -B "$BUILD/$1" -DTARNBOOSTER_STATIC_PROTOBUF=ON \
-    "-DTARNBOOSTER_PROTOBUF_SOURCE=$protobuf" "${@:2}" >"$BUILD/$1.configure.log" 2>&1 ||
+  cmake -G Ninja -S "$2" -B "$BUILD/$1" -DTARNBOOSTER_WERROR=ON -DTARNBOOSTER_STATIC_PROTOBUF=ON \
+    "-DTARNBOOSTER_PROTOBUF_SOURCE=$protobuf" "${@:3}" >"$BUILD/$1.configure.log" 2>&1 ||
     { cat "$BUILD/$1.configure.log"; die "$1 could not be configured"; }
   cmake --build "$BUILD/$1" -j"$(nproc)" >"$BUILD/$1.build.log" 2>&1 ||
     { tail -n 60 "$BUILD/$1.build.log"; die "$1 could not be built"; }
 }
+arm64=(--preset arm64-linux)
 mkdir -p "$BUILD"
 cd "$ROOT"
 
 step "building for 64-bit Arm"
-build arm64
+build arm64 "$ROOT" "${arm64[@]}"
 step "tests under qemu"
 ctest --test-dir "$BUILD/arm64" --output-on-failure --no-tests=error -j"$(nproc)"
 "$ROOT/scripts/check-library.sh" "$BUILD/arm64/jni/libtarnbooster.so"
@@ -67,16 +68,18 @@ if [ "$asan" = yes ]; then
   step "unit tests with sanitizers under qemu"
   # The leak checker needs a tracer, which the emulator has not.
   export ASAN_OPTIONS=detect_leaks=0
-  build arm64-asan -DTARNBOOSTER_SANITIZE=address,undefined -DTARNBOOSTER_BUILD_JAVA=OFF
+  build arm64-asan "$ROOT" "${arm64[@]}" -DTARNBOOSTER_SANITIZE=address,undefined -DTARNBOOSTER_BUILD_JAVA=OFF
   ctest --test-dir "$BUILD/arm64-asan" --output-on-failure --no-tests=error -j"$(nproc)"
 fi
 
-step "the library in Android's shape"
-build android-shape --toolchain "$ROOT/tests/package/android-shape.cmake" -DCMAKE_BUILD_TYPE=Release
-"$ROOT/scripts/check-library.sh" --imports "$BUILD/android-shape/jni/libtarnbooster.so"
+step "the library in Android's shape, as part of an application"
+build android-shape "$ROOT/tests/package/application" --toolchain "$ROOT/tests/package/android-shape.cmake" \
+  -DCMAKE_BUILD_TYPE=Release
+library=$BUILD/android-shape/tarnbooster/jni/libtarnbooster.so
+"$ROOT/scripts/check-library.sh" --imports "$library"
 
 step "the Android package around it"
-"$ROOT/scripts/make-aar.sh" --library "$BUILD/android-shape/jni/libtarnbooster.so" \
-  --jar "$BUILD/arm64/java/tarnbooster.jar" --output "$BUILD/android-shape/tarnbooster.aar"
+"$ROOT/scripts/make-aar.sh" --library "$library" --jar "$BUILD/arm64/java/tarnbooster.jar" \
+  --output "$BUILD/android-shape/tarnbooster.aar"
 
 step "64-bit Arm is well"

@@ -3,12 +3,9 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -75,19 +72,11 @@ class Transport : public LocalSocket {
 /// A plain client connected to an abstract name, itself bound to `local` if that is not empty.
 int plainClient(const std::string& name, const std::string& local = "") {
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const auto address = [](const std::string& text, socklen_t* length) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path + 1, text.data(), text.size());
-    *length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
-    return address;
-  };
-  socklen_t length = 0;
+  const auto [own, ownLength] = abstractAddress(local);
   if (!local.empty()) {
-    const sockaddr_un own = address(local, &length);
-    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&own), length), 0);
+    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&own), ownLength), 0);
   }
-  const sockaddr_un to = address(name, &length);
+  const auto [to, length] = abstractAddress(name);
   EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&to), length), 0) << strerror(errno);
   return fd;
 }
@@ -113,30 +102,37 @@ TEST(LocalSocketClientSide, SendsQueuedPacksInOrderAndReportsWhatArrives) {
   EXPECT_FALSE(transport.queue("late")) << "an ended loop takes nothing any more";
 }
 
-TEST(LocalSocketClientSide, ABurstBehindAFullSocketDoesNotDrainAtOnePackASecond) {
+/// How long five packs take that wait behind a full socket, from the moment the service reads.
+std::chrono::steady_clock::duration drainBehindFullSocket() {
   FakeService service(uniqueName());
   Transport transport;
-  ASSERT_EQ(transport.createSocket("", service.name().c_str()), 0);
+  EXPECT_EQ(transport.createSocket("", service.name().c_str()), 0);
   g_debug = true;
   const LogCapture log;
   transport.run(false);
-  ASSERT_TRUE(service.accept());
+  EXPECT_TRUE(service.accept());
   const Bytes pack(4096, 'p');
   const std::string full = "\" FD_ISSET(fd, &fdset) :0 fd:";
   int packs = 0;
   while (log.count(full) == 0) {
     transport.queue(pack);
     ++packs;
-    ASSERT_TRUE(eventually([&] { return log.count("\"send: ret:") == packs || log.count(full) > 0; }));
+    EXPECT_TRUE(eventually([&] { return log.count("\"send: ret:") == packs || log.count(full) > 0; }));
   }
   // One pack waits already; four more fill the queue, and each wakes a round that cannot write.
   for (int i = 0; i < 4; ++i, ++packs) transport.queue(pack);
-  ASSERT_TRUE(eventually([&] { return log.count(full) >= 5; }));
+  EXPECT_TRUE(eventually([&] { return log.count(full) >= 5; }));
   g_debug = false;
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(service.read(packs * pack.size()).size(), packs * pack.size());
-  // The first of the five may wait a second for the next look at the socket, the others wait for nothing.
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3500));
+  return std::chrono::steady_clock::now() - start;
+}
+
+TEST(LocalSocketClientSide, ABurstBehindAFullSocketDoesNotDrainAtOnePackASecond) {
+  // The first of the five may wait a second for the next look at the socket, the others wait for nothing. A
+  // slow machine gets three tries; at one pack a second each would take four seconds or more.
+  const auto fast = [] { return drainBehindFullSocket() < std::chrono::milliseconds(3500); };
+  EXPECT_TRUE(fast() || fast() || fast());
 }
 
 TEST(LocalSocketClientSide, TheEndOfTheServiceEndsTheLoopAtTheNextSendAndFreesWaitingProducers) {
@@ -217,19 +213,20 @@ TEST(LocalSocketServerSide, AcceptsReadsAnswersAndOutlivesAClient) {
   ASSERT_TRUE(eventually([&] { return server.saw("3 uid " + uid + " path  data "); }));
   ASSERT_EQ(write(named, "ping", 4), 4);
   ASSERT_TRUE(eventually([&] { return server.saw("1 uid " + uid + " path " + longest + " data ping"); }));
+  int other[2];  // before the number is free
+  ASSERT_EQ(pipe2(other, O_NONBLOCK), 0);
   close(named);
   ASSERT_TRUE(eventually([&] { return server.saw("0 uid " + uid + " path " + longest + " data "); }));
   // The closed peer's number is reused by somebody else, who must not get what was meant for the peer.
-  int other[2];
-  ASSERT_EQ(pipe2(other, O_NONBLOCK), 0);
-  const int stranger = fcntl(other[1], F_DUPFD, namedPeer);
+  ASSERT_TRUE(eventually([&] { return fcntl(namedPeer, F_GETFD) == -1; }));
+  ASSERT_EQ(dup2(other[1], namedPeer), namedPeer);
   EXPECT_TRUE(server.queue("for a peer that is gone", namedPeer));
   EXPECT_TRUE(server.queue("pong", server.lastAccepted()));
   char answer[5] = {};
   EXPECT_EQ(recv(unnamed, answer, 4, MSG_WAITALL), 4);
   EXPECT_STREQ(answer, "pong");
   EXPECT_EQ(read(other[0], answer, 1), -1);
-  for (const int fd : {unnamed, other[0], other[1], stranger}) close(fd);
+  for (const int fd : {unnamed, other[0], other[1], namedPeer}) close(fd);
 }
 
 TEST(LocalSocketServerSide, OneRefusedPeerEndsTheServer) {
@@ -250,9 +247,7 @@ TEST(LocalSocketServerSide, OneRefusedPeerEndsTheServer) {
 
 TEST(LocalSocketClientSide, WorksAboveAThousandTwentyFourDescriptors) {
   if (getenv("TARN_EMULATED") != nullptr) GTEST_SKIP() << "the emulator's select ends at 1023";
-  rlimit files{};
-  getrlimit(RLIMIT_NOFILE, &files);
-  files.rlim_cur = std::min<rlim_t>(files.rlim_max, 4096);
+  const rlimit files = {4096, 4096};
   setrlimit(RLIMIT_NOFILE, &files);
   std::vector<int> held;
   while (held.empty() || (held.back() >= 0 && held.back() < 1500))

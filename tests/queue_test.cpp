@@ -1,13 +1,11 @@
 // The bounded queue and the descriptor helpers that everything else stands on.
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <vector>
 
 #include "BoundedQueue.h"
-#include "SelectSet.h"
 #include "WakePipe.h"
 #include "descriptor.h"
 #include "support/Support.h"
@@ -81,31 +79,4 @@ TEST(WakePipe, AWakeAfterTheCloseWritesNowhereEvenIfTheNumberIsReused) {
   char byte = 0;
   EXPECT_EQ(read(other[0], &byte, 1), -1) << "a stranger's pipe was written to";
   for (const int fd : {other[0], other[1], writeEnd}) close(fd);
-}
-
-TEST(SelectSet, SeesDescriptorsBeyondTheThousandTwentyFour) {
-  if (getenv("TARN_EMULATED") != nullptr) GTEST_SKIP() << "the emulator's select ends at 1023";
-  rlimit files{};
-  getrlimit(RLIMIT_NOFILE, &files);
-  files.rlim_cur = std::min<rlim_t>(files.rlim_max, 4096);
-  setrlimit(RLIMIT_NOFILE, &files);
-  if (files.rlim_cur < 2100) GTEST_SKIP() << "at most " << files.rlim_cur << " descriptors allowed here";
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  const int high = fcntl(ends[0], F_DUPFD, 2050);
-  ASSERT_EQ(write(ends[1], "x", 1), 1);
-  SelectSet set;
-  set.add(ends[0]);
-  set.add(high);
-  timeval atOnce = {0, 0};
-  EXPECT_EQ(SelectSet::select(high, &set, nullptr, &atOnce), 2);
-  EXPECT_TRUE(set.contains(high));
-  set.remove(high);
-  EXPECT_FALSE(set.contains(high));
-  set.add(high);
-  close(high);
-  EXPECT_EQ(SelectSet::select(high, &set, nullptr, &atOnce), -1);
-  EXPECT_FALSE(set.contains(ends[0])) << "after an error nothing counts as ready";
-  close(ends[0]);
-  close(ends[1]);
 }

@@ -12,8 +12,10 @@ set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)  # there is nothing to link a 
 set(CMAKE_HAVE_LIBC_PTHREAD TRUE)                    # which would have found this
 
 set(folder ${TARNBOOSTER_ARM64_FOLDER}/usr/include)
-set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES ${folder}/c++/12 ${folder}/aarch64-linux-gnu/c++/12
+set(CMAKE_C_STANDARD_INCLUDE_DIRECTORIES
     ${folder}/android/nativehelper ${folder}/android ${folder}/aarch64-linux-gnu)
+set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES
+    ${folder}/c++/12 ${folder}/aarch64-linux-gnu/c++/12 ${CMAKE_C_STANDARD_INCLUDE_DIRECTORIES})
 
 set(stubs ${CMAKE_BINARY_DIR}/stubs)
 file(MAKE_DIRECTORY ${stubs})
@@ -24,4 +26,5 @@ foreach(name c log)
   endif()
 endforeach()
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-nostdlib -fuse-ld=lld -L${stubs}")
+set(CMAKE_C_STANDARD_LIBRARIES "-lc")
 set(CMAKE_CXX_STANDARD_LIBRARIES "-lc")

@@ -1,8 +1,6 @@
 #include "Support.h"
 
 #include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -38,13 +36,17 @@ Bytes reply(uint16_t funcid, uint32_t status, const Bytes& body, int64_t timesta
   return Bytes(reinterpret_cast<char*>(header), sizeof(header)) + body;
 }
 
-FakeService::FakeService(std::string name, int backlog) : m_name(std::move(name)) {
+std::pair<sockaddr_un, socklen_t> abstractAddress(const std::string& name) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  memcpy(address.sun_path + 1, m_name.data(), m_name.size());
+  memcpy(address.sun_path + 1, name.data(), name.size());
+  return {address, static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size())};
+}
+
+FakeService::FakeService(std::string name, int backlog) : m_name(std::move(name)) {
+  const auto [address, length] = abstractAddress(m_name);
   m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + m_name.size());
-  EXPECT_EQ(bind(m_listener, reinterpret_cast<sockaddr*>(&address), length), 0) << strerror(errno);
+  EXPECT_EQ(bind(m_listener, reinterpret_cast<const sockaddr*>(&address), length), 0) << strerror(errno);
   EXPECT_EQ(listen(m_listener, backlog), 0);
 }
 

@@ -3,12 +3,15 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 
 using Bytes = std::string;
 
@@ -27,6 +30,9 @@ Bytes hex(const std::string& digits);
 
 /// An abstract name that no other test uses.
 std::string uniqueName();
+
+/// The address of an abstract name, and its length.
+std::pair<sockaddr_un, socklen_t> abstractAddress(const std::string& name);
 
 /// A reply packet as the service writes it.
 Bytes reply(uint16_t funcid, uint32_t status, const Bytes& body = "", int64_t timestamp = 0,

@@ -14,7 +14,7 @@ struct Weather {
   unsigned losePercent;  // of the first two sends of a datagram; the later ones pass: the message survives
   unsigned doublePercent;
   unsigned maxDelayMs;
-  int loseSynAcks;  // so many acknowledgements of a SYN are lost; other SYNs and their ACKs pass unharmed
+  int loseSynAcks;  // so many ACKs of a SYN; beyond, SYN and first DATA pass unharmed
 };
 
 class Relay {
@@ -42,8 +42,10 @@ class Relay {
   }
 
   void pass(const Bytes& bytes, bool toRight) {
-    const bool opening = sequenceOf(bytes) == udp::kFirstSequence;
-    if (opening && uint8_t(bytes[1]) == PACKET_ACK && m_weather.loseSynAcks-- > 0) return;
+    const bool opening = sequenceOf(bytes) <= udp::kFirstSequence + 1;
+    if (sequenceOf(bytes) == udp::kFirstSequence && uint8_t(bytes[1]) == PACKET_ACK &&
+        m_weather.loseSynAcks-- > 0)
+      return;
     const unsigned seen = m_seen[{toRight, bytes[1], sequenceOf(bytes)}]++;
     uint32_t dice = (m_weather.seed + sequenceOf(bytes) * 8 + seen * 2 + toRight) * 2654435761U;
     dice = (dice ^ dice >> 15) * 2246822519U;

@@ -104,8 +104,7 @@ public class ConnectionTest {
         assertEquals(0, initTarnBooster("elsewhere", 5, "other"));
         assertLogged(mark, "initTarnBooster", "init", "D [initTarnBooster]\"initTarnBooster\"",
                 "D [client.cpp,init:%]\"ClientInit client already inited remote:" + ServiceProcess.NAME
-                        + " port:0 local:local name cb:% \"",
-                "D [initTarnBooster]\"initTarnBooster end\"");
+                        + " port:0 local:local name cb:% \"");
         assertNotEquals(NO_ENGINE, request(1));
     }
 
