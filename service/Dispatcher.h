@@ -23,7 +23,7 @@ struct Policy {
 };
 
 /// Over UDP nobody notices that a peer has gone, so a boost needs an end of its own: at most this long.
-constexpr int64_t kMaxUnknownPeerBoostMs = 10 * 60 * 1000;
+constexpr int64_t kMaxUnknownPeerBoostMs = 600'000;
 
 /// Threads that one request may name.
 constexpr int kMaxBindtids = 1024;

@@ -10,7 +10,7 @@
 namespace service {
 
 /// Replies that a client may leave unread, in bytes; one that leaves more is closed.
-constexpr size_t kMaxPendingOutput = 256 * 1024;
+constexpr size_t kMaxPendingOutput = size_t{256} * 1024;
 
 class SocketClient : public IClient {
  public:

@@ -26,9 +26,9 @@ namespace service {
 constexpr size_t kMaxUdpPeers = 32;
 /// A peer is forgotten, with its registration for pushes, when it has been silent for so long (milliseconds).
 /// Its boosts go on until their own time is up.
-constexpr int64_t kUdpPeerAgeMs = 60 * 1000;
+constexpr int64_t kUdpPeerAgeMs = 60'000;
 /// Replies that may wait for one peer; with more it is forgotten.
-constexpr size_t kMaxUdpPendingReplies = 1024;
+constexpr size_t kMaxUdpPendingReplies = 16384;
 /// Replies handed to the transport and not yet acknowledged. Below the places in its queue, so that handing
 /// over never waits.
 constexpr size_t kMaxUdpInFlight = udp::kSendQueueMessages - 1;

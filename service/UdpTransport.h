@@ -21,7 +21,7 @@ namespace service {
 
 /// Messages and bytes that may wait for the server's thread; what comes beyond is dropped and counted.
 constexpr size_t kMaxMailboxMessages = 4096;
-constexpr size_t kMaxMailboxBytes = 32 * 1024 * 1024;
+constexpr size_t kMaxMailboxBytes = size_t{32} * 1024 * 1024;
 
 class UdpMailbox {
  public:

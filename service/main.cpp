@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <cmath>
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -31,13 +32,13 @@ const char kExamples[] =
     "\nTry it:\n"
     "  tarnbooster-service --name tarnbooster --push-every 5:7:hello\n"
     "  tarnbooster --socket tarnbooster --wait 20000 register-anr-callback     (in another terminal)\n"
-    "\nExit codes: 0 stopped by SIGINT or SIGTERM, 1 could not start, others: wrong options.\n";
+    "\nExit codes: 0 stopped by SIGINT or SIGTERM, 1 could not start, 2 wrong options.\n";
 
 /// Cuts "HEAD:REST" off `text` at its first colon; throws what CLI11 reports when there is none.
 std::string cutField(std::string& text, const char* option) {
   const size_t colon = text.find(':');
   if (colon == std::string::npos) throw CLI::ValidationError(option, "a ':' is missing in \"" + text + "\"");
-  const std::string field = text.substr(0, colon);
+  std::string field = text.substr(0, colon);
   text.erase(0, colon + 1);
   return field;
 }
@@ -144,13 +145,15 @@ void installSignals() {
   sigaction(SIGPIPE, &action, nullptr);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int program(int argc, char** argv) {
   CLI::App app(kAbout, "tarnbooster-service");
   Options options;
   describeOptions(app, options);
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  }
   if (options.server.name.empty() && !options.server.udp) {
     fputs("tarnbooster-service: nowhere to listen: give --name NAME, or --udp ADDRESS:PORT, or both\n",
           stderr);
@@ -175,4 +178,15 @@ int main(int argc, char** argv) {
   }
   server.run();
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return program(argc, argv);
+  } catch (const std::exception& error) {
+    fprintf(stderr, "tarnbooster-service: %s\n", error.what());
+    return 1;
+  }
 }

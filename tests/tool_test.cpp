@@ -17,16 +17,20 @@ struct ToolRun {
   std::string output;  // both streams
 };
 
-/// Runs the tool with these arguments of a shell, and `input` before it in a shell's pipe.
-ToolRun tool(const std::string& arguments, const std::string& input = "") {
+ToolRun shell(const std::string& command) {
   ToolRun run;
-  FILE* const pipe = popen((input + TARNBOOSTER_TOOL " " + arguments + " 2>&1").c_str(), "r");
+  FILE* const pipe = popen(("exec 2>&1; " + command).c_str(), "r");
   EXPECT_NE(pipe, nullptr);
   char text[4096];
   for (size_t count = 0; (count = fread(text, 1, sizeof(text), pipe)) > 0;) run.output.append(text, count);
   const int status = pclose(pipe);
   if (WIFEXITED(status)) run.exitCode = WEXITSTATUS(status);
   return run;
+}
+
+/// Runs the tool with these arguments of a shell, and `input` before it in a shell's pipe.
+ToolRun tool(const std::string& arguments, const std::string& input = "") {
+  return shell(input + TARNBOOSTER_TOOL " " + arguments);
 }
 
 int countOf(const std::string& text, const std::string& part) {
@@ -170,6 +174,37 @@ TEST(Tool, IsEndedByTheServiceOnlyWhereThatKnowsIt) {
   // A shell that goes on behind the tool reports the signal as 128 + its number.
   const ToolRun ended = tool("--socket " + running.name() + " --wait 20000 terminate-app; echo \"rc $?\"");
   EXPECT_NE(ended.output.find("rc " + std::to_string(128 + SIGTERM)), std::string::npos) << ended.output;
+}
+
+TEST(ServiceProgram, SaysWhatIsWrongWithItsOptionsAndEndsWell) {
+  RunningService running({}, withUdp());
+  const struct {
+    std::string arguments;
+    int exitCode;
+    const char* says;
+  } cases[] = {
+      {"--help", 0, "--push-on-register"},
+      {"", 2, "nowhere to listen"},
+      {"--name x --status 1002", 2, "a '=' is missing"},
+      {"--name x --status 65536=1", 2, "is no number from 0 to 65535"},
+      {"--name x --push-every 0:7:text", 2, "is no time"},
+      {"--name x --push-on-register text", 2, "a ':' is missing"},
+      {"--udp localhost:1", 2, "no IPv4 address"},
+      {"--name " + running.name(), 1, "is in use"},
+      {"--udp " + running.server().udpAddress(), 1, "is in use"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.arguments);
+    const ToolRun run = shell(TARNBOOSTER_SERVICE " " + c.arguments);
+    EXPECT_EQ(run.exitCode, c.exitCode) << run.output;
+    EXPECT_NE(run.output.find(c.says), std::string::npos) << run.output;
+  }
+  // In a shell that waits until it is ready, ends it, and tells how it ended.
+  const ToolRun ended = shell("exec 3>&1; { " TARNBOOSTER_SERVICE
+                              " --udp 127.0.0.1:0 & echo $!; wait $!; "
+                              "echo rc $? >&3; } | { read pid; read line; echo $line >&3; kill $pid; cat; }");
+  EXPECT_NE(ended.output.find("listening on udp 127.0.0.1:"), std::string::npos) << ended.output;
+  EXPECT_NE(ended.output.find("rc 0"), std::string::npos) << ended.output;
 }
 
 // ---- UDP alone -------------------------------------------------------------------------------------------

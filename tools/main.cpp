@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <cinttypes>
 #include <cstdio>
+#include <exception>
 #include <string>
 
 #include "Commands.h"
@@ -155,9 +156,7 @@ int run(const Options& options, const tool::Command& command, bool ownTimestamp)
   return EXIT_ANSWERED;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int program(int argc, char** argv) {
   CLI::App app(kAbout, "tarnbooster");
   Options options;
   options.tid = static_cast<int32_t>(gettid());
@@ -181,4 +180,15 @@ int main(int argc, char** argv) {
     if (app.got_subcommand(command.name)) return run(options, command, app.count("--timestamp") > 0);
   }
   return EXIT_USAGE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return program(argc, argv);
+  } catch (const std::exception& error) {
+    fprintf(stderr, "tarnbooster: %s\n", error.what());
+    return EXIT_USAGE;
+  }
 }
