@@ -58,7 +58,7 @@ makeFolder() {
   relativiseLinks "$made"
   copyJniHeaders "$made"
   # The emulator looks every path up in the folder first: these must be the running machine's.
-  rm -rf "$made/tmp" "$made/dev" "$made/proc" "$made/sys" "$made/run" "$made/etc/resolv.conf"
+  rm -rf "${made:?}/tmp" "$made/dev" "$made/proc" "$made/sys" "$made/run" "$made/etc/resolv.conf"
   printf '%s\n' "${packages[@]}" >"$made/packages"
   chmod 755 "$made"
   rm -rf "$folder"

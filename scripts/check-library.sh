@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Checks that a built libtarnbooster.so is fit to be loaded into other people's processes.
 set -euo pipefail
+export LC_ALL=C  # the words of readelf are compared
 allowedImports=$(dirname "$0")/allowed-imports.txt
 
 usage() {

@@ -40,7 +40,7 @@ refused 'not for Java 8'      "$newerClass"
 refused 'does not keep'       'echo >proguard.txt'
 refused 'checks failed'       "cp $linuxLibrary jni/arm64-v8a/libtarnbooster.so"
 refused 'not for arm64'       'cp /bin/true jni/arm64-v8a/libtarnbooster.so'
-refused 'differ'              "echo >>$module/libs/android.arm64-v8a/libtarnbooster.so"
+refused 'Prefab has another' "echo >>$module/libs/android.arm64-v8a/libtarnbooster.so"
 refused 'api is 21'           "sed -i s/24/21/ $module/libs/android.arm64-v8a/abi.json"
 refused 'library_name'        "echo '{}' >$module/module.json"
 [ "$failures" -eq 0 ]
