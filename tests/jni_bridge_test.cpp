@@ -66,9 +66,7 @@ JniBridge::JniBridge() {
   g_functions.ReleaseStringUTFChars = [](JNIEnv*, jstring, const char* text) { asked(text); };
   g_functions.GetArrayLength = [](JNIEnv*, jarray) { return static_cast<jsize>(g_answers.ints.size()); };
   g_functions.GetIntArrayElements = [](JNIEnv*, jintArray, jboolean*) { return g_answers.ints.data(); };
-  g_functions.ReleaseIntArrayElements = [](JNIEnv*, jintArray, jint*, jint mode) {
-    asked(std::to_string(mode));
-  };
+  g_functions.ReleaseIntArrayElements = [](JNIEnv*, jintArray, jint*, jint m) { asked(std::to_string(m)); };
 }
 
 TEST_F(JniBridge, LoadingRegistersTheWholeTableInOrder) {

@@ -27,6 +27,7 @@ public class CpuLoadTraceTest {
     @Test
     public void aBusyThreadIsChargedItsCpuTimeAndClosingTwiceChangesNothing() {
         ThreadMXBean clock = ManagementFactory.getThreadMXBean();
+        CpuLoadTrace.start(tid, 1); // stays open: the process may end while samplers run
         CpuLoadTrace trace = CpuLoadTrace.start(tid, 1);
         long end = clock.getCurrentThreadCpuTime() + 500_000_000;
         while (clock.getCurrentThreadCpuTime() < end) {
@@ -58,6 +59,6 @@ public class CpuLoadTraceTest {
         for (int other : new int[] {0, 1, Integer.MAX_VALUE}) {
             assertThrows(IllegalStateException.class, () -> CpuLoadTrace.start(other, 1));
         }
-        assertEquals(-1, TarnBoosterJNI.stopTraceCpuLoad(12345));
+        assertEquals(-1, TarnBoosterJNI.stopTraceCpuLoad(12345)); // handles are even
     }
 }
