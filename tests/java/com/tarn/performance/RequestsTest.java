@@ -136,6 +136,7 @@ public class RequestsTest {
         assertEquals(11, testtarnbooster());
         assertEquals("D setEnable: 1\nD setRetryConnectInterval: 77\nD initTarnBooster\nD testtarnbooster",
                 LogFile.nativesSince(mark));
+        assertTrue(LogFile.text().substring(mark).contains("\"setRetryConnectInterval 77s\""));
     }
 
     @Test
