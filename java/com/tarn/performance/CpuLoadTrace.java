@@ -17,12 +17,13 @@ import java.io.Closeable;
  *
  * <ul>
  *   <li>The sum is kept in 32 bits and wraps: at 2 GHz and 100 ticks per second after 10.7 seconds of CPU
- * time. Trace for shorter than that, or trace again and again. <li>All ticks since the sample before are
- * charged at the current frequency of the CPU that the thread ran on last. Ticks after the last sample are
- * not counted, so the period bounds what is lost. <li>On a machine that does not tell its CPU frequency (no
- * {@code cpufreq} in {@code /sys}) every frequency counts as -1 kHz: the sum is then the ticks, negative, and
- * {@code secondsAt(-1)} gives seconds of CPU time. <li>A thread whose name holds blanks is not measured or
- * measured wrongly.
+ *       time. Trace for shorter than that, or trace again and again.
+ *   <li>All ticks since the sample before are charged at the current frequency of the CPU that the thread
+ *       ran on last. Ticks after the last sample are not counted, so the period bounds what is lost.
+ *   <li>On a machine that does not tell its CPU frequency (no {@code cpufreq} in {@code /sys}) every
+ *       frequency counts as -1 kHz: the sum is then the ticks, negative, and {@code secondsAt(-1)} gives
+ *       seconds of CPU time.
+ *   <li>A thread whose name holds blanks is not measured or measured wrongly.
  * </ul>
  *
  * <p>Any thread may call the methods, several at once.

@@ -1,5 +1,8 @@
 package com.tarn.performance;
 
+import static org.junit.Assert.assertTrue;
+
+import java.util.concurrent.locks.LockSupport;
 import java.util.function.BooleanSupplier;
 
 /** Waiting for conditions. */
@@ -7,19 +10,11 @@ final class Await {
     /** Long enough for an emulated processor on a busy machine: a wait that runs out is a fault. */
     private static final long DEADLINE_NANOS = 60_000_000_000L;
 
-    private Await() {}
-
-    static void until(String what, BooleanSupplier condition) {
-        long deadline = System.nanoTime() + DEADLINE_NANOS;
+    static void until(Object what, BooleanSupplier condition) {
+        long start = System.nanoTime();
         while (!condition.getAsBoolean()) {
-            if (System.nanoTime() > deadline) {
-                throw new AssertionError("waited in vain until " + what);
-            }
-            try {
-                Thread.sleep(2);
-            } catch (InterruptedException e) {
-                throw new AssertionError(e);
-            }
+            assertTrue("waited in vain: " + what, System.nanoTime() - start < DEADLINE_NANOS);
+            LockSupport.parkNanos(2_000_000);
         }
     }
 }

@@ -1,56 +1,42 @@
 package com.tarn.performance;
 
-import java.io.BufferedReader;
 import java.io.IOException;
 import java.io.UncheckedIOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
 import java.util.ArrayList;
+import java.util.Collections;
 import java.util.List;
-import java.util.concurrent.CopyOnWriteArrayList;
-import java.util.function.Predicate;
 
-/** A running tarnbooster-service, and the lines it has written. */
+/** A running tarnbooster-service. */
 final class ServiceProcess implements AutoCloseable {
     /** A name that no other test process has. */
     static final String NAME = "tarnbooster-test-" + ProcessHandle.current().pid();
+    private static final Path OUTPUT = Path.of(System.getProperty("tarn.stderr") + ".service");
 
     private final Process process;
-    private final List<String> lines = new CopyOnWriteArrayList<>();
 
     /** Starts it under {@link #NAME}; it listens when this returns. */
-    static ServiceProcess start(String... options) throws IOException {
-        ServiceProcess service = new ServiceProcess(options);
-        service.await("it listens", line -> line.equals("listening on @" + NAME));
-        return service;
+    ServiceProcess(String... options) throws IOException {
+        String emulator = System.getenv().getOrDefault("TARN_EMULATOR", "");
+        List<String> command = new ArrayList<>(List.of(emulator.trim().split(" +")));
+        Collections.addAll(command, System.getenv("TARN_SERVICE"), "--name", NAME);
+        Collections.addAll(command, options);
+        command.removeIf(String::isEmpty);
+        process =
+                new ProcessBuilder(command).redirectErrorStream(true).redirectOutput(OUTPUT.toFile()).start();
+        awaitLine("listening on @" + NAME, "");
     }
 
-    private ServiceProcess(String... options) throws IOException {
-        List<String> command = new ArrayList<>();
-        String emulator = System.getenv().getOrDefault("TARN_EMULATOR", "").trim();
-        if (!emulator.isEmpty()) {
-            command.addAll(List.of(emulator.split(" +")));
-        }
-        command.addAll(List.of(System.getenv("TARN_SERVICE"), "--name", NAME));
-        command.addAll(List.of(options));
-        process = new ProcessBuilder(command).redirectErrorStream(true).start();
-        Thread reader = new Thread(this::read, "service-output");
-        reader.setDaemon(true);
-        reader.start();
-    }
-
-    private void read() {
-        try (BufferedReader reader = process.inputReader()) {
-            for (String line; (line = reader.readLine()) != null;) {
-                lines.add(line);
+    /** Waits for a line that begins with one text and contains another. */
+    void awaitLine(String start, String part) {
+        Await.until("the service says " + start + " " + part, () -> {
+            try (var lines = Files.lines(OUTPUT)) {
+                return lines.anyMatch(line -> line.startsWith(start) && line.contains(part));
+            } catch (IOException e) {
+                throw new UncheckedIOException(e);
             }
-        } catch (IOException e) {
-            throw new UncheckedIOException(e);
-        }
-    }
-
-    /** Waits for a line. */
-    void await(String what, Predicate<String> wanted) {
-        Await.until(
-                "the service says: " + what + "; it said " + lines, () -> lines.stream().anyMatch(wanted));
+        });
     }
 
     /** Ends it, as a service that dies does: its clients learn by their sockets. */
