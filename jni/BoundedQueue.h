@@ -51,17 +51,12 @@ class BoundedQueue {
   /// Returns false, with the item freed, when the queue is closed or is closed during the wait.
   bool push(std::unique_ptr<Item> item) {
     m_freeSlots.wait();
-    {
-      std::lock_guard<std::mutex> lock(m_lock);
-      if (!m_closed) {
-        m_queue.push_back(std::move(item));
-        m_items.post();  // under the lock, so that an item that front() shows is one that tryPop() gets
-        return true;
-      }
-    }
-    m_freeSlots.post();  // pass the wake-up on: close() posts one, for all that wait
-    return false;
+    return place(std::move(item));
   }
+
+  /// Queues an item if there is a place at this moment; never waits. Any thread. False, with the item freed,
+  /// when the queue is full or closed.
+  bool tryPush(std::unique_ptr<Item> item) { return m_freeSlots.tryWait() && place(std::move(item)); }
 
   /// The oldest item, left where it is, or null. Consumer thread only: it is valid until that thread pops.
   Item* front() const {
@@ -96,6 +91,20 @@ class BoundedQueue {
   }
 
  private:
+  /// Queues an item into a place that the caller has taken.
+  bool place(std::unique_ptr<Item> item) {
+    {
+      std::lock_guard<std::mutex> lock(m_lock);
+      if (!m_closed) {
+        m_queue.push_back(std::move(item));
+        m_items.post();  // under the lock, so that an item that front() shows is one that tryPop() gets
+        return true;
+      }
+    }
+    m_freeSlots.post();  // pass the wake-up on: close() posts one, for all that wait
+    return false;
+  }
+
   std::unique_ptr<Item> take() {
     std::unique_ptr<Item> item;
     {

@@ -26,7 +26,8 @@ class UdpClient final : public UDP, public IClientEngine {
   /// remote  the service's IPv4 address as text
   /// port    its port; the low 16 bits count
   ///
-  /// Returns 0; or -1 after one ERROR line, with everything released.
+  /// Returns 0; or -1 after one ERROR line, with everything released. A text that is no IPv4 address is such
+  /// a failure (our choice).
   int connectTo(const std::string& remote, int32_t port);
 
   /// Starts the engine's thread, once, after connectTo(). Returns 0; or -1 after one ERROR line, with

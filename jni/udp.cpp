@@ -67,12 +67,20 @@ bool UDP::send(const sockaddr_in& peer, const uint8_t* data, uint32_t length) {
   return queueMessage(makeSendPack(peer, data, length));
 }
 
+bool UDP::trySend(const sockaddr_in& peer, const uint8_t* data, uint32_t length) {
+  return hand(makeSendPack(peer, data, length), false);
+}
+
 bool UDP::queueMessage(std::unique_ptr<SendPack> message) {
+  return hand(std::move(message), true);
+}
+
+bool UDP::hand(std::unique_ptr<SendPack> message, bool wait) {
   {
     std::lock_guard<std::mutex> lock(m_callersLock);
     ++m_callers;
   }
-  const bool queued = m_requests.push(std::move(message));
+  const bool queued = wait ? m_requests.push(std::move(message)) : m_requests.tryPush(std::move(message));
   if (queued) m_wake.wake();
   // Under the lock: once it is released and the count is 0, stop() returns and this object may be gone.
   std::lock_guard<std::mutex> lock(m_callersLock);

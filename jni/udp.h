@@ -51,6 +51,12 @@
 //   record not where its packet belongs   the loop ends with -1: our own bookkeeping is broken. Nothing that
 //                                         comes from the network leads here.
 //
+// Sending: "NEW SENDER  %s" for a peer's first message; ERROR "sendpackage pkg:%d || addr:%d" and -1 without
+// packet or address, "Invalid socket. Not in the list. addr:%s fd:%d" and -1 without a sender,
+// "DataPkgNotFountInWin :%s win:%s" and -2, "Invalid sock:%d type:%d" and -3. The fatal timer checks:
+// "Invalid socket. Not in the list.strAddr:%s ", "timeoutEvent:%s != &ss->synTimeoutEvent:%s" (likewise fin),
+// "TIME_Win_not_found %s %s win:%s".
+//
 // Not intact (see isIntact()): dropped before any of this; ERROR "IGNORERecv FAULTPkg ret:%d datalen:%d
 // datacrc:0x%x".
 //
@@ -185,7 +191,10 @@ class UDP {
   /// queued. False when the transport has ended or is stopped. Success says nothing of its delivery.
   bool send(const sockaddr_in& peer, const uint8_t* data, uint32_t length);
 
-  /// The same, of a message that is ready.
+  /// The same, but never waits: false also while the queue is full.
+  bool trySend(const sockaddr_in& peer, const uint8_t* data, uint32_t length);
+
+  /// As send(), of a message that is ready.
   bool queueMessage(std::unique_ptr<SendPack> message);
 
   /// Where the socket is bound to, with the port that the system picked. After createSocket(); any thread.
@@ -229,6 +238,8 @@ class UDP {
   TimerList m_timers;
 
  private:
+  bool hand(std::unique_ptr<SendPack> message, bool wait);
+
   // udp_loop.cpp
   int startLoop();
   int eventloop(int64_t timeout, int64_t roundStart);

@@ -77,8 +77,8 @@ int UDP::handleFrontTimer(int64_t roundStart) {
   TimeoutEvent& record = **node;
   const auto timeout = static_cast<int>(record.expiry - roundStart);
   const int result = processTimeout(record);
-  LOG_DEBUG("processTimeout: timeout:%d ret:%d run:%d %s", timeout, result,
-            static_cast<int>(m_timing.now() - roundStart), timeoutText(record, m_timing.now()).c_str());
+  LOG_DEBUG_IN("processTimeout", __LINE__, "processTimeout: timeout:%d ret:%d run:%d %s", timeout, result,
+               static_cast<int>(m_timing.now() - roundStart), timeoutText(record, m_timing.now()).c_str());
   m_timers.erase(node);
   return result;
 }
@@ -108,18 +108,18 @@ bool UDP::isArmedRightly(const TimeoutEvent& record, Sender& sender) {
   switch (record.pkg != nullptr ? packetType(record.pkg->type) : PACKET_DATA) {
     case PACKET_SYN:
       if (&record == &sender.synTimeoutEvent) return true;
-      LOG_ERROR("timeoutEvent:%s != &ss->synTimeoutEvent:%s", timeoutText(record, now).c_str(),
-                timeoutText(sender.synTimeoutEvent, now).c_str());
+      LOG_ERROR_IN("processTimeout", __LINE__, "timeoutEvent:%s != &ss->synTimeoutEvent:%s",
+                   timeoutText(record, now).c_str(), timeoutText(sender.synTimeoutEvent, now).c_str());
       return false;
     case PACKET_FIN:
       if (&record == &sender.finTimeoutEvent) return true;
-      LOG_ERROR("timeoutEvent:%s != &ss->finTimeoutEvent:%s", timeoutText(record, now).c_str(),
-                timeoutText(sender.finTimeoutEvent, now).c_str());
+      LOG_ERROR_IN("processTimeout", __LINE__, "timeoutEvent:%s != &ss->finTimeoutEvent:%s",
+                   timeoutText(record, now).c_str(), timeoutText(sender.finTimeoutEvent, now).c_str());
       return false;
     case PACKET_DATA:
       if (record.pkg != nullptr && sender.win.find(record.pkg->sequence) == &record) return true;
-      LOG_ERROR("TIME_Win_not_found %s %s win:%s", timeoutText(record, now).c_str(),
-                senderText(sender).c_str(), sender.win.text().c_str());
+      LOG_ERROR_IN("processTimeout", __LINE__, "TIME_Win_not_found %s %s win:%s",
+                   timeoutText(record, now).c_str(), senderText(sender).c_str(), sender.win.text().c_str());
       return false;
     case PACKET_ACK:
     case PACKET_OTHER:

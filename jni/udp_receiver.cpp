@@ -35,6 +35,7 @@ int UDP::processReceive() {
               static_cast<unsigned>(packet.checksum));
     return 0;
   }
+  packet.checksum = 0;  // as while it was being checked; the texts below show it so, and an ACK gets its own
   Receiver* receiver = findReceiver(from);
   switch (packetType(packet.type)) {
     case PACKET_SYN:
@@ -56,7 +57,8 @@ int UDP::processReceive() {
 
 void UDP::synRecv(const sockaddr_in& from, UdpPkg& packet, Receiver* receiver) {
   if (receiver != nullptr && receiver->state != OPENING) {
-    LOG_WARN("R_CLEANNewSync %s RS:%s", packetText(packet).c_str(), receiverText(receiver).c_str());
+    LOG_WARN_IN("processReceive", __LINE__, "R_CLEANNewSync %s RS:%s", packetText(packet).c_str(),
+                receiverText(receiver).c_str());
     removeReceiver(*receiver);
     receiver = nullptr;
   }
@@ -68,14 +70,16 @@ void UDP::synRecv(const sockaddr_in& from, UdpPkg& packet, Receiver* receiver) {
 
 void UDP::dataPackageRecv(const sockaddr_in& from, UdpPkg& packet, Receiver* receiver) {
   if (receiver == nullptr || (receiver->state != OPENING && receiver->state != OPEN)) {
-    LOG_WARN("R_IGNORERecvStat %s RS:%s", packetText(packet).c_str(), receiverText(receiver).c_str());
+    LOG_WARN_IN("processReceive", __LINE__, "R_IGNORERecvStat %s RS:%s", packetText(packet).c_str(),
+                receiverText(receiver).c_str());
     return;
   }
   const uint32_t expected = receiver->s;
   // Plain unsigned numbers: with an expected number below 5 nothing is ever accepted. Kept.
   if (packet.sequence < expected - udp::kReacknowledged || packet.sequence > expected) {
-    LOG_WARN("R_IGNORERecvSEQ [%d,%d] %s RS:%s", static_cast<int>(packet.sequence),
-             static_cast<int>(expected), packetText(packet).c_str(), receiverText(receiver).c_str());
+    LOG_WARN_IN("processReceive", __LINE__, "R_IGNORERecvSEQ [%d,%d] %s RS:%s",
+                static_cast<int>(packet.sequence), static_cast<int>(expected), packetText(packet).c_str(),
+                receiverText(receiver).c_str());
     return;
   }
   if (packet.sequence == expected) {
@@ -89,17 +93,19 @@ void UDP::dataPackageRecv(const sockaddr_in& from, UdpPkg& packet, Receiver* rec
 
 void UDP::finRecv(const sockaddr_in& from, UdpPkg& packet, Receiver* receiver) {
   if (receiver == nullptr) {
-    LOG_WARN("R_IGNORERecvRSNull: %s maybe retrans fin pkg, ack it anyway.", packetText(packet).c_str());
+    LOG_WARN_IN("processReceive", __LINE__, "R_IGNORERecvRSNull: %s maybe retrans fin pkg, ack it anyway.",
+                packetText(packet).c_str());
     acknowledge(from, packet);
     return;
   }
   if (packet.sequence != receiver->s) {
-    LOG_WARN("R_IGNORERecvSEQ [%d,%d] %s RS:%s", static_cast<int>(packet.sequence),
-             static_cast<int>(receiver->s), packetText(packet).c_str(), receiverText(receiver).c_str());
+    LOG_WARN_IN("processReceive", __LINE__, "R_IGNORERecvSEQ [%d,%d] %s RS:%s",
+                static_cast<int>(packet.sequence), static_cast<int>(receiver->s), packetText(packet).c_str(),
+                receiverText(receiver).c_str());
     return;
   }
   acknowledge(from, packet);
-  LOG_WARN("R_CLOSE RECEIVER:%s", receiverText(receiver).c_str());
+  LOG_WARN_IN("processReceive", __LINE__, "R_CLOSE RECEIVER:%s", receiverText(receiver).c_str());
   removeReceiver(*receiver);
 }
 
@@ -134,13 +140,13 @@ void UDP::dataRecv(const UdpPkg& packet, Receiver& receiver) {
 UDP::Receiver& UDP::createReceiver(const sockaddr_in& from) {
   if (m_receivers.size() >= udp::kMaxReceivers) {
     const Receiver& silent = *m_receivers[m_heard.front()];
-    LOG_WARN("R_FORGET RECEIVER:%s", receiverText(&silent).c_str());
+    LOG_WARN_IN("processReceive", __LINE__, "R_FORGET RECEIVER:%s", receiverText(&silent).c_str());
     removeReceiver(silent);
   }
   Receiver& receiver = *(m_receivers[peerKey(from)] = std::make_unique<Receiver>());
   receiver.peer = from;
   receiver.heard = m_heard.insert(m_heard.end(), peerKey(from));
-  LOG_WARN("R_NEW RECEIVER:%s", receiverText(&receiver).c_str());
+  LOG_WARN_IN("processReceive", __LINE__, "R_NEW RECEIVER:%s", receiverText(&receiver).c_str());
   return receiver;
 }
 

@@ -128,8 +128,8 @@ void UDP::fillWindow(Sender& sender) {
 void UDP::receiveForSender(const sockaddr_in& from, const UdpPkg& packet) {
   Sender* sender = findSender(from);
   if (sender == nullptr || packetType(packet.type) != PACKET_ACK) {
-    LOG_WARN("S_IGNORERecvStat %s SS:%s", packetText(packet).c_str(),
-             sender != nullptr ? senderText(*sender).c_str() : "NUL_SS");
+    LOG_WARN_IN("processReceive", __LINE__, "S_IGNORERecvStat %s SS:%s", packetText(packet).c_str(),
+                sender != nullptr ? senderText(*sender).c_str() : "NUL_SS");
     return;
   }
   ackRecv(*sender, packet);
@@ -141,8 +141,9 @@ void UDP::ackRecv(Sender& sender, const UdpPkg& packet) {
   switch (sender.state) {
     case SYN_SENT:
       if (syn.pkg == nullptr || packet.sequence != synSequence) {
-        LOG_WARN("S_IGNORERecvSEQ [%d,%d] %s SS:%s", static_cast<int>(packet.sequence),
-                 static_cast<int>(synSequence), packetText(packet).c_str(), senderText(sender).c_str());
+        LOG_WARN_IN("processReceive", __LINE__, "S_IGNORERecvSEQ [%d,%d] %s SS:%s",
+                    static_cast<int>(packet.sequence), static_cast<int>(synSequence),
+                    packetText(packet).c_str(), senderText(sender).c_str());
         return;
       }
       deleteTimeoutEvent(syn);
@@ -154,31 +155,33 @@ void UDP::ackRecv(Sender& sender, const UdpPkg& packet) {
       return;
     case FIN_SENT:
       if (packet.sequence != sender.s) {
-        LOG_WARN("S_IGNORERecvSEQ [%d,%d] %s SS:%s", static_cast<int>(packet.sequence),
-                 static_cast<int>(sender.s), packetText(packet).c_str(), senderText(sender).c_str());
+        LOG_WARN_IN("processReceive", __LINE__, "S_IGNORERecvSEQ [%d,%d] %s SS:%s",
+                    static_cast<int>(packet.sequence), static_cast<int>(sender.s), packetText(packet).c_str(),
+                    senderText(sender).c_str());
         return;
       }
-      LOG_WARN("S_CLOSE SENDER:%s", senderText(sender).c_str());
+      LOG_WARN_IN("processReceive", __LINE__, "S_CLOSE SENDER:%s", senderText(sender).c_str());
       deleteTimeoutEvent(sender.finTimeoutEvent);
       removeSender(sender);
       return;
     case OPENING:
       break;
   }
-  LOG_ERROR("NEVER shuold be here :%s", packetText(packet).c_str());
+  LOG_ERROR_IN("processReceive", __LINE__, "NEVER shuold be here :%s", packetText(packet).c_str());
 }
 
 void UDP::ackInWindow(Sender& sender, const UdpPkg& packet) {
   TimeoutEvent* record = sender.win.find(packet.sequence);
   if (record == nullptr) {
-    LOG_WARN("S_IGNORERecvWIN %s SS:%s win:%s", packetText(packet).c_str(), senderText(sender).c_str(),
-             sender.win.text().c_str());
+    LOG_WARN_IN("processReceive", __LINE__, "S_IGNORERecvWIN %s SS:%s win:%s", packetText(packet).c_str(),
+                senderText(sender).c_str(), sender.win.text().c_str());
     return;
   }
   deleteTimeoutEvent(*record);
+  const int64_t sessionId = record->pkg->sessionId;  // our own: the ACK's is the peer's word only
   record->pkg.reset();
   if (packet.totalLength == packet.offset) {
-    recvEvent(UDP_EVENT_SESSION_FINISH, sender.peer, packet.sessionId, nullptr, 0);
+    recvEvent(UDP_EVENT_SESSION_FINISH, sender.peer, sessionId, nullptr, 0);
   }
 }
 

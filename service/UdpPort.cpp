@@ -108,12 +108,11 @@ void UdpPort::sendOn(UdpPeer& peer) {
   while (problem == nullptr && !peer.m_waiting.empty() && peer.m_inFlight < kMaxUdpInFlight) {
     const std::string& reply = peer.m_waiting.front();
     const auto* const bytes = reinterpret_cast<const uint8_t*>(reply.data());
-    if (peer.m_replier->send(peer.m_address, bytes, static_cast<uint32_t>(reply.size()))) {
-      ++peer.m_inFlight;
-      peer.m_waiting.pop_front();
-    } else {
-      problem = "the transport for its replies has ended";
-    }
+    // A peer can acknowledge what it has not got, so the count alone does not say that there is a place.
+    // Without one the replies stay here; the transport's next news, or the peer's age, decides.
+    if (!peer.m_replier->trySend(peer.m_address, bytes, static_cast<uint32_t>(reply.size()))) break;
+    ++peer.m_inFlight;
+    peer.m_waiting.pop_front();
   }
   if (problem != nullptr) forget(m_peers.find(peerKey(peer.m_address)), problem);
 }

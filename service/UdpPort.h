@@ -29,8 +29,7 @@ constexpr size_t kMaxUdpPeers = 32;
 constexpr int64_t kUdpPeerAgeMs = 60'000;
 /// Replies that may wait for one peer; with more it is forgotten.
 constexpr size_t kMaxUdpPendingReplies = 16384;
-/// Replies handed to the transport and not yet acknowledged. Below the places in its queue, so that handing
-/// over never waits.
+/// Replies handed to the transport and not yet acknowledged, as far as the peer tells.
 constexpr size_t kMaxUdpInFlight = udp::kSendQueueMessages - 1;
 
 class UdpPeer : public IClient {

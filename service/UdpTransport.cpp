@@ -46,7 +46,7 @@ void UdpMailbox::put(const sockaddr_in& from, const uint8_t* data, uint32_t leng
 void UdpMailbox::put(const Delivery& delivery) {
   {
     const std::lock_guard<std::mutex> lock(m_lock);
-    m_contents.deliveries.push_back(delivery);  // bounded by what the repliers have in flight
+    m_contents.deliveries.push_back(delivery);  // bounded by the packets that the repliers have sent
   }
   ring();
 }

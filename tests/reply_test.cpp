@@ -186,7 +186,7 @@ TEST(ReplyFilter, QueuesStatusesAndPushesInOrderAndTracesTheRest) {
   g_debug = true;
   const auto queue = std::make_unique<Callback>();
   Filter filter;
-  const auto feed = [&](const decltype(cases[0])& c) {
+  const auto feed = [&](const auto& c) {
     const LogCapture log;
     filter.onCallback(0, c.funcid, 99, c.timestamp, c.status,
                       c.data.empty() ? nullptr : reinterpret_cast<const uint8_t*>(c.data.data()),

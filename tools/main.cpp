@@ -3,9 +3,12 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <atomic>
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <exception>
+#include <future>
 #include <string>
 
 #include "Commands.h"
@@ -105,9 +108,10 @@ std::shared_ptr<IClientEngine> connect(const Options& options, Replies& replies)
   return tool::connectUdp(address, port, &replies);
 }
 
-/// Sends all requests. False when the connection was lost over it.
+/// Sends all requests, counting them in `sent`. False when the connection was lost over it. May wait for good
+/// for a service that takes nothing.
 bool sendRequests(const Options& options, const tool::Command& command, IClientEngine& engine,
-                  Replies& replies, bool ownTimestamp) {
+                  Replies& replies, bool ownTimestamp, std::atomic<int>& sent) {
   const std::string body = command.body(options.arguments);
   const auto* const bytes = reinterpret_cast<const uint8_t*>(body.data());
   for (int i = 0; i < options.repeat; ++i) {
@@ -120,8 +124,31 @@ bool sendRequests(const Options& options, const tool::Command& command, IClientE
     printf("sent %d %s, %zu bytes, timestamp %" PRId64 "\n", command.funcid, command.name, body.size(),
            timestamp);
     fflush(stdout);
+    ++sent;
   }
   return true;
+}
+
+/// sendRequests() on a thread of its own. Ends the program when none is taken for as long as an answer may
+/// take.
+bool sendRequestsInTime(const Options& options, const tool::Command& command, IClientEngine& engine,
+                        Replies& replies, bool ownTimestamp, const std::string& service) {
+  std::atomic<int> sent{0};
+  auto sending = std::async(std::launch::async, [&] {
+    return sendRequests(options, command, engine, replies, ownTimestamp, sent);
+  });
+  const std::chrono::milliseconds patience(std::max<int64_t>(options.waitMs, kAnswerMs));
+  for (int before = -1; sending.wait_for(patience) != std::future_status::ready;) {
+    const int now = sent;
+    if (now == before) {
+      fprintf(stderr, "tarnbooster: %s takes no more requests; %d of %d were sent\n", service.c_str(), now,
+              options.repeat);
+      fflush(nullptr);
+      _exit(EXIT_NO_ANSWER);  // the thread waits in the engine, and would for ever
+    }
+    before = now;
+  }
+  return sending.get();
 }
 
 /// Waits as the options say: for the answers, or for the whole time. False when the connection was lost.
@@ -148,8 +175,8 @@ int run(const Options& options, const tool::Command& command, bool ownTimestamp)
   static auto& replies = *new Replies(command.funcid);
   const auto engine = connect(options, replies);
   if (engine == nullptr) return fail(EXIT_NO_SERVICE, "no service at " + service + ": is it running?");
-  const bool connected =
-      sendRequests(options, command, *engine, replies, ownTimestamp) && wait(options, *engine, replies);
+  const bool connected = sendRequestsInTime(options, command, *engine, replies, ownTimestamp, service) &&
+                         wait(options, *engine, replies);
   if (replies.anyRefused()) return EXIT_REFUSED;
   if (!connected) return fail(EXIT_LOST, "the service at " + service + " has closed the connection");
   if (!replies.allHaveCome()) return fail(EXIT_NO_ANSWER, "no answer from " + service);
