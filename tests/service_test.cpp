@@ -25,9 +25,14 @@ Bytes answer(uint16_t funcid) {
   return reply(funcid, 0, "", 5, 1234567);
 }
 
-/// The body of 1002 or 1006.
-Bytes levelRequest(int level, int timeoutMs = 0) {
-  return hex("08 03 10") + static_cast<char>(level) + hex("18") + static_cast<char>(timeoutMs) + hex("20 05");
+/// The body of 1002, 1004 and 1006, which look alike: a level in the one place is a thread in the other.
+Bytes boost(std::initializer_list<int> levelOrTids, int timeoutMs = 0) {
+  amc::RequestCPUCoreForThread message;
+  message.set_scene(1);
+  for (const int number : levelOrTids) message.add_bindtids(number);
+  message.set_timeout(timeoutMs);
+  message.set_action(1);
+  return message.SerializeAsString();
 }
 
 TEST(ServiceRequests, EveryRequestIsReadFromItsBytesAndShownInOneLine) {
@@ -40,7 +45,6 @@ TEST(ServiceRequests, EveryRequestIsReadFromItsBytesAndShownInOneLine) {
       {1002, "08 03 10 02 18 e8 07 20 05", "scene=3 level=2 timeoutms=1000 action=5"},
       {1003, "", "cancelCpuHighFreq pid="},
       {1004, "08 03 10 65 10 66 18 e8 07 20 05", "scene=3 bindtids=[101,102] timeout=1000 action=5"},
-      {1004, "08 03 12 02 65 66 18 00 20 05", "bindtids=[101,102] timeout=0"},  // a packed list is fine too
       {1005, "08 65 08 66", "cancelCpuCoreForThread"},
       {1006, "08 ff ff ff ff ff ff ff ff ff 01 10 02 18 00 20 80 80 80 80 10",
        "scene=-1 level=2 timeoutms=0 action=4294967296"},
@@ -72,7 +76,7 @@ TEST(ServiceRequests, EveryRequestIsReadFromItsBytesAndShownInOneLine) {
 }
 
 TEST(ServiceRequests, RequestsSplitAtEveryByteAreReadOnce) {
-  const Bytes two = request(1002, levelRequest(2, 9)) + request(1003);
+  const Bytes two = request(1002, boost({2}, 9)) + request(1003);
   for (size_t split = 0; split <= two.size(); ++split) {
     service::RequestReader reader;
     service::RequestPacket packet;
@@ -92,7 +96,7 @@ TEST(ServiceRequests, RequestsSplitAtEveryByteAreReadOnce) {
   }
 }
 
-TEST(ServiceRequests, BadInputClosesThatClientOnly) {
+TEST(ServiceRequests, BadInputClosesThatClientOnlyAndWhatCameBeforeIsServed) {
   Bytes wrongMagic = request(1003), wrongVersion = request(1003), tooLong = request(1011);
   wrongMagic[0] = 'X';
   wrongVersion[4] = 5;
@@ -114,6 +118,8 @@ TEST(ServiceRequests, BadInputClosesThatClientOnly) {
     EXPECT_EQ(running.linesWith(line).size(), 1u) << line;
     EXPECT_EQ(bystander.ask(1003), 0u);
   }
+  BytesClient(running.name()).write(request(1008, hex("08 02 12 01 41")) + request(1009).substr(0, 20));
+  EXPECT_TRUE(running.says("uiName=\"A\"") && running.says("disconnected inside a request"));
 }
 
 struct TemporaryFolder {
@@ -133,15 +139,12 @@ class ServiceFrequency : public Test {
  protected:
   ServiceFrequency() {
     for (const std::string cpu : {"cpu0", "cpu2"}) {
-      setFloor(cpu, "400000");
+      m_sys.write(kCpus + cpu + "/cpufreq/scaling_min_freq", "400000");
       m_sys.write(kCpus + cpu + "/cpufreq/cpuinfo_min_freq", "300000");
       m_sys.write(kCpus + cpu + "/cpufreq/scaling_max_freq", "1800000");
     }
     m_sys.write(kCpus + "cpu3/online", "1");
     std::filesystem::create_directory_symlink("cpu0", m_sys.path + kCpus + "cpu1");
-  }
-  void setFloor(const std::string& cpu, const std::string& kHz) const {
-    m_sys.write(kCpus + cpu + "/cpufreq/scaling_min_freq", kHz);
   }
   /// Those of CPUs 0 and 2.
   std::string floors() const {
@@ -157,41 +160,29 @@ class ServiceFrequency : public Test {
 };
 
 TEST_F(ServiceFrequency, TheStrongestBoostRulesAndTheLastOneToEndRestores) {
-  EXPECT_EQ(m_client.ask(1002, levelRequest(1)), 0u);
+  EXPECT_EQ(m_client.ask(1002, boost({1})), 0u);
   EXPECT_EQ(floors(), "800000 800000");
-  EXPECT_EQ(m_client.ask(1002, levelRequest(9)), 0u);
+  EXPECT_EQ(m_client.ask(1002, boost({9})), 0u);
   EXPECT_EQ(floors(), "1800000 1800000");
-  EXPECT_EQ(m_other.ask(1002, levelRequest(2)), 0u);
+  EXPECT_EQ(m_other.ask(1002, boost({2})), 0u);
   EXPECT_EQ(floors(), "1800000 1800000") << "a weaker boost beside a stronger one changes nothing";
   EXPECT_EQ(m_client.ask(1003), 0u);
   EXPECT_EQ(floors(), "1300000 1300000") << "the other client's still holds";
-  EXPECT_EQ(m_client.ask(1002, levelRequest(3, 1)), 0u);
+  EXPECT_EQ(m_client.ask(1002, boost({3}, 1)), 0u);
   EXPECT_TRUE(m_running.says("its time is up"));
   EXPECT_EQ(floors(), "1300000 1300000");
-  EXPECT_EQ(m_other.ask(1002, levelRequest(0)), service::STATUS_BAD_ARGUMENT);
+  EXPECT_EQ(m_other.ask(1002, boost({0})), service::STATUS_BAD_ARGUMENT);
   m_other.hangUp();
   EXPECT_TRUE(eventually([&] { return floors() == "400000 400000"; })) << floors();
-  EXPECT_EQ(m_client.ask(1002, levelRequest(1)), 0u);
-  setFloor("cpu2", "600000");
+  EXPECT_EQ(m_client.ask(1002, boost({1})), 0u);
+  m_sys.write(kCpus + "cpu2/cpufreq/scaling_min_freq", "600000");
   m_running.stop();
   EXPECT_EQ(floors(), "400000 600000") << "what somebody else has moved is left alone";
 }
 
-TEST_F(ServiceFrequency, OneClientsBoostsAreBoundedAndAnotherStillGetsIts) {
-  for (size_t i = 0; i < service::kMaxHoldsPerPeer; ++i) ASSERT_EQ(m_client.ask(1002, levelRequest(1)), 0u);
-  EXPECT_EQ(m_client.ask(1002, levelRequest(1)), service::STATUS_TOO_MANY_BOOSTS);
-  EXPECT_EQ(m_other.ask(1002, levelRequest(1)), 0u);
-  EXPECT_EQ(m_client.ask(1003), 0u);
-  EXPECT_EQ(m_client.ask(1002, levelRequest(1)), 0u);
-}
-
 /// A thread of this process that waits until the object ends.
-class ParkedThread {
- public:
-  ~ParkedThread() {
-    m_end.set_value();
-    m_thread.join();
-  }
+struct ParkedThread {
+  ~ParkedThread() { end.set_value(); }
   /// "0-2,5", as the system puts it.
   std::string cpus() const {
     std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
@@ -202,23 +193,14 @@ class ParkedThread {
   }
   long ioPriority() const { return syscall(SYS_ioprio_get, 1, tid); }
 
- private:
-  std::promise<pid_t> m_started;
-  std::promise<void> m_end;
-  std::thread m_thread{[this] { m_started.set_value(gettid()), m_end.get_future().wait(); }};
-
- public:
-  const pid_t tid = m_started.get_future().get();
+  std::promise<pid_t> started;
+  std::promise<void> end;
+  std::future<void> thread = std::async(std::launch::async, [this] {
+    started.set_value(gettid());
+    end.get_future().wait();
+  });
+  const pid_t tid = started.get_future().get();
 };
-
-Bytes bindRequest(std::initializer_list<int> tids, int timeoutMs = 0) {
-  amc::RequestCPUCoreForThread message;
-  message.set_scene(1);
-  for (const int tid : tids) message.add_bindtids(tid);
-  message.set_timeout(timeoutMs);
-  message.set_action(1);
-  return message.SerializeAsString();
-}
 
 TEST(ServiceCores, AThreadIsBoundToItsHighestCpuAndGetsItsOwnBack) {
   const ParkedThread thread;
@@ -228,35 +210,34 @@ TEST(ServiceCores, AThreadIsBoundToItsHighestCpuAndGetsItsOwnBack) {
   const auto isBack = [&] { return thread.cpus() == before; };
   RunningService running;
   BytesClient client(running.name()), other(running.name());
-  EXPECT_EQ(client.ask(1004, bindRequest({thread.tid}, 1)), 0u);
+  EXPECT_EQ(client.ask(1004, boost({thread.tid}, 1)), 0u);
   EXPECT_TRUE(running.says("-> " + bound + ")")) << "it was bound for a moment";
   EXPECT_TRUE(eventually(isBack)) << "its time is up";
 
   amc::CancelCPUCoreForThread cancel;
   cancel.add_bindtids(thread.tid);
-  EXPECT_EQ(client.ask(1004, bindRequest({thread.tid})), 0u);
-  EXPECT_EQ(other.ask(1004, bindRequest({thread.tid})), 0u);
+  EXPECT_EQ(client.ask(1004, boost({thread.tid})), 0u);
+  EXPECT_EQ(other.ask(1004, boost({thread.tid})), 0u);
   EXPECT_EQ(client.ask(1005, cancel.SerializeAsString()), 0u);
   EXPECT_EQ(thread.cpus(), bound) << "the other client still holds it";
   EXPECT_EQ(other.ask(1005, cancel.SerializeAsString()), 0u);
   EXPECT_TRUE(isBack()) << "cancelled";
 
-  EXPECT_EQ(other.ask(1004, bindRequest({thread.tid})), 0u);
-  EXPECT_EQ(thread.cpus(), bound);
+  EXPECT_EQ(other.ask(1004, boost({thread.tid})), 0u);
   other.hangUp();
   EXPECT_TRUE(eventually(isBack)) << "disconnected";
 
-  amc::RequestUnifyCPUIOThreadCore boost;
-  ASSERT_TRUE(boost.ParseFromString(hex("08 01 10 00 18 00 28 00 30 01")));
-  boost.add_bindtids(thread.tid);
-  EXPECT_EQ(client.ask(1013, boost.SerializeAsString()), 0u);
+  amc::RequestUnifyCPUIOThreadCore unified;
+  ASSERT_TRUE(unified.ParseFromString(hex("08 01 10 00 18 00 28 00 30 01")));
+  unified.add_bindtids(thread.tid);
+  EXPECT_EQ(client.ask(1013, unified.SerializeAsString()), 0u);
   EXPECT_EQ(client.ask(1014, hex("08 01 10 01 18 00")), 0u);        // its other parts
   EXPECT_EQ(client.ask(1014, hex("08 00 10 00 18 01 20 01")), 0u);  // another thread
   EXPECT_EQ(thread.cpus(), bound);
   EXPECT_EQ(client.ask(1014, hex("08 00 10 00 18 01")), 0u);  // all threads
   EXPECT_TRUE(isBack());
 
-  EXPECT_EQ(client.ask(1004, bindRequest({thread.tid})), 0u);
+  EXPECT_EQ(client.ask(1004, boost({thread.tid})), 0u);
   running.stop();
   EXPECT_TRUE(isBack()) << "the service has ended";
 }
@@ -264,11 +245,21 @@ TEST(ServiceCores, AThreadIsBoundToItsHighestCpuAndGetsItsOwnBack) {
 TEST(ServiceCores, OnlyThreadsOfTheClientAreTouched) {
   RunningService running;
   BytesClient client(running.name());
-  EXPECT_EQ(client.ask(1004, bindRequest({1})), service::STATUS_NOT_YOURS);
-  EXPECT_EQ(client.ask(1004, bindRequest({-5, 0})), service::STATUS_NOT_YOURS);
-  EXPECT_EQ(client.ask(1004, bindRequest({1, getpid()})), service::STATUS_PARTLY);
-  EXPECT_EQ(client.ask(1004, bindRequest({})), service::STATUS_BAD_ARGUMENT);
-  EXPECT_EQ(client.ask(1004, bindRequest({getpid()}, -1)), service::STATUS_BAD_ARGUMENT);
+  EXPECT_EQ(client.ask(1004, boost({1})), service::STATUS_NOT_YOURS);
+  EXPECT_EQ(client.ask(1004, boost({-5, 0})), service::STATUS_NOT_YOURS);
+  EXPECT_EQ(client.ask(1004, boost({1, getpid()})), service::STATUS_PARTLY);
+  EXPECT_EQ(client.ask(1004, boost({})), service::STATUS_BAD_ARGUMENT);
+  EXPECT_EQ(client.ask(1004, boost({getpid()}, -1)), service::STATUS_BAD_ARGUMENT);
+}
+
+TEST(ServiceCores, OneClientsBoostsAreBoundedAndAnotherStillGetsIts) {
+  const ParkedThread thread;
+  const Bytes bind = boost({thread.tid});
+  RunningService running;
+  BytesClient client(running.name());
+  for (size_t i = 0; i < service::kMaxHoldsPerPeer; ++i) ASSERT_EQ(client.ask(1004, bind), 0u);
+  EXPECT_EQ(client.ask(1004, bind), service::STATUS_TOO_MANY_BOOSTS);
+  EXPECT_EQ(BytesClient(running.name()).ask(1004, bind), 0u);
 }
 
 TEST(ServiceIo, PriorityOfTheClientsThreadsIsRaisedAndPutBack) {
@@ -276,10 +267,10 @@ TEST(ServiceIo, PriorityOfTheClientsThreadsIsRaisedAndPutBack) {
   const auto before = thread.ioPriority();
   RunningService running(Policy{{}, false, "/nowhere"});
   BytesClient client(running.name());
-  const uint32_t status = client.ask(1006, levelRequest(2));
+  const uint32_t status = client.ask(1006, boost({2}));
   if (status != 0) GTEST_SKIP() << "this system refuses I/O priorities, status " << status;
   EXPECT_EQ(thread.ioPriority(), 2 << 13 | 1);
-  EXPECT_EQ(client.ask(1006, levelRequest(3)), 0u);
+  EXPECT_EQ(client.ask(1006, boost({3})), 0u);
   EXPECT_EQ(thread.ioPriority(), 2 << 13 | 0);
   EXPECT_EQ(client.ask(1007), 0u);
   EXPECT_EQ(thread.ioPriority(), before);
@@ -293,10 +284,7 @@ TEST(ServicePreload, ReadsRegularFilesAheadWithTheClientsRightsAndOpensNothingEl
   const std::pair<std::vector<std::string>, uint32_t> cases[] = {
       {{}, service::STATUS_DONE},
       {{file, file}, service::STATUS_DONE},
-      {{fifo}, service::STATUS_BAD_ARGUMENT},  // an open would wait for a writer
-      {{"/dev/zero"}, service::STATUS_BAD_ARGUMENT},
-      {{"file"}, service::STATUS_BAD_ARGUMENT},
-      {{""}, service::STATUS_BAD_ARGUMENT},
+      {{fifo, "/dev/zero", "file", ""}, service::STATUS_BAD_ARGUMENT},  // a fifo's open would wait
       {{folder.path + "/none"}, service::STATUS_FAILED},
       {{folder.path + "/none", file}, service::STATUS_PARTLY},
       {std::vector<std::string>(service::kMaxPreloadFiles + 1, file), service::STATUS_PARTLY},
@@ -346,13 +334,6 @@ TEST(ServiceServer, AClientThatNeverReadsStallsNobodyAndIsClosed) {
   }
   EXPECT_FALSE(open);
   EXPECT_TRUE(running.says("it does not read its replies"));
-}
-
-TEST(ServiceServer, RequestsOfAClientThatLeavesAtOnceAreStillServed) {
-  RunningService running;
-  BytesClient(running.name()).write(request(1003) + request(1009) + request(1009).substr(0, 20));
-  EXPECT_TRUE(running.says("resetScreenResolution"));
-  EXPECT_TRUE(running.says("disconnected inside a request"));
 }
 
 }  // namespace

@@ -1,24 +1,22 @@
 // The reference service inside a test, and a client that talks to it in bytes.
 #pragma once
 
-#include <algorithm>
 #include <mutex>
 #include <optional>
 #include <thread>
-#include <vector>
 
 #include "Server.h"
-#include "bytes.h"
 #include "header.h"
-#include "support/Support.h"
+#include "support/Udp.h"
 
-/// The service on a thread of its own, under the longest name there is, and the lines that it says.
+/// The service on a thread of its own, on both transports, and the lines that it says.
 class RunningService {
  public:
   explicit RunningService(service::Policy policy = {}, service::ServerOptions options = {})
       : m_dispatcher(std::move(policy), m_journal) {
-    m_name.resize(107, 'n');
+    m_name.resize(107, 'n');  // the longest there is
     options.name = m_name;
+    options.udp = loopback();
     m_server.emplace(std::move(options), m_dispatcher, m_journal);
     std::string problem;
     if (!m_server->start(problem)) throw std::runtime_error(problem);
