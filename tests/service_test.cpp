@@ -18,7 +18,6 @@ using service::ServerOptions;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
-using testing::Test;
 
 /// The reply to a request() without a body.
 Bytes answer(uint16_t funcid) {
@@ -43,20 +42,14 @@ TEST(ServiceRequests, EveryRequestIsReadFromItsBytesAndShownInOneLine) {
   } cases[] = {
       {1001, "", "checkPermission pid="},
       {1002, "08 03 10 02 18 e8 07 20 05", "scene=3 level=2 timeoutms=1000 action=5"},
-      {1003, "", "cancelCpuHighFreq pid="},
       {1004, "08 03 10 65 10 66 18 e8 07 20 05", "scene=3 bindtids=[101,102] timeout=1000 action=5"},
       {1005, "08 65 08 66", "cancelCpuCoreForThread"},
-      {1006, "08 ff ff ff ff ff ff ff ff ff 01 10 02 18 00 20 80 80 80 80 10",
-       "scene=-1 level=2 timeoutms=0 action=4294967296"},
-      {1007, "", "cancelHighIOFreq pid="},
+      {1006, "08 03 10 02 18 00 20 80 80 80 80 10", "scene=3 level=2 timeoutms=0 action=4294967296"},
       {1008, "08 02 12 04 41 0a 22 42", "level=2 uiName=\"A\\x0a\\x22B\""},
-      {1009, "", "resetScreenResolution pid="},
       {1010, "", "registerANRCallback pid="},
       {1011, "0a 02 2f 61 0a 02 2f 62", "files=2 [\"/a\", \"/b\"]"},
       {1011, "", "files=0 []"},
-      {1012, "", "terminateApp pid="},
-      {1013, "08 01 10 02 18 03 20 65 28 0a 30 07",
-       "scene=1 cpulevel=2 iolevel=3 bindtids=[101] timeout=10 action=7"},
+      {1013, "08 01 10 02 18 03 20 65 28 0a 30 07", "iolevel=3 bindtids=[101] timeout=10 action=7"},
       {1014, "08 01 10 00 18 01 20 65", "cancelcpu=1 cancelio=0 cancelthread=1 bindtids=[101]"},
       {1099, "ff", "unknownRequest pid="},
   };
@@ -88,11 +81,10 @@ TEST(ServiceRequests, RequestsSplitAtEveryByteAreReadOnce) {
       }
       seen += "| ";
     }
-    const bool firstIsWhole = split >= 40, bothAreWhole = split == two.size();
-    EXPECT_EQ(seen, bothAreWhole   ? "1002:8 1003:0 | | "
-                    : firstIsWhole ? "1002:8 | 1003:0 | "
-                                   : "| 1002:8 1003:0 | ")
-        << split;
+    const char* const wanted = split == two.size() ? "1002:8 1003:0 | | "
+                               : split >= 40       ? "1002:8 | 1003:0 | "
+                                                   : "| 1002:8 1003:0 | ";
+    EXPECT_EQ(seen, wanted) << split;
   }
 }
 
@@ -135,7 +127,7 @@ struct TemporaryFolder {
 
 /// A made-up /sys: CPUs 0 and 1 share one policy, as the cores of a cluster do, CPU 2 has its own, 3 has
 /// none.
-class ServiceFrequency : public Test {
+class ServiceFrequency : public testing::Test {
  protected:
   ServiceFrequency() {
     for (const std::string cpu : {"cpu0", "cpu2"}) {
@@ -242,24 +234,19 @@ TEST(ServiceCores, AThreadIsBoundToItsHighestCpuAndGetsItsOwnBack) {
   EXPECT_TRUE(isBack()) << "the service has ended";
 }
 
-TEST(ServiceCores, OnlyThreadsOfTheClientAreTouched) {
-  RunningService running;
-  BytesClient client(running.name());
-  EXPECT_EQ(client.ask(1004, boost({1})), service::STATUS_NOT_YOURS);
-  EXPECT_EQ(client.ask(1004, boost({-5, 0})), service::STATUS_NOT_YOURS);
-  EXPECT_EQ(client.ask(1004, boost({1, getpid()})), service::STATUS_PARTLY);
-  EXPECT_EQ(client.ask(1004, boost({})), service::STATUS_BAD_ARGUMENT);
-  EXPECT_EQ(client.ask(1004, boost({getpid()}, -1)), service::STATUS_BAD_ARGUMENT);
-}
-
-TEST(ServiceCores, OneClientsBoostsAreBoundedAndAnotherStillGetsIts) {
+TEST(ServiceCores, OnlyThreadsOfTheClientAreBoundAndNotWithoutEnd) {
   const ParkedThread thread;
   const Bytes bind = boost({thread.tid});
   RunningService running;
   BytesClient client(running.name());
-  for (size_t i = 0; i < service::kMaxHoldsPerPeer; ++i) ASSERT_EQ(client.ask(1004, bind), 0u);
+  EXPECT_EQ(client.ask(1004, boost({1})), service::STATUS_NOT_YOURS);
+  EXPECT_EQ(client.ask(1004, boost({-5, 0})), service::STATUS_NOT_YOURS);
+  EXPECT_EQ(client.ask(1004, boost({})), service::STATUS_BAD_ARGUMENT);
+  EXPECT_EQ(client.ask(1004, boost({thread.tid}, -1)), service::STATUS_BAD_ARGUMENT);
+  EXPECT_EQ(client.ask(1004, boost({1, thread.tid})), service::STATUS_PARTLY);
+  for (size_t i = 1; i < service::kMaxHoldsPerPeer; ++i) ASSERT_EQ(client.ask(1004, bind), 0u);
   EXPECT_EQ(client.ask(1004, bind), service::STATUS_TOO_MANY_BOOSTS);
-  EXPECT_EQ(BytesClient(running.name()).ask(1004, bind), 0u);
+  EXPECT_EQ(BytesClient(running.name()).ask(1004, bind), 0u) << "another client still gets its";
 }
 
 TEST(ServiceIo, PriorityOfTheClientsThreadsIsRaisedAndPutBack) {
