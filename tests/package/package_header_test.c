@@ -1,5 +1,4 @@
-/* A program in C that uses the library through the header that the Android package brings along: the names
- * are there, link, and do what the header says. Anything else is tested elsewhere. */
+/* A program in C that uses the library through the header of the Android package. */
 #include <stdio.h>
 #include <string.h>
 #include <tarnbooster/tarnbooster.h>

@@ -3,12 +3,10 @@
 # usage: shrinker_test.sh APPLICATION-JAR TARNBOOSTER-JAR RULES LIBRARY-FOLDER WORK-FOLDER
 set -euo pipefail
 application=$1 library=$2 rules=$3 folder=$4 work=$5
-mkdir -p "$work"
-cd "$work"
+mkdir -p "$work" && cd "$work"
 read -ra java <<<"${TARN_JAVA:-${TARN_DEFAULT_JAVA:-java}}"
 
-# run NAME RULE...: shrinks and obfuscates the application, then runs it. The shrinker is too old to read the JDK, so
-# it knows neither Object nor what main needs of the JDK, and is told not to mind.
+# run NAME RULE...: shrinks the application, then runs it. The shrinker cannot read this JDK, and is told not to mind.
 run() {
   proguard -injars "$application:$library" -outjars "$1.jar" -dontwarn -dontnote -forceprocessing \
     -keep 'class com.tarn.example.Application { public static void main(java.lang.String[]); }' \
