@@ -1,16 +1,12 @@
 #!/usr/bin/env bash
 # An application that was shrunk with the package's rules still works with the library, and not without them.
-#
-# usage: shrinker_test.sh APPLICATION-JAR TARNBOOSTER-JAR RULES LIBRARY-FOLDER WORK-FOLDER. TARN_JAVA as for the other
-# tests in a virtual machine.
+# usage: shrinker_test.sh APPLICATION-JAR TARNBOOSTER-JAR RULES LIBRARY-FOLDER WORK-FOLDER
 set -euo pipefail
 application=$1 library=$2 rules=$3 folder=$4 work=$5
-mkdir -p "$work"
-cd "$work"
+mkdir -p "$work" && cd "$work"
 read -ra java <<<"${TARN_JAVA:-${TARN_DEFAULT_JAVA:-java}}"
 
-# run NAME RULE...: shrinks and obfuscates the application, then runs it. The shrinker is too old to read the JDK, so
-# it knows neither Object nor what main needs of the JDK, and is told not to mind.
+# run NAME RULE...: shrinks the application, then runs it. The shrinker cannot read this JDK, and is told not to mind.
 run() {
   proguard -injars "$application:$library" -outjars "$1.jar" -dontwarn -dontnote -forceprocessing \
     -keep 'class com.tarn.example.Application { public static void main(java.lang.String[]); }' \
@@ -21,8 +17,5 @@ run() {
 run kept -include "$rules" || { cat kept.out kept.err; echo "the shrunk application fails"; exit 1; }
 diff <(printf 'request -3\nonData -20001\n') <(sort -r kept.out)
 
-if run bare; then
-  echo "the application works without the rules too, so this test shows nothing"
-  exit 1
-fi
+! run bare || { echo "the application works without the rules too, so this test shows nothing"; exit 1; }
 grep -qE 'UnsatisfiedLinkError|NoClassDefFoundError|NoSuchMethodError' bare.err || { cat bare.out bare.err; exit 1; }

@@ -50,10 +50,6 @@ FakeService::FakeService(std::string name, int backlog) : m_name(std::move(name)
   EXPECT_EQ(listen(m_listener, backlog), 0);
 }
 
-FakeService::~FakeService() {
-  stop();
-}
-
 bool FakeService::accept() {
   hangUp();
   pollfd waiting = {m_listener, POLLIN, 0};
@@ -62,7 +58,7 @@ bool FakeService::accept() {
   return m_connection >= 0;
 }
 
-Bytes FakeService::read(size_t count) {
+Bytes Connection::read(size_t count) {
   Bytes bytes;
   while (bytes.size() < count) {
     pollfd waiting = {m_connection, POLLIN, 0};
@@ -81,16 +77,16 @@ Bytes FakeService::readRequest() {
   return packet;
 }
 
-void FakeService::write(const Bytes& bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
+bool Connection::write(const Bytes& bytes) {
+  for (size_t done = 0; done < bytes.size();) {
     const ssize_t put = send(m_connection, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-    if (put <= 0) return;
+    if (put <= 0) return false;
     done += static_cast<size_t>(put);
   }
+  return true;
 }
 
-void FakeService::hangUp() {
+void Connection::hangUp() {
   if (m_connection >= 0) close(m_connection);
   m_connection = -1;
 }

@@ -38,28 +38,37 @@ std::pair<sockaddr_un, socklen_t> abstractAddress(const std::string& name);
 Bytes reply(uint16_t funcid, uint32_t status, const Bytes& body = "", int64_t timestamp = 0,
             uint64_t word16 = 0);
 
-/// The service's end, on plain sockets: a listener on an abstract name and the connection it accepted last.
-class FakeService {
+/// A connection on a plain socket.
+class Connection {
+ public:
+  ~Connection() { hangUp(); }
+  /// Exactly `count` bytes, or fewer when the connection ends or 20 seconds pass without any.
+  Bytes read(size_t count);
+  /// False when the other end has closed.
+  bool write(const Bytes& bytes);
+  void hangUp();
+
+ protected:
+  int m_connection = -1;
+};
+
+/// The service's end: a listener on an abstract name and the connection it accepted last.
+class FakeService : public Connection {
  public:
   explicit FakeService(std::string name, int backlog = 16);
-  ~FakeService();
+  ~FakeService() { stop(); }
   FakeService(const FakeService&) = delete;
   FakeService& operator=(const FakeService&) = delete;
 
   const std::string& name() const { return m_name; }
   /// Waits for the next connection (20 seconds at most); closes the one before. False when none came.
   bool accept();
-  /// Exactly `count` bytes, or fewer when the connection ends or 20 seconds pass without any.
-  Bytes read(size_t count);
   /// One whole request: its header and body.
   Bytes readRequest();
-  void write(const Bytes& bytes);
-  /// Closes the connection, and optionally the listener: the service is gone.
-  void hangUp();
+  /// Closes the connection and the listener: the service is gone.
   void stop();
 
  private:
   std::string m_name;
   int m_listener = -1;
-  int m_connection = -1;
 };
