@@ -70,8 +70,7 @@ TEST(UdpTransport, EveryStateAndPacketHasItsOutcome) {
       {"DATA before SYN", 1, 100001, 0, 3, 3, -1, "R_IGNORERecvStat"},
       {"FIN before SYN", 5, 9, 0, 0, 4, 0, "maybe retrans fin pkg, ack it anyway."},
       {"ACK without sender", 2, 1, 0, 0, 0, -1, "S_IGNORERecvStat"},
-      {"unknown type", 3, 1, 4, 5, 0, -1,
-       " v:1 t:3,ERR_TYPE l:28 dl:0 c:0x5c8a7ed9 tl:5 of:4 s:1 sid:7] SS:NUL_SS"},
+      {"unknown type", 3, 1, 4, 5, 0, -1, " v:1 t:3,ERR_TYPE l:28 dl:0 c:0x0 tl:5 of:4 s:1 sid:7] SS:NUL_SS"},
       {"SYN", 4, 100000, 0, 0, 0, 0, "R_NEW RECEIVER:R["},
       {"SYN again", 4, 100000, 0, 0, 0, 0, ""},
       {"too far ahead", 1, 100002, 0, 3, 3, -1, "R_IGNORERecvSEQ [100002,100001]"},
@@ -97,6 +96,12 @@ TEST(UdpTransport, EveryStateAndPacketHasItsOutcome) {
     peer.send(endpoint.localAddress(),
               datagram(step.type, step.sequence, step.of, step.tl, Bytes(step.dl, 1)));
     EXPECT_TRUE(*step.log == 0 || eventually([&] { return log.count(step.log) == 1; })) << step.what;
+    for (const std::string& line : log.linesWith(step.log)) {
+      const bool inMessage = strstr(step.log, "ession:") != nullptr;
+      EXPECT_TRUE(*step.log == 0 ||
+                  line.rfind(inMessage ? "6 [udp.cpp,dataRecv:" : "5 [udp.cpp,processReceive:", 0) == 0)
+          << line;
+    }
     if (step.ackOffset < 0) continue;  // an answer too many would be taken for that of a later step
     EXPECT_EQ(peer.receive(), datagram(2, step.sequence, step.ackOffset, step.tl)) << step.what;
   }
@@ -123,29 +128,31 @@ TEST(UdpTransport, AcknowledgementsFreeTheWindowInAnyOrder) {
   EXPECT_EQ(peer.receive(), datagram(1, 100006, 5000, 6000, Bytes(whole.begin() + 5000, whole.end()), 1));
 }
 
+/// Lets the transport come round, so that it has acted on what was before.
+void passRounds(PlainPeer& peer, Endpoint& endpoint) {
+  const LogCapture log;
+  for (int i = 0; i < 2; ++i) peer.send(endpoint.localAddress(), datagram(7, 1));
+  EXPECT_TRUE(eventually([&] { return log.count("t:7,ERR_TYPE") == 2; }));
+}
+
 TEST(UdpTransport, SixSendsHalfASecondApartThenOneTimeout) {
   PlainPeer peer;
   g_now = 1000000;
   Endpoint endpoint(UdpTiming{testClock, UdpTiming().intervalMs});
-  const auto passRounds = [&] {
-    const LogCapture log;
-    for (int i = 0; i < 2; ++i) peer.send(endpoint.localAddress(), datagram(7, 1));
-    EXPECT_TRUE(eventually([&] { return log.count("t:7,ERR_TYPE") == 2; }));
-  };
   endpoint.queue(peer.address, 42, "x");
   ASSERT_EQ(sequenceOf(peer.receive()), 100000U);
   peer.send(endpoint.localAddress(), datagram(2, 100000));
   for (int send = 0; send < 6; ++send) {
     EXPECT_EQ(sequenceOf(peer.receive()), 100001U) << send;
-    passRounds();
+    passRounds(peer, endpoint);
     g_now += 499;
-    passRounds();
+    passRounds(peer, endpoint);
     EXPECT_TRUE(peer.receive(0).empty() && endpoint.events().empty()) << "too early";
     g_now += 1;
   }
   ASSERT_TRUE(endpoint.saw(UDP_EVENT_TIMEOUT));
   g_now += 100000;
-  passRounds();
+  passRounds(peer, endpoint);
   EXPECT_TRUE(peer.receive(0).empty()) << "a seventh";
   ASSERT_EQ(endpoint.events().size(), 1U);
   EXPECT_EQ(endpoint.events()[0].sessionId, 42);
@@ -154,21 +161,32 @@ TEST(UdpTransport, SixSendsHalfASecondApartThenOneTimeout) {
 TEST(UdpTransport, GivenUpPacketBoundsItsSenderUntilItsLateAck) {
   const LogCapture log;
   PlainPeer peer;
-  Endpoint endpoint(60);
+  g_now = 1000000;
+  Endpoint endpoint(UdpTiming{testClock, 500});
   for (int64_t session = 1; session <= 6; ++session) endpoint.queue(peer.address, session, "x");
-  uint32_t highest = 0;
-  for (bool givenUp = false; !givenUp;) {
-    const uint32_t sequence = sequenceOf(peer.receive(5));
-    highest = std::max(highest, sequence);
-    if (sequence > 100001 || sequence == 100000)
-      peer.send(endpoint.localAddress(), datagram(2, sequence, 1, 1));
-    givenUp = !endpoint.events(UDP_EVENT_TIMEOUT).empty();
+  const auto acknowledge = [&](uint32_t sequence) {
+    peer.send(endpoint.localAddress(), datagram(2, sequence, 1, 1));
+  };
+  for (uint32_t sequence = 100000; sequence <= 100005; ++sequence) {
+    ASSERT_EQ(sequenceOf(peer.receive()), sequence);
+    if (sequence != 100001) acknowledge(sequence);
   }
-  EXPECT_TRUE(endpoint.saw(UDP_EVENT_SESSION_FINISH, 4));
-  EXPECT_EQ(highest, 100005U);
-  peer.send(endpoint.localAddress(), datagram(2, 100001, 1, 1));
-  EXPECT_TRUE(eventually([&] { return log.count("event delete failed arg:T[") >= 1; }));
-  while (sequenceOf(peer.receive()) != 100006) ASSERT_FALSE(HasFailure());
+  ASSERT_TRUE(endpoint.saw(UDP_EVENT_SESSION_FINISH, 4));
+  for (int send = 2; send <= 7; ++send) {
+    passRounds(peer, endpoint);
+    g_now += 500;
+    peer.send(endpoint.localAddress(), datagram(7, 1));  // ends the wait in select
+    ASSERT_TRUE(send == 7 || sequenceOf(peer.receive()) == 100001U) << "and no number beyond 100005";
+  }
+  ASSERT_TRUE(endpoint.saw(UDP_EVENT_TIMEOUT));
+  EXPECT_EQ(log.count("5 [udp.cpp,processTimeout:"), 6);
+  EXPECT_EQ(log.count("]]  !MAXRETRANS!\""), 1);
+  EXPECT_EQ(log.count("5 [udp.cpp,getSender:"), 1);
+  EXPECT_EQ(log.count("\"NEW SENDER  S["), 1);
+  acknowledge(100001);
+  EXPECT_EQ(sequenceOf(peer.receive()), 100006U);
+  EXPECT_EQ(log.count("6 [udp.cpp,deleteTimeoutEvent:"), 1);
+  EXPECT_EQ(log.count("\"event delete failed arg:T["), 1);
 }
 
 TEST(UdpTransport, MessagesArriveWholeAndInOrderThroughBadWeather) {
@@ -224,6 +242,32 @@ TEST(UdpTransport, HostileDatagramsNeitherStopNorHangIt) {
   other.queue(endpoint.localAddress(), 99, patternOf(20000));
   EXPECT_TRUE(other.saw(UDP_EVENT_SESSION_FINISH));
   EXPECT_EQ(endpoint.events(UDP_EVENT_DATA).back().message, patternOf(20000));
+}
+
+/// The transport's inner operations, called without a thread.
+struct Bookkeeping : UDP {
+  int recvEvent(int, const sockaddr_in&, int64_t, const uint8_t*, uint32_t) override { return 0; }
+  void check() {
+    const sockaddr_in peer = loopback(10);
+    TimeoutEvent lost;
+    lost.peer = peer;
+    lost.pkg = newPacket();
+    EXPECT_EQ(sendPackage(nullptr, PACKET_DATA, 1, lost.pkg.get()), -1);
+    EXPECT_EQ(sendPackage(&peer, PACKET_DATA, 1, lost.pkg.get()), -1) << "no sender";
+    EXPECT_EQ(processTimeout(lost), -1) << "no sender";
+    Sender& sender = getSender(peer);
+    EXPECT_EQ(sendPackage(&peer, PACKET_DATA, 1, lost.pkg.get()), -2);
+    EXPECT_EQ(processTimeout(lost), -1) << "not in the window";
+    EXPECT_EQ(sendPackage(&peer, 7, 1, lost.pkg.get()), -3);
+    EXPECT_EQ(processTimeout(sender.synTimeoutEvent), 0);
+  }
+};
+
+TEST(UdpTransport, BrokenBookkeepingIsNoticed) {
+  const LogCapture log;
+  Bookkeeping().check();
+  EXPECT_EQ(log.count("6 [udp.cpp,processTimeout:"), 2);
+  EXPECT_EQ(log.count("\"Invalid socket. Not in the list.strAddr:127.0.0.1:10 \""), 1);
 }
 
 }  // namespace
