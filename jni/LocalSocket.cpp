@@ -54,6 +54,36 @@ int bindAbstract(int fd, const char* name) {
   return bind(fd, reinterpret_cast<const sockaddr*>(&address), length);
 }
 
+// The two ways of createSocket() to open `fd`, with its log lines. 0, or below 0 after an ERROR line.
+
+int listenOn(int fd, const char* localPath) {
+  const char* const name = localPath != nullptr ? localPath : "";
+  unlink(name);  // kept, although an abstract name is never a file
+  int ret = bindAbstract(fd, name);
+  if (ret != 0) {
+    LOG_ERROR_IN("createSocket", 271, "bind ret:%d fd:%d localPath:%s", ret, fd, shownText(localPath));
+    return ret;
+  }
+  ret = listen(fd, kBacklog);
+  if (ret != 0) {
+    LOG_ERROR_IN("createSocket", 278, "listen ret:%d fd:%d localPath:%s", ret, fd, shownText(localPath));
+    return ret;
+  }
+  LOG_WARN_IN("createSocket", 282, "create Server socket:%d local:%s ", fd, shownText(localPath));
+  return 0;
+}
+
+int connectTo(int fd, const char* localPath, const char* remotePath) {
+  const int ret = connectAtOnce(fd, remotePath);
+  if (ret != 0) {
+    LOG_ERROR_IN("createSocket", 294, "connect ret:%d fd:%d path:%s", ret, fd, remotePath);
+    return ret;
+  }
+  LOG_WARN_IN("createSocket", 298, "create ClientProtocal socket:%d local:%s remote:%s", fd,
+              shownText(localPath), remotePath);
+  return 0;
+}
+
 }  // namespace
 
 LocalSocket::LocalSocket() : m_queue(kQueuedPacks) {}
@@ -81,25 +111,7 @@ int LocalSocket::createSocket(const char* localPath, const char* remotePath) {
     LOG_ERROR_AT(254, "create socket fd:%d", fd);
     return -1;
   }
-  if (isServer) {
-    unlink(localPath != nullptr ? localPath : "");  // kept, although an abstract name is never a file
-    ret = bindAbstract(fd, localPath != nullptr ? localPath : "");
-    if (ret != 0) {
-      LOG_ERROR_AT(271, "bind ret:%d fd:%d localPath:%s", ret, fd, shownText(localPath));
-    } else if ((ret = listen(fd, kBacklog)) != 0) {
-      LOG_ERROR_AT(278, "listen ret:%d fd:%d localPath:%s", ret, fd, shownText(localPath));
-    } else {
-      LOG_WARN_AT(282, "create Server socket:%d local:%s ", fd, shownText(localPath));
-    }
-  } else {
-    ret = connectAtOnce(fd, remotePath);
-    if (ret != 0) {
-      LOG_ERROR_AT(294, "connect ret:%d fd:%d path:%s", ret, fd, remotePath);
-    } else {
-      LOG_WARN_AT(298, "create ClientProtocal socket:%d local:%s remote:%s", fd, shownText(localPath),
-                  remotePath);
-    }
-  }
+  ret = isServer ? listenOn(fd, localPath) : connectTo(fd, localPath, remotePath);
   if (ret != 0) {
     closeDescriptor(fd);
     return -1;

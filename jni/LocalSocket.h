@@ -96,8 +96,6 @@ class LocalSocket {
   };
   enum class SendResult { Nothing, Sent, NextRound, EndLoop };
 
-  int openListener(int fd, const char* localPath);
-  int openConnection(int fd, const char* localPath, const char* remotePath);
   bool setSocketNonBlock(int fd);
   int socketAccept();
   bool checkCanWrite(int fd);
@@ -113,9 +111,10 @@ class LocalSocket {
   BoundedQueue<SendPack> m_queue;  // guards itself; consumed by the loop thread
   std::mutex m_stateLock;          // guards m_looping and the fate of m_socket
   bool m_looping = false;          // guarded by m_stateLock: whether the loop thread owns the descriptors
-  int m_socket = 0;                // loop thread: the descriptor behind m_fd until it is really closed
-  std::map<int32_t, PeerInfo>
-      m_peers;         // loop thread: by descriptor; reading an absent key creates an empty entry
-  SelectSet m_master;  // loop thread: what the loop listens to
-  int m_maxFd = 0;     // loop thread: the highest descriptor in m_master
+
+  // The loop thread's, or the holder's while no loop runs.
+  int m_socket = 0;                     // the descriptor behind m_fd until it is really closed
+  std::map<int32_t, PeerInfo> m_peers;  // by descriptor; reading an absent key creates an empty entry
+  SelectSet m_master;                   // what the loop listens to
+  int m_maxFd = 0;                      // the highest descriptor in m_master
 };
