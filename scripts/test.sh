@@ -8,10 +8,11 @@ Usage: scripts/test.sh [--quick] [--help]
 
 Installs what the build and the tests need (Debian packages), then runs, in this order:
   format      clang-format over the project's sources
-  release     GCC, warnings as errors; every test, those in a real Java virtual machine included
+  release     GCC, warnings as errors; every test, those in a real Java virtual machine and the
+              checks of the library file included
   asan        AddressSanitizer and UndefinedBehaviorSanitizer; the C++ tests
   tsan        ThreadSanitizer; the C++ tests
-  clang       clang, warnings as errors, with the platform's libnativehelper; the checks of the library file
+  clang       clang, warnings as errors, with the platform's libnativehelper; the C++ tests
   tidy        clang-tidy
 
   --quick     only format and release
@@ -53,8 +54,9 @@ runTests() {
 
 say "checking the format"
 mkdir -p "$BUILD"
-git ls-files '*.h' '*.cpp' '*.java' '*.proto' | xargs clang-format --dry-run -Werror ||
-  die "run: git ls-files '*.h' '*.cpp' '*.java' '*.proto' | xargs clang-format -i"
+folders=(jni java service tools tests bench android)
+find "${folders[@]}" -name '*.h' -o -name '*.c' -o -name '*.cpp' -o -name '*.java' -o -name '*.proto' |
+  xargs clang-format --dry-run -Werror || die "run clang-format -i over the files named above"
 
 buildTree release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNBOOSTER_BUILD_BENCHMARKS=ON
 runTests release
@@ -70,9 +72,10 @@ runTests tsan
 
 buildTree clang -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DTARNBOOSTER_PLATFORM_NATIVEHELPER=ON \
   -DTARNBOOSTER_BUILD_JAVA=OFF
+runTests clang
 
 say "clang-tidy"
-git ls-files 'jni/*.cpp' 'service/*.cpp' 'tools/*.cpp' |
+find jni service tools -name '*.cpp' |
   xargs -P 2 -n 4 clang-tidy -p "$BUILD/clang" --quiet 2>/dev/null || die "clang-tidy found what stands above"
 
 say "all tests passed"
