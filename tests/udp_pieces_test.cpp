@@ -5,15 +5,13 @@ namespace {
 
 TEST(UdpPacket, OnlyIntactDatagramsAreAccepted) {
   EXPECT_EQ(crc32(reinterpret_cast<const uint8_t*>("123456789"), 9), 0xCBF43926);
-  EXPECT_EQ(crc32(nullptr, 0), 0U);
   UdpPkg packet;
   const auto intact = [&](const Bytes& bytes, int64_t received) {
     memcpy(&packet, bytes.data(), bytes.size());
     return isIntact(packet, received);
   };
   const Bytes good = datagram(1, 5, 0, 3, "abc");
-  EXPECT_TRUE(intact(good, 31));
-  EXPECT_TRUE(intact(good, 1028)) << "surplus bytes";
+  for (int received : {31, 1028}) EXPECT_TRUE(intact(good, received)) << "surplus bytes do no harm";
   for (int received : {-1, 0, 27, 30}) EXPECT_FALSE(intact(good, received)) << received;
   for (size_t byte = 0; byte < good.size(); ++byte) {
     Bytes bad = good;

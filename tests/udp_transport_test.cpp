@@ -13,11 +13,18 @@ Bytes patternOf(size_t size) {
   return bytes;
 }
 
-/// A clock that stands at g_now, or is the real one when that is 0.
 std::atomic<int64_t> g_now{0};
+/// A clock that stands at g_now, or is the real one when that is 0.
 int64_t testClock() {
   const int64_t stands = g_now;
   return stands != 0 ? stands : nowMs();
+}
+
+/// Lets the transport come round, so that it has acted on what was before.
+void passRounds(PlainPeer& peer, Endpoint& endpoint) {
+  const LogCapture log;
+  for (int i = 0; i < 2; ++i) peer.send(endpoint.localAddress(), datagram(7, 1));
+  EXPECT_TRUE(eventually([&] { return log.count("t:7,ERR_TYPE") == 2; }));
 }
 
 TEST(UdpTransport, DatagramsAreTheseBytesInBothDirections) {
@@ -28,8 +35,7 @@ TEST(UdpTransport, DatagramsAreTheseBytesInBothDirections) {
   const Bytes synAck = hex("01 02 0000 8c9cbd54 00000000 00000000 a0860100 0000000000000000");
   const Bytes dataAck = hex("01 02 0000 9c076f31 03000000 03000000 a1860100 8877665544332211");
   const Bytes finAck = hex("01 02 0000 130286b8 00000000 00000000 a2860100 0000000000000000");
-  const LogCapture log;
-  setDebugLogging(true);
+  const LogCapture log(true);
   PlainPeer peer;
   Endpoint endpoint(10000);
   endpoint.queue(peer.address, 1, "");  // opens the direction and sends nothing else
@@ -44,15 +50,11 @@ TEST(UdpTransport, DatagramsAreTheseBytesInBothDirections) {
     EXPECT_EQ(peer.receive(), answer);
   }
   endpoint.stop();
-  setDebugLogging(false);
   for (const char* trace :
-       {"3 [udp.cpp,sendPackage:", "\"SEND  type:DATA:1 seq:100001 datalen:3 datacrc:0x119e22b4 \"",
-        "\"SEND type:SYN seq:100000 addr:127.0.0.1:", " sendRet:28 \"",
+       {"\"SEND  type:DATA:1 seq:100001 datalen:3 datacrc:0x119e22b4 \"",
         "\"startLoop ,timeout:-1 timer:0 sender:1 checkcnt:[sq:0 0 run:", "\"RECV ret:31 from:127.0.0.1:",
-        "\"SelectRet:1 err:0 time:", "\"eventloop: processReceive ret:0  run:", "\"read pipe ret:4 run:",
-        "\"end loop , fd:0 timer:0\""}) {
+        "\"eventloop: processReceive ret:0  run:", "\"end loop , fd:0 timer:0\""})
     EXPECT_GT(log.count(trace), 0) << trace;
-  }
   const auto events = endpoint.events();
   ASSERT_EQ(events.size(), 2U);
   EXPECT_EQ(events[1].sessionId, 0x1122334455667788);
@@ -96,12 +98,9 @@ TEST(UdpTransport, EveryStateAndPacketHasItsOutcome) {
     peer.send(endpoint.localAddress(),
               datagram(step.type, step.sequence, step.of, step.tl, Bytes(step.dl, 1)));
     EXPECT_TRUE(*step.log == 0 || eventually([&] { return log.count(step.log) == 1; })) << step.what;
-    for (const std::string& line : log.linesWith(step.log)) {
-      const bool inMessage = strstr(step.log, "ession:") != nullptr;
-      EXPECT_TRUE(*step.log == 0 ||
-                  line.rfind(inMessage ? "6 [udp.cpp,dataRecv:" : "5 [udp.cpp,processReceive:", 0) == 0)
-          << line;
-    }
+    const bool inMessage = strstr(step.log, "ession:") != nullptr;
+    EXPECT_EQ(log.count(inMessage ? "6 [udp.cpp,dataRecv:" : "5 [udp.cpp,processReceive:"), *step.log != 0)
+        << step.what;
     if (step.ackOffset < 0) continue;  // an answer too many would be taken for that of a later step
     EXPECT_EQ(peer.receive(), datagram(2, step.sequence, step.ackOffset, step.tl)) << step.what;
   }
@@ -126,13 +125,6 @@ TEST(UdpTransport, AcknowledgementsFreeTheWindowInAnyOrder) {
   ack(100001);
   const Bytes whole = patternOf(6000);
   EXPECT_EQ(peer.receive(), datagram(1, 100006, 5000, 6000, Bytes(whole.begin() + 5000, whole.end()), 1));
-}
-
-/// Lets the transport come round, so that it has acted on what was before.
-void passRounds(PlainPeer& peer, Endpoint& endpoint) {
-  const LogCapture log;
-  for (int i = 0; i < 2; ++i) peer.send(endpoint.localAddress(), datagram(7, 1));
-  EXPECT_TRUE(eventually([&] { return log.count("t:7,ERR_TYPE") == 2; }));
 }
 
 TEST(UdpTransport, SixSendsHalfASecondApartThenOneTimeout) {
@@ -181,7 +173,6 @@ TEST(UdpTransport, GivenUpPacketBoundsItsSenderUntilItsLateAck) {
   ASSERT_TRUE(endpoint.saw(UDP_EVENT_TIMEOUT));
   EXPECT_EQ(log.count("5 [udp.cpp,processTimeout:"), 6);
   EXPECT_EQ(log.count("]]  !MAXRETRANS!\""), 1);
-  EXPECT_EQ(log.count("5 [udp.cpp,getSender:"), 1);
   EXPECT_EQ(log.count("\"NEW SENDER  S["), 1);
   acknowledge(100001);
   EXPECT_EQ(sequenceOf(peer.receive()), 100006U);

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstring>
@@ -10,14 +11,11 @@
 #include "bytes.h"
 
 Bytes hex(const std::string& digits) {
-  std::string packed;
-  for (const char c : digits) {
-    if (c != ' ') packed += c;
-  }
+  std::string packed = digits;
+  packed.erase(std::remove(packed.begin(), packed.end(), ' '), packed.end());
   Bytes bytes;
-  for (size_t i = 0; i + 1 < packed.size(); i += 2) {
+  for (size_t i = 0; i < packed.size(); i += 2)
     bytes += static_cast<char>(std::stoi(packed.substr(i, 2), nullptr, 16));
-  }
   return bytes;
 }
 

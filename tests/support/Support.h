@@ -1,5 +1,4 @@
-// What several tests need: waiting for a condition, unique names, bytes from text, a service's end of a
-// socket.
+// What several tests need: waiting, names, bytes from text, a service's end of a socket.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -57,9 +56,6 @@ class FakeService : public Connection {
  public:
   explicit FakeService(std::string name, int backlog = 16);
   ~FakeService() { stop(); }
-  FakeService(const FakeService&) = delete;
-  FakeService& operator=(const FakeService&) = delete;
-
   const std::string& name() const { return m_name; }
   /// Waits for the next connection (20 seconds at most); closes the one before. False when none came.
   bool accept();
