@@ -172,8 +172,7 @@ TEST(LocalSocketClientSide, AStopReleasesALoopThatIsStuckInASend) {
 TEST(LocalSocketSetup, FailuresAreOneErrorLineAndNeverWait) {
   FakeService busy(uniqueName(), 0);
   const int first = plainClient(busy.name());  // fills the backlog of a service that does not accept
-  const std::string longest(107, 'n');
-  const std::string tooLong(108, 'n');
+  const std::string longest(107, 'n'), tooLong = longest + "n";
   const struct {
     const char* local;
     std::string remote;
@@ -201,8 +200,7 @@ TEST(LocalSocketSetup, FailuresAreOneErrorLineAndNeverWait) {
 }
 
 TEST(LocalSocketServerSide, AcceptsReadsAnswersAndOutlivesAClient) {
-  const std::string name = uniqueName();
-  const std::string longest(107, 'c');
+  const std::string name = uniqueName(), longest(107, 'c');
   Transport server;
   ASSERT_EQ(server.createSocket(name.c_str(), nullptr), 0);
   server.run(true);

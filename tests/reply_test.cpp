@@ -66,20 +66,19 @@ TEST(ReplyFraming, TheBodyCountKeptFromAnEarlierReplyIsWhereTheNextBodyStarts) {
   const Bytes zeros5 = reply(1010, 0, Bytes(5, '\0'), 1);
   const struct {
     const char* name;
-    std::vector<Bytes> reads;
-    std::vector<Bytes> delivered;
-    int badHeaders = 0;
+    std::vector<Bytes> reads, delivered;
+    std::string badMagic;
   } cases[] = {
       // The second reply completes with its header; its body is then taken for a header with what follows.
-      {"same length", {kBody5, kBody5 + Bytes(27, 'x'), kPlain}, {kBody5, zeros5, kPlain}, 1},
+      {"same length", {kBody5, kBody5 + Bytes(27, 'x'), kPlain}, {kBody5, zeros5, kPlain}, "64636261"},
       {"longer: only the tail is filled",
        {kBody5, kBody9.substr(0, 32) + "6789"},
        {kBody5, reply(1010, 0, Bytes(5, '\0') + "6789", 2)},
-       0},
-      {"shorter: starts again at 0", {kBody9, kBody5 + kPlain}, {kBody9, kBody5, kPlain}, 0},
-      {"none: starts again at 0", {kBody5, kPlain, kBody5}, {kBody5, kPlain, kBody5}, 0},
-      {"a bad header drops the rest of its read", {"HDCR" + kPlain.substr(4) + kPlain, kPlain}, {kPlain}, 1},
-      {"the count survives a bad header", {kBody5, Bytes(32, 'x'), kBody5}, {kBody5, zeros5}, 1},
+       ""},
+      {"shorter: starts again at 0", {kBody9, kBody5 + kPlain}, {kBody9, kBody5, kPlain}, ""},
+      {"none: starts again at 0", {kBody5, kPlain, kBody5}, {kBody5, kPlain, kBody5}, ""},
+      {"the count survives a bad header", {kBody5, Bytes(32, 'x'), kBody5}, {kBody5, zeros5}, "78787878"},
+      {"only its read is dropped", {"HDCR" + kPlain.substr(4) + kPlain, kPlain}, {kPlain}, "52434448"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -88,8 +87,9 @@ TEST(ReplyFraming, TheBodyCountKeptFromAnEarlierReplyIsWhereTheNextBodyStarts) {
     Engine engine(&owner);
     for (const Bytes& bytes : c.reads) engine.read(bytes);
     EXPECT_EQ(owner.m_got, c.delivered);
-    EXPECT_EQ(log.count("6 [client.cpp,recvEvent:175]\"Check Header BEGIN failed:0x52434448 server:0x"),
-              c.badHeaders);
+    const std::string line = "6 [client.cpp,recvEvent:175]\"Check Header BEGIN failed:0x" + c.badMagic;
+    EXPECT_EQ(log.count(line), c.badMagic.empty() ? 0 : 1);
+    EXPECT_EQ(log.count(" server:0x48444352\""), c.badMagic.empty() ? 0 : 1);
   }
 }
 

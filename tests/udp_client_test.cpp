@@ -7,7 +7,6 @@
 #include "UdpClient.h"
 #include "log.h"
 #include "support/LogCapture.h"
-#include "support/ThreadFailure.h"
 #include "support/Udp.h"
 
 namespace {
