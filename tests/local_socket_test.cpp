@@ -5,9 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <vector>
 
 #include "log.h"
@@ -17,7 +15,7 @@
 
 namespace {
 
-/// A transport whose owner records events; its loop runs on a thread of the test.
+/// A transport that logs its events; its loop runs on a thread of the test.
 class Transport : public LocalSocket {
  public:
   ~Transport() override { stop(); }
@@ -40,33 +38,38 @@ class Transport : public LocalSocket {
     pack->len = static_cast<int32_t>(bytes.size());
     return enqueue(std::move(pack));
   }
-  bool saw(const std::string& event) {
-    const std::lock_guard<std::mutex> lock(m_eventsLock);
-    return std::find(m_events.begin(), m_events.end(), event) != m_events.end();
+  bool saw(const std::string& event) const {
+    return eventually([&] { return m_log.count("event " + event + "\"") > 0; });
   }
   int fd() const { return m_fd; }
-  int lastAccepted() const { return m_accepted; }
 
   std::atomic<bool> m_ended{false};
-  std::atomic<int> m_result{99};
-  std::atomic<int> m_acceptResult{0};
+  std::atomic<int> m_result{99}, m_acceptResult{0}, m_accepted{0};
 
  protected:
   int32_t recvEvent(int32_t event, int32_t fd, uint32_t uid, const char* path, const uint8_t* data,
                     int32_t len) override {
-    const std::lock_guard<std::mutex> lock(m_eventsLock);
-    m_events.push_back(std::to_string(event) + " uid " + std::to_string(uid) + " path " + shownText(path) +
-                       " data " + Bytes(reinterpret_cast<const char*>(data), len));
-    if (event != EVENT_ACCEPT) return 0;
-    m_accepted = fd;
-    return m_acceptResult;
+    if (event == EVENT_ACCEPT) m_accepted = fd;
+    LOG_WARN("event %d uid %u path %s data %.*s", event, uid, shownText(path), len,
+             reinterpret_cast<const char*>(data));
+    return event == EVENT_ACCEPT ? m_acceptResult.load() : 0;
   }
 
  private:
+  const LogCapture m_log;
   std::thread m_thread;
-  std::mutex m_eventsLock;
-  std::vector<std::string> m_events;  // guarded by m_eventsLock
-  std::atomic<int> m_accepted{0};
+};
+
+/// A service and a running transport that are connected.
+struct Connected {
+  explicit Connected(const char* local = "") {
+    EXPECT_EQ(transport.createSocket(local, service.name().c_str()), 0);
+    transport.run(false);
+    EXPECT_TRUE(service.accept());
+  }
+  const LogCapture log;
+  FakeService service{uniqueName()};
+  Transport transport;
 };
 
 /// A plain client connected to an abstract name, itself bound to `local` if that is not empty.
@@ -81,50 +84,57 @@ int plainClient(const std::string& name, const std::string& local = "") {
   return fd;
 }
 
+/// Sends and receives; the socket is checked for what it must be.
+void exchange(Connected& both) {
+  EXPECT_EQ(fcntl(both.transport.fd(), F_GETFL) & O_NONBLOCK, 0) << "the connected socket stays blocking";
+  for (const char* text : {"one ", "two ", "three"}) EXPECT_TRUE(both.transport.queue(text));
+  EXPECT_EQ(both.service.read(13), "one two three");
+  both.service.write("hello");
+  EXPECT_TRUE(both.transport.saw("1 uid 0 path  data hello"));
+}
+
 TEST(LocalSocketClientSide, SendsQueuedPacksInOrderAndReportsWhatArrives) {
-  FakeService service(uniqueName());
-  Transport transport;
-  const LogCapture log;
-  ASSERT_EQ(transport.createSocket("here", service.name().c_str()), 0);
-  EXPECT_GT(transport.fd(), 2);
-  EXPECT_EQ(fcntl(transport.fd(), F_GETFL) & O_NONBLOCK, 0) << "the connected socket stays blocking";
-  EXPECT_EQ(log.count("5 [LocalSocket.cpp,createSocket:298]\"create ClientProtocal socket:" +
-                      std::to_string(transport.fd()) + " local:here remote:" + service.name() + "\""),
+  Connected both("here");
+  EXPECT_EQ(both.log.count("5 [LocalSocket.cpp,createSocket:298]\"create ClientProtocal socket:" +
+                           std::to_string(both.transport.fd()) + " local:here remote:" + both.service.name() +
+                           "\""),
             1);
-  transport.run(false);
-  ASSERT_TRUE(service.accept());
-  for (const char* text : {"one ", "two ", "three"}) EXPECT_TRUE(transport.queue(text));
-  EXPECT_EQ(service.read(13), "one two three");
-  service.write("hello");
-  EXPECT_TRUE(eventually([&] { return transport.saw("1 uid 0 path  data hello"); }));
-  transport.stop();
-  EXPECT_EQ(transport.m_result, 0);
-  EXPECT_FALSE(transport.queue("late")) << "an ended loop takes nothing any more";
+  exchange(both);
+  both.transport.stop();
+  EXPECT_EQ(both.transport.m_result, 0);
+  EXPECT_FALSE(both.transport.queue("late")) << "an ended loop takes nothing any more";
+}
+
+TEST(LocalSocketClientSide, WorksAboveAThousandTwentyFourDescriptors) {
+  if (getenv("TARN_EMULATED") != nullptr) GTEST_SKIP() << "the emulator's select ends at 1023";
+  const rlimit files = {4096, 4096};
+  setrlimit(RLIMIT_NOFILE, &files);
+  std::vector<int> held(1500);
+  for (int& fd : held) fd = open("/dev/null", O_RDONLY);
+  if (held.back() < 0) GTEST_SKIP() << "too few descriptors allowed here";
+  Connected both;
+  EXPECT_GT(both.transport.fd(), 1500);
+  exchange(both);
+  for (const int fd : held) close(fd);
 }
 
 /// How long five packs take that wait behind a full socket, from the moment the service reads.
 std::chrono::steady_clock::duration drainBehindFullSocket() {
-  FakeService service(uniqueName());
-  Transport transport;
-  EXPECT_EQ(transport.createSocket("", service.name().c_str()), 0);
-  g_debug = true;
-  const LogCapture log;
-  transport.run(false);
-  EXPECT_TRUE(service.accept());
+  Connected both;
+  const LogCapture log(true);
   const Bytes pack(4096, 'p');
   const std::string full = "\" FD_ISSET(fd, &fdset) :0 fd:";
   int packs = 0;
   while (log.count(full) == 0) {
-    transport.queue(pack);
+    both.transport.queue(pack);
     ++packs;
     EXPECT_TRUE(eventually([&] { return log.count("\"send: ret:") == packs || log.count(full) > 0; }));
   }
   // One pack waits already; four more fill the queue, and each wakes a round that cannot write.
-  for (int i = 0; i < 4; ++i, ++packs) transport.queue(pack);
+  for (int i = 0; i < 4; ++i, ++packs) both.transport.queue(pack);
   EXPECT_TRUE(eventually([&] { return log.count(full) >= 5; }));
-  g_debug = false;
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(service.read(packs * pack.size()).size(), packs * pack.size());
+  EXPECT_EQ(both.service.read(packs * pack.size()).size(), packs * pack.size());
   return std::chrono::steady_clock::now() - start;
 }
 
@@ -136,43 +146,33 @@ TEST(LocalSocketClientSide, ABurstBehindAFullSocketDoesNotDrainAtOnePackASecond)
 }
 
 TEST(LocalSocketClientSide, TheEndOfTheServiceEndsTheLoopAtTheNextSendAndFreesWaitingProducers) {
-  FakeService service(uniqueName());
-  Transport transport;
-  const LogCapture log;
-  ASSERT_EQ(transport.createSocket("", service.name().c_str()), 0);
-  transport.run(false);
-  ASSERT_TRUE(service.accept());
-  service.stop();
-  ASSERT_TRUE(eventually([&] { return transport.saw("0 uid 0 path (null) data "); }));
-  EXPECT_EQ(log.count("6 [LocalSocket.cpp,loop:195]\"recv error , fd:"), 1);
-  EXPECT_FALSE(transport.m_ended) << "the end of the stream alone does not end the loop";
+  Connected both;
+  both.service.stop();
+  ASSERT_TRUE(both.transport.saw("0 uid 0 path (null) data "));
+  EXPECT_EQ(both.log.count("6 [LocalSocket.cpp,loop:195]\"recv error , fd:"), 1);
+  EXPECT_FALSE(both.transport.m_ended) << "the end of the stream alone does not end the loop";
   std::vector<std::thread> producers;
   for (int i = 0; i < 12; ++i) {
-    producers.emplace_back([&] { transport.queue("lost"); });
+    producers.emplace_back([&] { both.transport.queue("lost"); });
   }
   for (auto& producer : producers) producer.join();
-  EXPECT_TRUE(eventually([&] { return transport.m_ended.load(); }));
-  EXPECT_EQ(transport.m_result, 0);
-  EXPECT_EQ(transport.fd(), 0);
-  EXPECT_EQ(log.count("6 [LocalSocket.cpp,loop:136]\"send failed fd:"), 1);
+  EXPECT_TRUE(eventually([&] { return both.transport.m_ended.load(); }));
+  EXPECT_EQ(both.transport.m_result, 0);
+  EXPECT_EQ(both.transport.fd(), 0);
+  EXPECT_EQ(both.log.count("6 [LocalSocket.cpp,loop:136]\"send failed fd:"), 1);
 }
 
 TEST(LocalSocketClientSide, AStopReleasesALoopThatIsStuckInASend) {
-  FakeService service(uniqueName());
-  Transport transport;
-  ASSERT_EQ(transport.createSocket("", service.name().c_str()), 0);
-  transport.run(false);
-  ASSERT_TRUE(service.accept());
-  transport.queue(Bytes(8 << 20, 's'));  // more than any socket buffer; the service reads none of it
-  transport.stop();
-  EXPECT_TRUE(transport.m_ended);
+  Connected both;
+  both.transport.queue(Bytes(8 << 20, 's'));  // more than any socket buffer; the service reads none of it
+  both.transport.stop();
+  EXPECT_TRUE(both.transport.m_ended);
 }
 
 TEST(LocalSocketSetup, FailuresAreOneErrorLineAndNeverWait) {
   FakeService busy(uniqueName(), 0);
   const int first = plainClient(busy.name());  // fills the backlog of a service that does not accept
-  const std::string longest(107, 'n');
-  const std::string tooLong(108, 'n');
+  const std::string longest(107, 'n'), tooLong = longest + "n";
   const struct {
     const char* local;
     std::string remote;
@@ -200,28 +200,27 @@ TEST(LocalSocketSetup, FailuresAreOneErrorLineAndNeverWait) {
 }
 
 TEST(LocalSocketServerSide, AcceptsReadsAnswersAndOutlivesAClient) {
-  const std::string name = uniqueName();
-  const std::string longest(107, 'c');
+  const std::string name = uniqueName(), longest(107, 'c');
   Transport server;
   ASSERT_EQ(server.createSocket(name.c_str(), nullptr), 0);
   server.run(true);
   const int named = plainClient(name, longest);
   const std::string uid = std::to_string(getuid());
-  ASSERT_TRUE(eventually([&] { return server.saw("3 uid " + uid + " path " + longest + " data "); }));
-  const int namedPeer = server.lastAccepted();
+  ASSERT_TRUE(server.saw("3 uid " + uid + " path " + longest + " data "));
+  const int namedPeer = server.m_accepted;
   const int unnamed = plainClient(name);
-  ASSERT_TRUE(eventually([&] { return server.saw("3 uid " + uid + " path  data "); }));
+  ASSERT_TRUE(server.saw("3 uid " + uid + " path  data "));
   ASSERT_EQ(write(named, "ping", 4), 4);
-  ASSERT_TRUE(eventually([&] { return server.saw("1 uid " + uid + " path " + longest + " data ping"); }));
+  ASSERT_TRUE(server.saw("1 uid " + uid + " path " + longest + " data ping"));
   int other[2];  // before the number is free
   ASSERT_EQ(pipe2(other, O_NONBLOCK), 0);
   close(named);
-  ASSERT_TRUE(eventually([&] { return server.saw("0 uid " + uid + " path " + longest + " data "); }));
+  ASSERT_TRUE(server.saw("0 uid " + uid + " path " + longest + " data "));
   // The closed peer's number is reused by somebody else, who must not get what was meant for the peer.
   ASSERT_TRUE(eventually([&] { return fcntl(namedPeer, F_GETFD) == -1; }));
   ASSERT_EQ(dup2(other[1], namedPeer), namedPeer);
   EXPECT_TRUE(server.queue("for a peer that is gone", namedPeer));
-  EXPECT_TRUE(server.queue("pong", server.lastAccepted()));
+  EXPECT_TRUE(server.queue("pong", server.m_accepted));
   char answer[5] = {};
   EXPECT_EQ(recv(unnamed, answer, 4, MSG_WAITALL), 4);
   EXPECT_STREQ(answer, "pong");
@@ -243,28 +242,6 @@ TEST(LocalSocketServerSide, OneRefusedPeerEndsTheServer) {
   char byte = 0;
   EXPECT_EQ(recv(client, &byte, 1, 0), 0) << "the refused connection is closed";
   close(client);
-}
-
-TEST(LocalSocketClientSide, WorksAboveAThousandTwentyFourDescriptors) {
-  if (getenv("TARN_EMULATED") != nullptr) GTEST_SKIP() << "the emulator's select ends at 1023";
-  const rlimit files = {4096, 4096};
-  setrlimit(RLIMIT_NOFILE, &files);
-  std::vector<int> held;
-  while (held.empty() || (held.back() >= 0 && held.back() < 1500))
-    held.push_back(open("/dev/null", O_RDONLY));
-  if (held.back() < 1500) GTEST_SKIP() << "too few descriptors allowed here";
-  FakeService service(uniqueName());
-  Transport transport;
-  ASSERT_EQ(transport.createSocket("", service.name().c_str()), 0);
-  EXPECT_GT(transport.fd(), 1500);
-  transport.run(false);
-  ASSERT_TRUE(service.accept());
-  transport.queue("up here");
-  EXPECT_EQ(service.read(7), "up here");
-  service.write("and back");
-  EXPECT_TRUE(eventually([&] { return transport.saw("1 uid 0 path  data and back"); }));
-  transport.stop();
-  for (const int fd : held) close(fd);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // The transport as its peers see it: bytes on the wire, losses, timers, and what hostile peers cannot do.
 #include <random>
 
-#include "log.h"
 #include "support/LogCapture.h"
 #include "support/UdpRelay.h"
 
@@ -13,14 +12,25 @@ Bytes patternOf(size_t size) {
   return bytes;
 }
 
-/// A clock that stands at g_now, or is the real one when that is 0.
 std::atomic<int64_t> g_now{0};
+/// A clock that stands at g_now, or is the real one when that is 0.
 int64_t testClock() {
   const int64_t stands = g_now;
   return stands != 0 ? stands : nowMs();
 }
 
-TEST(UdpTransport, DatagramsAreTheseBytesInBothDirections) {
+struct UdpTransport : testing::Test {
+  /// Lets the transport come round, so that it has acted on what was before.
+  void passRounds(Endpoint& endpoint) {
+    const LogCapture rounds;
+    for (int i = 0; i < 2; ++i) peer.send(endpoint.localAddress(), datagram(7, 1));
+    EXPECT_TRUE(eventually([&] { return rounds.count("t:7,ERR_TYPE") == 2; }));
+  }
+  const LogCapture log;
+  PlainPeer peer;
+};
+
+TEST_F(UdpTransport, DatagramsAreTheseBytesInBothDirections) {
   // version, type, dl, checksum, tl, of, sequence, session id, payload
   const Bytes syn = hex("01 04 0000 4bc1e4e8 00000000 00000000 a0860100 0000000000000000");
   const Bytes data = hex("01 01 0300 b4229e11 03000000 00000000 a1860100 8877665544332211 616263");
@@ -28,9 +38,7 @@ TEST(UdpTransport, DatagramsAreTheseBytesInBothDirections) {
   const Bytes synAck = hex("01 02 0000 8c9cbd54 00000000 00000000 a0860100 0000000000000000");
   const Bytes dataAck = hex("01 02 0000 9c076f31 03000000 03000000 a1860100 8877665544332211");
   const Bytes finAck = hex("01 02 0000 130286b8 00000000 00000000 a2860100 0000000000000000");
-  const LogCapture log;
-  setDebugLogging(true);
-  PlainPeer peer;
+  const LogCapture log(true);
   Endpoint endpoint(10000);
   endpoint.queue(peer.address, 1, "");  // opens the direction and sends nothing else
   endpoint.queue(peer.address, 0x1122334455667788, "abc");
@@ -44,22 +52,18 @@ TEST(UdpTransport, DatagramsAreTheseBytesInBothDirections) {
     EXPECT_EQ(peer.receive(), answer);
   }
   endpoint.stop();
-  setDebugLogging(false);
   for (const char* trace :
-       {"3 [udp.cpp,sendPackage:", "\"SEND  type:DATA:1 seq:100001 datalen:3 datacrc:0x119e22b4 \"",
-        "\"SEND type:SYN seq:100000 addr:127.0.0.1:", " sendRet:28 \"",
+       {"\"SEND  type:DATA:1 seq:100001 datalen:3 datacrc:0x119e22b4 \"",
         "\"startLoop ,timeout:-1 timer:0 sender:1 checkcnt:[sq:0 0 run:", "\"RECV ret:31 from:127.0.0.1:",
-        "\"SelectRet:1 err:0 time:", "\"eventloop: processReceive ret:0  run:", "\"read pipe ret:4 run:",
-        "\"end loop , fd:0 timer:0\""}) {
+        "\"eventloop: processReceive ret:0  run:", "\"end loop , fd:0 timer:0\""})
     EXPECT_GT(log.count(trace), 0) << trace;
-  }
   const auto events = endpoint.events();
   ASSERT_EQ(events.size(), 2U);
   EXPECT_EQ(events[1].sessionId, 0x1122334455667788);
   EXPECT_EQ(events[1].message, "abc");
 }
 
-TEST(UdpTransport, EveryStateAndPacketHasItsOutcome) {
+TEST_F(UdpTransport, EveryStateAndPacketHasItsOutcome) {
   const struct {
     const char* what;
     int type;
@@ -89,19 +93,16 @@ TEST(UdpTransport, EveryStateAndPacketHasItsOutcome) {
       {"SYN at the end of the numbers", 4, 0xFFFFFFFF, 0, 0, 0, 0, "R_NEW RECEIVER:R["},
       {"expected 0: 0 - 5 is far above", 1, 0, 0, 3, 3, -1, "R_IGNORERecvSEQ [0,0]"},
   };
-  PlainPeer peer;
   Endpoint endpoint;
   for (const auto& step : steps) {
     const LogCapture log;
     peer.send(endpoint.localAddress(),
               datagram(step.type, step.sequence, step.of, step.tl, Bytes(step.dl, 1)));
     EXPECT_TRUE(*step.log == 0 || eventually([&] { return log.count(step.log) == 1; })) << step.what;
-    for (const std::string& line : log.linesWith(step.log)) {
-      const bool inMessage = strstr(step.log, "ession:") != nullptr;
-      EXPECT_TRUE(*step.log == 0 ||
-                  line.rfind(inMessage ? "6 [udp.cpp,dataRecv:" : "5 [udp.cpp,processReceive:", 0) == 0)
-          << line;
-    }
+    const bool inMessage = strstr(step.log, "ession:") != nullptr;
+    EXPECT_EQ(log.count(inMessage ? "6 [udp.cpp,dataRecv:" : "5 [udp.cpp,processReceive:") > 0,
+              *step.log != 0)
+        << step.what;
     if (step.ackOffset < 0) continue;  // an answer too many would be taken for that of a later step
     EXPECT_EQ(peer.receive(), datagram(2, step.sequence, step.ackOffset, step.tl)) << step.what;
   }
@@ -109,9 +110,7 @@ TEST(UdpTransport, EveryStateAndPacketHasItsOutcome) {
   EXPECT_EQ(endpoint.events()[0].message, Bytes(2500, 1));
 }
 
-TEST(UdpTransport, AcknowledgementsFreeTheWindowInAnyOrder) {
-  const LogCapture log;
-  PlainPeer peer;
+TEST_F(UdpTransport, AcknowledgementsFreeTheWindowInAnyOrder) {
   Endpoint endpoint(10000);
   endpoint.queue(peer.address, 1, patternOf(6000));
   for (uint32_t sequence = 100000; sequence <= 100005; ++sequence)
@@ -128,15 +127,7 @@ TEST(UdpTransport, AcknowledgementsFreeTheWindowInAnyOrder) {
   EXPECT_EQ(peer.receive(), datagram(1, 100006, 5000, 6000, Bytes(whole.begin() + 5000, whole.end()), 1));
 }
 
-/// Lets the transport come round, so that it has acted on what was before.
-void passRounds(PlainPeer& peer, Endpoint& endpoint) {
-  const LogCapture log;
-  for (int i = 0; i < 2; ++i) peer.send(endpoint.localAddress(), datagram(7, 1));
-  EXPECT_TRUE(eventually([&] { return log.count("t:7,ERR_TYPE") == 2; }));
-}
-
-TEST(UdpTransport, SixSendsHalfASecondApartThenOneTimeout) {
-  PlainPeer peer;
+TEST_F(UdpTransport, SixSendsHalfASecondApartThenOneTimeout) {
   g_now = 1000000;
   Endpoint endpoint(UdpTiming{testClock, UdpTiming().intervalMs});
   endpoint.queue(peer.address, 42, "x");
@@ -144,23 +135,21 @@ TEST(UdpTransport, SixSendsHalfASecondApartThenOneTimeout) {
   peer.send(endpoint.localAddress(), datagram(2, 100000));
   for (int send = 0; send < 6; ++send) {
     EXPECT_EQ(sequenceOf(peer.receive()), 100001U) << send;
-    passRounds(peer, endpoint);
+    passRounds(endpoint);
     g_now += 499;
-    passRounds(peer, endpoint);
+    passRounds(endpoint);
     EXPECT_TRUE(peer.receive(0).empty() && endpoint.events().empty()) << "too early";
     g_now += 1;
   }
   ASSERT_TRUE(endpoint.saw(UDP_EVENT_TIMEOUT));
   g_now += 100000;
-  passRounds(peer, endpoint);
+  passRounds(endpoint);
   EXPECT_TRUE(peer.receive(0).empty()) << "a seventh";
   ASSERT_EQ(endpoint.events().size(), 1U);
   EXPECT_EQ(endpoint.events()[0].sessionId, 42);
 }
 
-TEST(UdpTransport, GivenUpPacketBoundsItsSenderUntilItsLateAck) {
-  const LogCapture log;
-  PlainPeer peer;
+TEST_F(UdpTransport, GivenUpPacketBoundsItsSenderUntilItsLateAck) {
   g_now = 1000000;
   Endpoint endpoint(UdpTiming{testClock, 500});
   for (int64_t session = 1; session <= 6; ++session) endpoint.queue(peer.address, session, "x");
@@ -173,7 +162,7 @@ TEST(UdpTransport, GivenUpPacketBoundsItsSenderUntilItsLateAck) {
   }
   ASSERT_TRUE(endpoint.saw(UDP_EVENT_SESSION_FINISH, 4));
   for (int send = 2; send <= 7; ++send) {
-    passRounds(peer, endpoint);
+    passRounds(endpoint);
     g_now += 500;
     peer.send(endpoint.localAddress(), datagram(7, 1));  // ends the wait in select
     ASSERT_TRUE(send == 7 || sequenceOf(peer.receive()) == 100001U) << "and no number beyond 100005";
@@ -181,15 +170,13 @@ TEST(UdpTransport, GivenUpPacketBoundsItsSenderUntilItsLateAck) {
   ASSERT_TRUE(endpoint.saw(UDP_EVENT_TIMEOUT));
   EXPECT_EQ(log.count("5 [udp.cpp,processTimeout:"), 6);
   EXPECT_EQ(log.count("]]  !MAXRETRANS!\""), 1);
-  EXPECT_EQ(log.count("5 [udp.cpp,getSender:"), 1);
   EXPECT_EQ(log.count("\"NEW SENDER  S["), 1);
   acknowledge(100001);
   EXPECT_EQ(sequenceOf(peer.receive()), 100006U);
-  EXPECT_EQ(log.count("6 [udp.cpp,deleteTimeoutEvent:"), 1);
   EXPECT_EQ(log.count("\"event delete failed arg:T["), 1);
 }
 
-TEST(UdpTransport, MessagesArriveWholeAndInOrderThroughBadWeather) {
+TEST_F(UdpTransport, MessagesArriveWholeAndInOrderThroughBadWeather) {
   const size_t sizes[] = {1, 999, 1000, 1001, 5000, 5001, 100000};
   for (const Weather& weather :
        {Weather{1, 0, 0, 0, 0}, {2, 30, 0, 0, 0}, {3, 0, 50, 10, 0}, {4, 20, 20, 10, 0}}) {
@@ -209,8 +196,7 @@ TEST(UdpTransport, MessagesArriveWholeAndInOrderThroughBadWeather) {
   }
 }
 
-TEST(UdpTransport, LostSynAckDeliversTheFirstMessagesTwice) {
-  const LogCapture log;
+TEST_F(UdpTransport, LostSynAckDeliversTheFirstMessagesTwice) {
   g_now = 1;
   Endpoint left(UdpTiming{testClock, 500}), right;
   Relay relay(right.localAddress(), {1, 0, 0, 0, 1});
@@ -224,7 +210,7 @@ TEST(UdpTransport, LostSynAckDeliversTheFirstMessagesTwice) {
   EXPECT_EQ(order, "1212");
 }
 
-TEST(UdpTransport, HostileDatagramsNeitherStopNorHangIt) {
+TEST_F(UdpTransport, HostileDatagramsNeitherStopNorHangIt) {
   std::mt19937 random(20);
   PlainPeer peers[3];
   Endpoint endpoint;
@@ -263,8 +249,7 @@ struct Bookkeeping : UDP {
   }
 };
 
-TEST(UdpTransport, BrokenBookkeepingIsNoticed) {
-  const LogCapture log;
+TEST_F(UdpTransport, BrokenBookkeepingIsNoticed) {
   Bookkeeping().check();
   EXPECT_EQ(log.count("6 [udp.cpp,processTimeout:"), 2);
   EXPECT_EQ(log.count("\"Invalid socket. Not in the list.strAddr:127.0.0.1:10 \""), 1);

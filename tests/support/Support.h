@@ -1,23 +1,29 @@
-// What several tests need: waiting for a condition, unique names, bytes from text, a service's end of a
-// socket.
+// What several tests need: waiting, names, bytes from text, a service's end of a socket.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
-#include <chrono>
-#include <cstdint>
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstring>
 #include <functional>
-#include <string>
 #include <thread>
-#include <utility>
+
+#include "bytes.h"
 
 using Bytes = std::string;
 
-/// Waits until `condition` holds, at most `seconds`. The result is the condition's.
-inline bool eventually(const std::function<bool()>& condition, int seconds = 20) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+/// What every creation of a thread fails with, unless it is 0; for tests that link ThreadFailure.cpp.
+inline std::atomic<int> g_threadError{0};
+
+/// Waits until `condition` holds, at most 20 seconds. The result is the condition's.
+inline bool eventually(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return condition();
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -26,27 +32,71 @@ inline bool eventually(const std::function<bool()>& condition, int seconds = 20)
 }
 
 /// Bytes from hexadecimal digits; blanks are ignored.
-Bytes hex(const std::string& digits);
+inline Bytes hex(std::string digits) {
+  digits.erase(std::remove(digits.begin(), digits.end(), ' '), digits.end());
+  Bytes bytes;
+  for (size_t i = 0; i < digits.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
 
 /// An abstract name that no other test uses.
-std::string uniqueName();
+inline std::string uniqueName() {
+  static std::atomic<int> count{0};
+  return "tarn-test-" + std::to_string(getpid()) + "-" + std::to_string(count++);
+}
 
 /// The address of an abstract name, and its length.
-std::pair<sockaddr_un, socklen_t> abstractAddress(const std::string& name);
+inline std::pair<sockaddr_un, socklen_t> abstractAddress(const std::string& name) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  memcpy(address.sun_path + 1, name.data(), name.size());
+  return {address, static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size())};
+}
 
 /// A reply packet as the service writes it.
-Bytes reply(uint16_t funcid, uint32_t status, const Bytes& body = "", int64_t timestamp = 0,
-            uint64_t word16 = 0);
+inline Bytes reply(uint16_t funcid, uint32_t status, const Bytes& body = "", int64_t timestamp = 0,
+                   uint64_t word16 = 0) {
+  uint8_t header[32] = {'R', 'C', 'D', 'H', 4, 0};
+  write16le(header + 6, funcid);
+  write32le(header + 8, status);
+  write32le(header + 12, static_cast<uint32_t>(body.size()));
+  write64le(header + 16, word16);
+  write64le(header + 24, static_cast<uint64_t>(timestamp));
+  return Bytes(reinterpret_cast<char*>(header), sizeof(header)) + body;
+}
 
 /// A connection on a plain socket.
 class Connection {
  public:
   ~Connection() { hangUp(); }
   /// Exactly `count` bytes, or fewer when the connection ends or 20 seconds pass without any.
-  Bytes read(size_t count);
+  Bytes read(size_t count) {
+    Bytes bytes;
+    while (bytes.size() < count) {
+      pollfd waiting = {m_connection, POLLIN, 0};
+      if (poll(&waiting, 1, 20000) != 1) break;
+      char buffer[65536];
+      const ssize_t got = recv(m_connection, buffer, std::min(sizeof(buffer), count - bytes.size()), 0);
+      if (got <= 0) break;
+      bytes.append(buffer, static_cast<size_t>(got));
+    }
+    return bytes;
+  }
   /// False when the other end has closed.
-  bool write(const Bytes& bytes);
-  void hangUp();
+  bool write(const Bytes& bytes) {
+    for (size_t done = 0; done < bytes.size();) {
+      const ssize_t put = send(m_connection, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+      if (put <= 0) return false;
+      done += static_cast<size_t>(put);
+    }
+    return true;
+  }
+  void hangUp() {
+    if (m_connection >= 0) close(m_connection);
+    m_connection = -1;
+  }
 
  protected:
   int m_connection = -1;
@@ -55,20 +105,36 @@ class Connection {
 /// The service's end: a listener on an abstract name and the connection it accepted last.
 class FakeService : public Connection {
  public:
-  explicit FakeService(std::string name, int backlog = 16);
+  explicit FakeService(std::string name, int backlog = 16) : m_name(std::move(name)) {
+    const auto [address, length] = abstractAddress(m_name);
+    EXPECT_EQ(bind(m_listener, reinterpret_cast<const sockaddr*>(&address), length), 0) << strerror(errno);
+    EXPECT_EQ(listen(m_listener, backlog), 0);
+  }
   ~FakeService() { stop(); }
-  FakeService(const FakeService&) = delete;
-  FakeService& operator=(const FakeService&) = delete;
 
   const std::string& name() const { return m_name; }
   /// Waits for the next connection (20 seconds at most); closes the one before. False when none came.
-  bool accept();
+  bool accept() {
+    hangUp();
+    pollfd waiting = {m_listener, POLLIN, 0};
+    if (poll(&waiting, 1, 20000) != 1) return false;
+    m_connection = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
+    return m_connection >= 0;
+  }
   /// One whole request: its header and body.
-  Bytes readRequest();
+  Bytes readRequest() {
+    Bytes packet = read(32);
+    if (packet.size() == 32) packet += read(read32le(reinterpret_cast<const uint8_t*>(&packet[8])));
+    return packet;
+  }
   /// Closes the connection and the listener: the service is gone.
-  void stop();
+  void stop() {
+    hangUp();
+    if (m_listener >= 0) close(m_listener);
+    m_listener = -1;
+  }
 
  private:
   std::string m_name;
-  int m_listener = -1;
+  int m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
 };

@@ -1,5 +1,4 @@
-// Two ends for tests of the UDP transport: a running one that records its events, and a plain socket that
-// answers what it likes.
+// Two ends for tests of the UDP transport: a running one that records its events, and a plain socket.
 #pragma once
 
 #include <arpa/inet.h>
@@ -44,9 +43,8 @@ struct Endpoint : UDP {
   std::vector<Event> events(int event = 0) {
     const std::lock_guard<std::mutex> lock(m_lock);
     std::vector<Event> found;
-    for (const Event& e : m_events) {
-      if (event == 0 || e.event == event) found.push_back(e);
-    }
+    std::copy_if(m_events.begin(), m_events.end(), std::back_inserter(found),
+                 [&](const Event& e) { return event == 0 || e.event == event; });
     return found;
   }
   bool saw(int event, size_t count = 1) {
