@@ -149,11 +149,11 @@ int LocalSocket::loop(bool isServer) {
     // itself: it would spin until the service reads.
     if (sent == SendResult::Sent && m_queue.size() != 0) m_pipe.wake();
 
-    SelectSet readable = m_master;
+    m_readable = m_master;
     timeval limit = {kSelectSeconds, 0};
-    const int ready = SelectSet::select(m_maxFd, &readable, nullptr, &limit);
+    const int ready = SelectSet::select(m_maxFd, &m_readable, nullptr, &limit);
     if (ready == -1 && errno != EINTR) LOG_DEBUG_AT(166, "loop: select errno:%d", errno);
-    if (ready > 0 && !scanReadable(readable, isServer)) result = -1;
+    if (ready > 0 && !scanReadable(isServer)) result = -1;
   }
   finish();
   return result;
@@ -166,10 +166,11 @@ LocalSocket::SendResult LocalSocket::sendFront(int64_t roundStartMs) {
   const int fd = pack->fd;
   const bool open = isOpen(fd);
   if (open && !checkCanWrite(fd)) return SendResult::Nothing;
-  const ssize_t ret = open ? retryEintr([&] {
-    return send(fd, pack->data.get() + pack->offset, static_cast<size_t>(pack->len - pack->offset), 0);
-  })
-                           : -1;  // the loop has closed it: its number may be somebody else's by now
+  ssize_t ret = -1;  // what the loop has closed fails untried: its number may be somebody else's by now
+  if (open) {
+    const uint8_t* const rest = pack->data.get() + pack->offset;
+    ret = retryEintr([&] { return send(fd, rest, static_cast<size_t>(pack->len - pack->offset), 0); });
+  }
   if (ret < 0) {
     LOG_ERROR_IN("loop", 136, "send failed fd:%d mfd:%d", fd, m_fd.load());
     if (fd == m_socket) {
@@ -193,11 +194,11 @@ LocalSocket::SendResult LocalSocket::sendFront(int64_t roundStartMs) {
 }
 
 bool LocalSocket::checkCanWrite(int fd) {
-  SelectSet writable;
-  writable.add(fd);
+  m_writable.clear();
+  m_writable.add(fd);
   timeval atOnce = {0, 0};
-  SelectSet::select(fd, nullptr, &writable, &atOnce);
-  const bool can = writable.contains(fd);
+  SelectSet::select(fd, nullptr, &m_writable, &atOnce);
+  const bool can = m_writable.contains(fd);
   LOG_DEBUG_AT(65, " FD_ISSET(fd, &fdset) :%d fd:%d", can, fd);
   return can;
 }
@@ -207,10 +208,10 @@ bool LocalSocket::isOpen(int fd) const {
 }
 
 /// Handles every descriptor that is ready. False ends the loop.
-bool LocalSocket::scanReadable(const SelectSet& readable, bool isServer) {
+bool LocalSocket::scanReadable(bool isServer) {
   const int highest = m_maxFd;
   for (int fd = kFirstScanned; fd <= highest; ++fd) {
-    if (!readable.contains(fd) || !m_master.contains(fd)) continue;
+    if (!m_readable.contains(fd) || !m_master.contains(fd)) continue;
     if (fd == m_pipe.readEnd()) {
       m_pipe.drain();
     } else if (isServer && fd == m_socket) {

@@ -101,7 +101,7 @@ class LocalSocket {
   bool checkCanWrite(int fd);
   bool isOpen(int fd) const;
   SendResult sendFront(int64_t roundStartMs);
-  bool scanReadable(const SelectSet& readable, bool isServer);
+  bool scanReadable(bool isServer);
   void receive(int fd);
   void onSocketError(int fd);
   void closePeers();
@@ -115,6 +115,8 @@ class LocalSocket {
   // The loop thread's, or the holder's while no loop runs.
   int m_socket = 0;                     // the descriptor behind m_fd until it is really closed
   std::map<int32_t, PeerInfo> m_peers;  // by descriptor; reading an absent key creates an empty entry
-  SelectSet m_master;                   // what the loop listens to
-  int m_maxFd = 0;                      // the highest descriptor in m_master
+  SelectSet m_readable;  // what select() left of m_master; kept, so that a round allocates nothing
+  SelectSet m_writable;  // for checkCanWrite(), likewise
+  SelectSet m_master;    // what the loop listens to
+  int m_maxFd = 0;       // the highest descriptor in m_master
 };
