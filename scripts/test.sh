@@ -54,7 +54,7 @@ runTests() {
 
 say "checking the format"
 mkdir -p "$BUILD"
-folders=(jni java service tools tests bench android)
+folders=(jni java shared service tools tests bench android)
 find "${folders[@]}" -name '*.h' -o -name '*.c' -o -name '*.cpp' -o -name '*.java' -o -name '*.proto' |
   xargs clang-format --dry-run -Werror || die "run clang-format -i over the files named above"
 
@@ -75,7 +75,7 @@ buildTree clang -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DTARNBOOS
 runTests clang
 
 say "clang-tidy"
-find jni service tools -name '*.cpp' |
+find jni shared service tools -name '*.cpp' |
   xargs -P 2 -n 4 clang-tidy -p "$BUILD/clang" --quiet 2>/dev/null || die "clang-tidy found what stands above"
 
 say "all tests passed"

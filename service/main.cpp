@@ -10,18 +10,19 @@
 #include <string>
 #include <vector>
 
-#include "Journal.h"
-#include "Server.h"
-#include "Text.h"
-#include "log.h"
+#include "service/core/Log.h"
+#include "service/server/Server.h"
+#include "shared/Address.h"
+#include "shared/LibraryLog.h"
+#include "shared/Text.h"
 
 namespace {
 
-using service::parseNumber;
 using service::Policy;
 using service::Push;
 using service::ServerOptions;
 using service::Verbosity;
+using shared::parseNumber;
 
 const char kAbout[] =
     "A reference performance service. It listens for applications that use libtarnbooster, says on\n"
@@ -45,7 +46,7 @@ std::string cutField(std::string& text, const char* option) {
 
 int64_t numberOf(const std::string& text, int64_t least, int64_t most, const char* option) {
   int64_t number = 0;
-  if (parseNumber(text, least, most, number)) return number;
+  if (shared::parseNumber(text, least, most, number)) return number;
   throw CLI::ValidationError(
       option, "\"" + text + "\" is no number from " + std::to_string(least) + " to " + std::to_string(most));
 }
@@ -67,7 +68,7 @@ service::RepeatedPush repeatedPushOf(std::string text, const char* option) {
 struct Options {
   ServerOptions server;
   Policy policy;
-  Verbosity verbosity = Verbosity::Normal;
+  Verbosity verbosity = Verbosity::NORMAL;
 };
 
 void describeOptions(CLI::App& app, Options& options) {
@@ -77,7 +78,7 @@ void describeOptions(CLI::App& app, Options& options) {
   app.add_option_function<std::string>(
          "--udp",
          [&options](const std::string& text) {
-           if (!service::UdpPort::parseAddress(text, options.server.udp.emplace())) {
+           if (!shared::parseAddress(text, options.server.udp.emplace())) {
              throw CLI::ValidationError("--udp", "\"" + text + "\" is no IPv4 address and port");
            }
          },
@@ -117,15 +118,11 @@ void describeOptions(CLI::App& app, Options& options) {
   app.add_flag("--allow-terminate", options.policy.allowTerminate,
                "Let request 1012 end the client that makes it (SIGTERM)");
   auto* const quiet = app.add_flag_callback(
-      "-q,--quiet", [&options] { options.verbosity = Verbosity::Quiet; }, "Say only what goes wrong");
+      "-q,--quiet", [&options] { options.verbosity = Verbosity::QUIET; }, "Say only what goes wrong");
   app.add_flag_callback(
-         "-v,--verbose", [&options] { options.verbosity = Verbosity::Verbose; },
+         "-v,--verbose", [&options] { options.verbosity = Verbosity::VERBOSE; },
          "Say also who connects and disconnects, and what the transport logs")
       ->excludes(quiet);
-}
-
-int logNothing(int /*priority*/, const char* /*tag*/, const char* /*format*/, ...) {
-  return 0;
 }
 
 service::Server* g_server = nullptr;  // for the signal handler; set before it is installed
@@ -162,13 +159,13 @@ int program(int argc, char** argv) {
 
   // Root's supplementary groups would show through when files are looked at with a client's rights.
   if (geteuid() == 0) setgroups(0, nullptr);
-  if (options.verbosity != Verbosity::Verbose) {
+  if (options.verbosity != Verbosity::VERBOSE) {
     // The library's own log is for its developers; what went wrong is in the service's lines.
-    logFunc = logNothing;
+    shared::silenceLibraryLog();
   }
-  const service::Journal journal(options.verbosity, service::standardOutput());
-  service::Dispatcher dispatcher(options.policy, journal);
-  service::Server server(options.server, dispatcher, journal);
+  const service::Log log(options.verbosity, service::standardOutput());
+  service::Dispatcher dispatcher(options.policy, log);
+  service::Server server(options.server, dispatcher, log);
   g_server = &server;
   installSignals();
   std::string problem;

@@ -7,8 +7,8 @@
 #include <fstream>
 #include <future>
 
-#include "Preload.h"
-#include "RequestReader.h"
+#include "service/effects/Preload.h"
+#include "service/wire/RequestReader.h"
 #include "support/RunningService.h"
 
 namespace {
@@ -163,7 +163,7 @@ TEST_F(ServiceFrequency, TheStrongestBoostRulesAndTheLastOneToEndRestores) {
   EXPECT_EQ(m_client.ask(1002, boost({3}, 1)), 0u);
   EXPECT_TRUE(m_running.says("its time is up"));
   EXPECT_EQ(floors(), "1300000 1300000");
-  EXPECT_EQ(m_other.ask(1002, boost({0})), service::STATUS_BAD_ARGUMENT);
+  EXPECT_EQ(m_other.ask(1002, boost({0})), service::Status::BAD_ARGUMENT);
   m_other.hangUp();
   EXPECT_TRUE(eventually([&] { return floors() == "400000 400000"; })) << floors();
   EXPECT_EQ(m_client.ask(1002, boost({1})), 0u);
@@ -239,13 +239,13 @@ TEST(ServiceCores, OnlyThreadsOfTheClientAreBoundAndNotWithoutEnd) {
   const Bytes bind = boost({thread.tid});
   RunningService running;
   BytesClient client(running.name());
-  EXPECT_EQ(client.ask(1004, boost({1})), service::STATUS_NOT_YOURS);
-  EXPECT_EQ(client.ask(1004, boost({-5, 0})), service::STATUS_NOT_YOURS);
-  EXPECT_EQ(client.ask(1004, boost({})), service::STATUS_BAD_ARGUMENT);
-  EXPECT_EQ(client.ask(1004, boost({thread.tid}, -1)), service::STATUS_BAD_ARGUMENT);
-  EXPECT_EQ(client.ask(1004, boost({1, thread.tid})), service::STATUS_PARTLY);
-  for (size_t i = 1; i < service::kMaxHoldsPerPeer; ++i) ASSERT_EQ(client.ask(1004, bind), 0u);
-  EXPECT_EQ(client.ask(1004, bind), service::STATUS_TOO_MANY_BOOSTS);
+  EXPECT_EQ(client.ask(1004, boost({1})), service::Status::NOT_YOURS);
+  EXPECT_EQ(client.ask(1004, boost({-5, 0})), service::Status::NOT_YOURS);
+  EXPECT_EQ(client.ask(1004, boost({})), service::Status::BAD_ARGUMENT);
+  EXPECT_EQ(client.ask(1004, boost({thread.tid}, -1)), service::Status::BAD_ARGUMENT);
+  EXPECT_EQ(client.ask(1004, boost({1, thread.tid})), service::Status::PARTLY);
+  for (size_t i = 1; i < service::kMaxBoostsPerHolder; ++i) ASSERT_EQ(client.ask(1004, bind), 0u);
+  EXPECT_EQ(client.ask(1004, bind), service::Status::TOO_MANY_BOOSTS);
   EXPECT_EQ(BytesClient(running.name()).ask(1004, bind), 0u) << "another client still gets its";
 }
 
@@ -261,7 +261,7 @@ TEST(ServiceIo, PriorityOfTheClientsThreadsIsRaisedAndPutBack) {
   EXPECT_EQ(thread.ioPriority(), 2 << 13 | 0);
   EXPECT_EQ(client.ask(1007), 0u);
   EXPECT_EQ(thread.ioPriority(), before);
-  EXPECT_EQ(client.ask(1013, hex("08 01 10 02 18 01 28 00 30 07")), service::STATUS_PARTLY) << "no CPU part";
+  EXPECT_EQ(client.ask(1013, hex("08 01 10 02 18 01 28 00 30 07")), service::Status::PARTLY) << "no CPU part";
 }
 
 TEST(ServicePreload, ReadsRegularFilesAheadWithTheClientsRightsAndOpensNothingElse) {
@@ -269,12 +269,12 @@ TEST(ServicePreload, ReadsRegularFilesAheadWithTheClientsRightsAndOpensNothingEl
   const std::string file = folder.write("/file", "text"), fifo = folder.path + "/fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const std::pair<std::vector<std::string>, uint32_t> cases[] = {
-      {{}, service::STATUS_DONE},
-      {{file, file}, service::STATUS_DONE},
-      {{fifo, "/dev/zero", "file", ""}, service::STATUS_BAD_ARGUMENT},  // a fifo's open would wait
-      {{folder.path + "/none"}, service::STATUS_FAILED},
-      {{folder.path + "/none", file}, service::STATUS_PARTLY},
-      {std::vector<std::string>(service::kMaxPreloadFiles + 1, file), service::STATUS_PARTLY},
+      {{}, service::Status::DONE},
+      {{file, file}, service::Status::DONE},
+      {{fifo, "/dev/zero", "file", ""}, service::Status::BAD_ARGUMENT},  // a fifo's open would wait
+      {{folder.path + "/none"}, service::Status::FAILED},
+      {{folder.path + "/none", file}, service::Status::PARTLY},
+      {std::vector<std::string>(service::kMaxPreloadFiles + 1, file), service::Status::PARTLY},
   };
   RunningService running;
   BytesClient client(running.name());
@@ -285,12 +285,9 @@ TEST(ServicePreload, ReadsRegularFilesAheadWithTheClientsRightsAndOpensNothingEl
     EXPECT_EQ(client.ask(1011, message.SerializeAsString()), status) << files.size();
   }
   if (geteuid() != 0) GTEST_SKIP() << "only root sees more than its clients";
-  message.clear_files();
-  message.add_files(file);
-  const service::Peer unknown;
-  EXPECT_EQ(service::preloadFiles(message, unknown).status, service::STATUS_NOT_PERMITTED);
+  EXPECT_EQ(service::preloadFiles({file}, nullptr).status, service::Status::NOT_PERMITTED);
   ASSERT_EQ(chmod(folder.path.c_str(), 0755) + chmod(file.c_str(), 0644), 0);
-  EXPECT_EQ(service::preloadFiles(message, unknown).status, service::STATUS_DONE);
+  EXPECT_EQ(service::preloadFiles({file}, nullptr).status, service::Status::DONE);
 }
 
 TEST(ServicePush, OnlyRegisteredClientsGetThemWithAnEmptyReplyBetweenTwoBodies) {

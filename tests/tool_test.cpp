@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "UdpPort.h"
+#include "shared/Address.h"
 #include "support/RunningService.h"
 #include "support/Udp.h"
 
@@ -164,7 +164,7 @@ TEST(Tool, IsEndedByTheServiceOnlyWhereThatKnowsIt) {
 /// Sends one message, and nothing behind it: no acknowledgement of the replies.
 void sendAndVanish(PlainPeer& peer, const std::string& service, const Bytes& message) {
   sockaddr_in to{};
-  ASSERT_TRUE(service::UdpPort::parseAddress(service, to));
+  ASSERT_TRUE(shared::parseAddress(service, to));
   peer.send(to, datagram(PACKET_SYN, 100000));
   peer.send(to, datagram(PACKET_DATA, 100001, 0, static_cast<uint32_t>(message.size()), message));
 }
@@ -189,7 +189,7 @@ TEST(ServiceUdp, APeerThatAcknowledgesWhatItHasNotGotStopsNobody) {
   options.onRegister = {{1, std::string(6000, 'x')}};
   RunningService running({}, options);
   sockaddr_in to{};
-  ASSERT_TRUE(service::UdpPort::parseAddress(running.udpAddress(), to));
+  ASSERT_TRUE(shared::parseAddress(running.udpAddress(), to));
   PlainPeer liar;
   const Bytes message = request(1010);
   liar.send(to, datagram(PACKET_SYN, 100000));

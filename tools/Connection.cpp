@@ -1,5 +1,7 @@
 #include "Connection.h"
 
+#include <arpa/inet.h>
+
 #include "UdpClient.h"
 #include "client.h"
 
@@ -10,8 +12,10 @@ std::shared_ptr<IClientEngine> connectSocket(const std::string& name, ClientProt
   return LocalsocketClient::start(engine) == 0 ? engine : nullptr;
 }
 
-std::shared_ptr<IClientEngine> connectUdp(const std::string& address, int port, ClientProtocal* owner) {
-  return startUdpClient(owner, address, port);
+std::shared_ptr<IClientEngine> connectUdp(const sockaddr_in& address, ClientProtocal* owner) {
+  char text[INET_ADDRSTRLEN] = "";
+  inet_ntop(AF_INET, &address.sin_addr, text, sizeof(text));
+  return startUdpClient(owner, text, ntohs(address.sin_port));
 }
 
 }  // namespace tool

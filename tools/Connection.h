@@ -1,6 +1,8 @@
 // The tool's engine: one of the library's two, connected to a service.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <memory>
 #include <string>
 
@@ -16,6 +18,6 @@ std::shared_ptr<IClientEngine> connectSocket(const std::string& name, ClientProt
 
 /// Sets up an engine for a service at an IPv4 address and port. Null when no socket is to be had; nothing
 /// tells here whether a service is there.
-std::shared_ptr<IClientEngine> connectUdp(const std::string& address, int port, ClientProtocal* owner);
+std::shared_ptr<IClientEngine> connectUdp(const sockaddr_in& address, ClientProtocal* owner);
 
 }  // namespace tool

@@ -6,24 +6,12 @@
 
 #include "amc.pb.h"
 #include "clock.h"
+#include "shared/Text.h"
 
 namespace tool {
 namespace {
 
 constexpr int64_t kMaxPlausibleUs = 3600LL * 1000 * 1000;
-
-/// Text fit for a terminal: what does not print becomes \xNN.
-std::string printable(const std::string& text) {
-  std::string shown;
-  for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    char hex[8];
-    snprintf(hex, sizeof(hex), byte >= 0x20 && byte < 0x7f && byte != '\\' && byte != '"' ? "%c" : "\\x%02x",
-             byte);
-    shown += hex;
-  }
-  return shown;
-}
 
 }  // namespace
 
@@ -50,8 +38,8 @@ void Replies::onCallback(int32_t /*event*/, int32_t funcid, int64_t word16, int6
 void Replies::printPush(const uint8_t* data, int32_t len) const {
   amc::DataCallback message;
   if (message.ParsePartialFromArray(data, len) && message.IsInitialized()) {
-    printf("push code %d data \"%s\" (%zu bytes)\n", message.code(), printable(message.data()).c_str(),
-           message.data().size());
+    printf("push code %d data \"%s\" (%zu bytes)\n", message.code(),
+           shared::printable(message.data(), SIZE_MAX).c_str(), message.data().size());
   } else {
     printf("push of %d bytes that is no DataCallback\n", len);
   }

@@ -1,5 +1,4 @@
 // tarnbooster: makes one request by hand, over either transport, and shows what comes back.
-#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -16,6 +15,8 @@
 #include "Replies.h"
 #include "clock.h"
 #include "log.h"
+#include "shared/Address.h"
+#include "shared/LibraryLog.h"
 
 namespace {
 
@@ -51,6 +52,7 @@ constexpr int64_t kAnswerMs = 2000;  // how long an answer is waited for without
 struct Options {
   std::string socket;
   std::string udp;
+  sockaddr_in udpAddress{};  // what `udp` says
   int32_t tid = 0;
   int64_t timestamp = 0;  // nanoseconds
   int64_t waitMs = -1;    // -1: until answered
@@ -58,10 +60,6 @@ struct Options {
   bool verbose = false;
   tool::Arguments arguments;
 };
-
-int logNothing(int /*priority*/, const char* /*tag*/, const char* /*format*/, ...) {
-  return 0;
-}
 
 void describeOptions(CLI::App& app, Options& options) {
   app.footer(kExamples);
@@ -90,22 +88,9 @@ void describeOptions(CLI::App& app, Options& options) {
   }
 }
 
-/// Cuts "ADDRESS:PORT" in two. False when it is not an IPv4 address and a port.
-bool splitAddress(const std::string& text, std::string& address, int& port) {
-  const size_t colon = text.rfind(':');
-  if (colon == std::string::npos) return false;
-  address = text.substr(0, colon);
-  in_addr parsed{};
-  return inet_pton(AF_INET, address.c_str(), &parsed) == 1 &&
-         CLI::detail::lexical_cast(text.substr(colon + 1), port) && port > 0 && port < 65536;
-}
-
 std::shared_ptr<IClientEngine> connect(const Options& options, Replies& replies) {
   if (options.udp.empty()) return tool::connectSocket(options.socket, &replies);
-  std::string address;
-  int port = 0;
-  splitAddress(options.udp, address, port);
-  return tool::connectUdp(address, port, &replies);
+  return tool::connectUdp(options.udpAddress, &replies);
 }
 
 /// Sends all requests, counting them in `sent`. False when the connection was lost over it. May wait for good
@@ -190,9 +175,8 @@ int program(int argc, char** argv) {
   describeOptions(app, options);
   try {
     app.parse(argc, argv);
-    std::string address;
-    int port = 0;
-    if (!options.udp.empty() && !splitAddress(options.udp, address, port)) {
+    if (!options.udp.empty() &&
+        (!shared::parseAddress(options.udp, options.udpAddress) || options.udpAddress.sin_port == 0)) {
       throw CLI::ValidationError("--udp", "\"" + options.udp + "\" is no IPv4 address and port");
     }
   } catch (const CLI::ParseError& error) {
@@ -201,7 +185,7 @@ int program(int argc, char** argv) {
   if (options.verbose) {
     setDebugLogging(true);
   } else {
-    logFunc = logNothing;
+    shared::silenceLibraryLog();
   }
   for (const tool::Command& command : tool::commands()) {
     if (app.got_subcommand(command.name)) return run(options, command, app.count("--timestamp") > 0);

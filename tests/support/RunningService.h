@@ -5,19 +5,19 @@
 #include <optional>
 #include <thread>
 
-#include "Server.h"
 #include "header.h"
+#include "service/server/Server.h"
 #include "support/Udp.h"
 
 /// The service on a thread of its own, on both transports, and the lines that it says.
 class RunningService {
  public:
   explicit RunningService(service::Policy policy = {}, service::ServerOptions options = {})
-      : m_dispatcher(std::move(policy), m_journal) {
+      : m_dispatcher(std::move(policy), m_log) {
     m_name.resize(107, 'n');  // the longest there is
     options.name = m_name;
     options.udp = loopback();
-    m_server.emplace(std::move(options), m_dispatcher, m_journal);
+    m_server.emplace(std::move(options), m_dispatcher, m_log);
     std::string problem;
     if (!m_server->start(problem)) throw std::runtime_error(problem);
     m_thread = std::thread([this] { m_server->run(); });
@@ -47,10 +47,10 @@ class RunningService {
   std::string m_name = uniqueName();
   mutable std::mutex m_lock;
   std::vector<std::string> m_lines;  // guarded by m_lock
-  const service::Journal m_journal{service::Verbosity::Verbose, [this](const std::string& line) {
-                                     const std::lock_guard<std::mutex> lock(m_lock);
-                                     m_lines.push_back(line);
-                                   }};
+  const service::Log m_log{service::Verbosity::VERBOSE, [this](const std::string& line) {
+                             const std::lock_guard<std::mutex> lock(m_lock);
+                             m_lines.push_back(line);
+                           }};
   service::Dispatcher m_dispatcher;
   std::optional<service::Server> m_server;
   std::thread m_thread;

@@ -1,0 +1,33 @@
+#include "service/clients/SocketClient.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "descriptor.h"
+
+namespace service {
+
+bool SocketClient::receive() {
+  uint8_t bytes[64 * 1024];
+  const ssize_t count = retryEintr([&] { return recv(fd(), bytes, sizeof(bytes), MSG_DONTWAIT); });
+  if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
+  m_reader.append(bytes, static_cast<size_t>(count));
+  return count > 0;
+}
+
+bool SocketClient::flush() {
+  while (hasOutput()) {
+    const ssize_t count = retryEintr(
+        [&] { return send(fd(), m_replies.data(), m_replies.size(), MSG_DONTWAIT | MSG_NOSIGNAL); });
+    if (count < 0) {
+      if (errno == EAGAIN || errno == EWOULDBLOCK) return m_replies.size() <= kMaxPendingOutput;
+      m_replies.sent(m_replies.size());
+      return true;
+    }
+    m_replies.sent(static_cast<size_t>(count));
+  }
+  return true;
+}
+
+}  // namespace service

@@ -1,0 +1,36 @@
+// 1002, 1013: the lowest frequency that the CPUs may fall to (cpufreq's scaling_min_freq).
+//
+// The rule: level 1, 2 and 3 (and above) raise it to one third, two thirds and the whole of the way from
+// cpuinfo_min_freq to scaling_max_freq, on every CPU; it is never lowered.
+#pragma once
+
+#include <vector>
+
+#include "service/core/Setting.h"
+
+namespace service {
+
+class FrequencyFloor : public Setting {
+ public:
+  /// sysRoot  where /sys is; tests bring their own
+  explicit FrequencyFloor(const std::string& sysRoot);
+
+  std::string key() const override { return "lowest CPU frequency"; }
+  Outcome apply(int strength) override;
+  Outcome restore() override;
+
+ private:
+  /// All CPUs are read before any is written: CPUs of one cluster share one file under several names.
+  struct Cpu {
+    int number;
+    std::string path;  // of scaling_min_freq
+    int64_t original;  // all in kHz
+    int64_t least;
+    int64_t most;
+    int64_t applied;  // as read back: the kernel rounds; 0 while nothing was written
+  };
+
+  std::vector<Cpu> m_cpus;
+};
+
+}  // namespace service

@@ -1,0 +1,36 @@
+// 1006, 1013: the I/O priority of all threads of one process.
+//
+// The rule: level 1, 2 and 3 (and above) give best-effort priority 2, 1 and 0, the highest without privilege.
+// Which disks heed it depends on the machine's I/O scheduler.
+#pragma once
+
+#include <map>
+#include <memory>
+
+#include "service/core/Setting.h"
+#include "service/effects/Process.h"
+
+namespace service {
+
+class IoPriority : public Setting {
+ public:
+  explicit IoPriority(std::shared_ptr<const Process> process);
+
+  std::string key() const override;
+  Outcome apply(int strength) override;
+  /// A thread born during the boost inherited its priority from a boosted one; it gets what the process's
+  /// first thread had.
+  Outcome restore() override;
+
+ private:
+  struct Thread {
+    uint64_t start;  // Process::threadStart()
+    int original;    // I/O priority value
+  };
+
+  const std::shared_ptr<const Process> m_process;
+  std::map<pid_t, Thread> m_threads;  // those that were boosted
+  int m_applied = -1;                 // I/O priority value; -1 before the first apply()
+};
+
+}  // namespace service

@@ -1,0 +1,59 @@
+#include "service/wire/Replies.h"
+
+#include <cstring>
+
+#include "bytes.h"
+#include "header.h"
+#include "protocol.h"
+#include "shared/Status.h"
+
+namespace service {
+namespace {
+
+constexpr int kVersionOffset = 4;  // no client reads it; the value keeps both directions alike in a dump
+
+}  // namespace
+
+std::string packReply(uint16_t funcid, uint32_t status, uint64_t word16, int64_t timestamp,
+                      const std::string& body) {
+  uint8_t header[kHeaderBytes] = {};
+  write32le(header + reply_header::kMagic, kHeaderMagic);
+  write16le(header + kVersionOffset, kRequestVersion);
+  write16le(header + reply_header::kFuncid, funcid);
+  write32le(header + reply_header::kStatus, status);
+  write32le(header + reply_header::kDataLen, static_cast<uint32_t>(body.size()));
+  write64le(header + reply_header::kWord16, word16);
+  write64le(header + reply_header::kTimestamp, static_cast<uint64_t>(timestamp));
+  return std::string(reinterpret_cast<const char*>(header), sizeof(header)) + body;
+}
+
+std::string packAnswer(const Request& request, uint32_t status) {
+  return packReply(request.funcid, status, static_cast<uint64_t>(request.sendTime), request.timestamp, "");
+}
+
+std::string packPush(const Push& push) {
+  amc::DataCallback message;
+  message.set_code(push.code);
+  message.set_data(push.data);
+  return packReply(FUNCID_REGISTER_ANR_CALLBACK, shared::Status::DONE, 0, 0, message.SerializeAsString());
+}
+
+void ReplyStream::answer(const Request& request, uint32_t status) {
+  m_bytes += packAnswer(request, status);
+  m_lastHadBody = false;
+}
+
+void ReplyStream::push(const Push& push) {
+  if (m_lastHadBody) m_bytes += packReply(FUNCID_REGISTER_ANR_CALLBACK, shared::Status::DONE, 0, 0, "");
+  m_bytes += packPush(push);
+  m_lastHadBody = true;
+}
+
+void ReplyStream::sent(size_t count) {
+  m_sent += count;
+  if (m_sent < m_bytes.size() - m_sent) return;  // copying down now would cost more than it frees
+  m_bytes.erase(0, m_sent);
+  m_sent = 0;
+}
+
+}  // namespace service

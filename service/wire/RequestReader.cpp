@@ -1,0 +1,83 @@
+#include "service/wire/RequestReader.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+#include "bytes.h"
+#include "header.h"
+
+namespace service {
+namespace {
+
+uint32_t bodyLength(const uint8_t* header) {
+  return read32le(header + request_header::kDataLen);
+}
+
+void readPacket(const uint8_t* bytes, RequestPacket& packet) {
+  packet.funcid = read16le(bytes + request_header::kFuncid);
+  packet.callertid = read32le(bytes + request_header::kCallertid);
+  packet.sendTime = static_cast<int64_t>(read64le(bytes + request_header::kSendTime));
+  packet.timestamp = static_cast<int64_t>(read64le(bytes + request_header::kTimestamp));
+  const uint8_t* const body = bytes + kHeaderBytes;
+  packet.body.assign(body, body + bodyLength(bytes));
+}
+
+}  // namespace
+
+std::string checkRequestHeader(const uint8_t* header) {
+  char text[96];
+  const uint32_t magic = read32le(header + request_header::kMagic);
+  const uint16_t version = read16le(header + request_header::kVersion);
+  if (magic != kHeaderMagic) {
+    snprintf(text, sizeof(text), "no request header: magic 0x%08" PRIx32 " instead of 0x%08" PRIx32, magic,
+             kHeaderMagic);
+  } else if (version != kRequestVersion) {
+    snprintf(text, sizeof(text), "header version %u instead of %u", version, kRequestVersion);
+  } else if (bodyLength(header) > kMaxRequestBody) {
+    snprintf(text, sizeof(text), "a body of %" PRIu32 " bytes is announced, at most %" PRIu32 " are accepted",
+             bodyLength(header), kMaxRequestBody);
+  } else {
+    return "";
+  }
+  return text;
+}
+
+void RequestReader::append(const uint8_t* bytes, size_t count) {
+  // What was taken makes room first, but only when that copies less than it frees.
+  if (m_start > 0 && m_start >= m_bytes.size() - m_start) {
+    m_bytes.erase(m_bytes.begin(), m_bytes.begin() + static_cast<std::ptrdiff_t>(m_start));
+    m_start = 0;
+    if (m_bytes.empty()) m_bytes.shrink_to_fit();  // one huge request must not hold its memory for good
+  }
+  m_bytes.insert(m_bytes.end(), bytes, bytes + count);
+}
+
+RequestReader::Result RequestReader::next(RequestPacket& packet, std::string& problem) {
+  const size_t available = m_bytes.size() - m_start;
+  if (available < kHeaderBytes) return Result::MORE_NEEDED;
+  const uint8_t* const header = m_bytes.data() + m_start;
+  problem = checkRequestHeader(header);
+  if (!problem.empty()) return Result::BAD;
+  const size_t length = kHeaderBytes + bodyLength(header);
+  if (available < length) return Result::MORE_NEEDED;
+  readPacket(header, packet);
+  m_start += length;
+  return Result::PACKET;
+}
+
+bool readRequestMessage(const uint8_t* bytes, size_t count, RequestPacket& packet, std::string& problem) {
+  if (count < kHeaderBytes) {
+    problem = "a message of " + std::to_string(count) + " bytes holds no request header";
+    return false;
+  }
+  problem = checkRequestHeader(bytes);
+  if (problem.empty() && bodyLength(bytes) != count - kHeaderBytes) {
+    problem = "the header announces " + std::to_string(bodyLength(bytes)) + " body bytes, " +
+              std::to_string(count - kHeaderBytes) + " follow";
+  }
+  if (!problem.empty()) return false;
+  readPacket(bytes, packet);
+  return true;
+}
+
+}  // namespace service
