@@ -13,7 +13,7 @@
 #include <fstream>
 #include <string>
 
-#include "ThreadJiffiesMonitor.h"
+#include "cpuload/ThreadJiffiesMonitor.h"
 
 namespace fs = std::filesystem;
 

@@ -15,10 +15,11 @@
 #include <string>
 #include <thread>
 
-#include "amc.pb.h"
-#include "client.h"
-#include "header.h"
-#include "protocol.h"
+#include "client/client.h"
+#include "client/protocol.h"
+#include "wire/Funcid.h"
+#include "wire/header.h"
+#include "wire/protos/amc.pb.h"
 
 namespace {
 

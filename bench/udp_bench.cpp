@@ -10,8 +10,8 @@
 #include <mutex>
 #include <vector>
 
-#include "log.h"
-#include "udp.h"
+#include "base/log.h"
+#include "udp/udp.h"
 
 namespace {
 

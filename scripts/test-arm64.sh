@@ -75,7 +75,7 @@ if [ "$asan" = yes ]; then
 fi
 
 step "the library in Android's shape, as part of an application"
-build android-shape "$ROOT/tests/package/application" --toolchain "$ROOT/tests/package/android-shape.cmake" \
+build android-shape "$ROOT/cmake/application" --toolchain "$ROOT/cmake/android-shape.cmake" \
   -DCMAKE_BUILD_TYPE=Release
 library=$BUILD/android-shape/tarnbooster/jni/libtarnbooster.so
 "$ROOT/scripts/check-library.sh" --imports "$library"

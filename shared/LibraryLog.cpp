@@ -1,6 +1,6 @@
 #include "shared/LibraryLog.h"
 
-#include "log.h"
+#include "base/log.h"
 
 namespace shared {
 namespace {

@@ -3,8 +3,8 @@
 #include <fstream>
 #include <iostream>
 
-#include "amc.pb.h"
-#include "protocol.h"
+#include "wire/Funcid.h"
+#include "wire/protos/amc.pb.h"
 
 namespace tool {
 namespace {

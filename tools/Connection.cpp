@@ -2,8 +2,8 @@
 
 #include <arpa/inet.h>
 
-#include "UdpClient.h"
-#include "client.h"
+#include "local/LocalsocketClient.h"
+#include "udp/UdpClient.h"
 
 namespace tool {
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "IClientEngine.h"
+#include "wire/IClientEngine.h"
 
 class ClientProtocal;
 

@@ -4,9 +4,10 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include "amc.pb.h"
-#include "clock.h"
+#include "base/clock.h"
 #include "shared/Text.h"
+#include "wire/Funcid.h"
+#include "wire/protos/amc.pb.h"
 
 namespace tool {
 namespace {

@@ -8,7 +8,7 @@
 #include <set>
 #include <string>
 
-#include "protocol.h"
+#include "wire/ClientProtocal.h"
 
 namespace tool {
 

@@ -13,8 +13,8 @@
 #include "Commands.h"
 #include "Connection.h"
 #include "Replies.h"
-#include "clock.h"
-#include "log.h"
+#include "base/clock.h"
+#include "base/log.h"
 #include "shared/Address.h"
 #include "shared/LibraryLog.h"
 

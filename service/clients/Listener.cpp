@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 #include "shared/Text.h"
 
 namespace service {

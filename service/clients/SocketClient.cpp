@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 
 namespace service {
 

@@ -9,7 +9,7 @@
 #pragma once
 
 #include "service/clients/UdpMailbox.h"
-#include "udp.h"
+#include "udp/udp.h"
 
 namespace service {
 

@@ -5,7 +5,7 @@
 
 #include <utility>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 
 namespace service {
 

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 #include "shared/Text.h"
 #include "shared/UniqueFd.h"
 

@@ -9,7 +9,7 @@
 
 #include <cerrno>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 #include "shared/Text.h"
 
 #ifndef SO_PEERPIDFD

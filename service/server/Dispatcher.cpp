@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <set>
 
-#include "protocol.h"
 #include "service/effects/CoreBinding.h"
 #include "service/effects/FrequencyFloor.h"
 #include "service/effects/IoPriority.h"
 #include "service/effects/Preload.h"
+#include "wire/Funcid.h"
 
 namespace service {
 namespace {

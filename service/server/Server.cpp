@@ -8,11 +8,11 @@
 #include <cerrno>
 #include <chrono>
 
-#include "descriptor.h"
-#include "protocol.h"
+#include "base/descriptor.h"
 #include "service/clients/Listener.h"
 #include "service/server/Lines.h"
 #include "shared/Text.h"
+#include "wire/Funcid.h"
 
 namespace service {
 namespace {

@@ -2,10 +2,10 @@
 
 #include <cstring>
 
-#include "bytes.h"
-#include "header.h"
-#include "protocol.h"
+#include "base/bytes.h"
 #include "shared/Status.h"
+#include "wire/Funcid.h"
+#include "wire/header.h"
 
 namespace service {
 namespace {

@@ -1,4 +1,5 @@
-// Replies and pushes: their bytes (the reply header is drawn in jni/header.h), and their order on a stream.
+// Replies and pushes: their bytes (the reply header is drawn in jni/wire/header.h), and their order on a
+// stream.
 #pragma once
 
 #include <cstdint>

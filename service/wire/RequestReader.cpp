@@ -3,8 +3,8 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include "bytes.h"
-#include "header.h"
+#include "base/bytes.h"
+#include "wire/header.h"
 
 namespace service {
 namespace {

@@ -1,4 +1,5 @@
-// Framing: cuts a client's byte stream into request packets (the request header is drawn in jni/header.h).
+// Framing: cuts a client's byte stream into request packets (the request header is drawn in
+// jni/wire/header.h).
 //
 // What each prefix of the stream leads to:
 //   fewer than 32 bytes                     wait for more

@@ -1,7 +1,7 @@
 #include "service/wire/Requests.h"
 
 #include <fmt/format.h>
-#include "protocol.h"
+#include "wire/Funcid.h"
 
 #include <algorithm>
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <variant>
 
-#include "amc.pb.h"
 #include "service/wire/RequestReader.h"
+#include "wire/protos/amc.pb.h"
 
 namespace service {
 

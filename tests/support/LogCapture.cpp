@@ -4,7 +4,7 @@
 #include <cstdarg>
 #include <mutex>
 
-#include "log.h"
+#include "base/log.h"
 
 namespace {
 

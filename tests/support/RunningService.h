@@ -5,9 +5,9 @@
 #include <optional>
 #include <thread>
 
-#include "header.h"
 #include "service/server/Server.h"
 #include "support/Udp.h"
+#include "wire/header.h"
 
 /// The service on a thread of its own, on both transports, and the lines that it says.
 class RunningService {

@@ -14,7 +14,7 @@
 #include <functional>
 #include <thread>
 
-#include "bytes.h"
+#include "base/bytes.h"
 
 using Bytes = std::string;
 

@@ -9,9 +9,9 @@
 #include <algorithm>
 #include <vector>
 
-#include "bytes.h"
+#include "base/bytes.h"
 #include "support/Support.h"
-#include "udp.h"
+#include "udp/udp.h"
 
 inline sockaddr_in loopback(uint16_t port = 0) {
   sockaddr_in address{};

@@ -1,0 +1,48 @@
+#include "bridge/C2Java.h"
+
+#include <cstring>
+#include <utility>
+
+#include "base/log.h"
+#include "bridge/com_tarn_performance_TarnBoosterJNI.h"
+
+Callback& g_callback = *new Callback;
+
+int32_t Callback::pushCallback(int32_t type, int64_t timestamp, int32_t status, int32_t funcid, int32_t code,
+                               const uint8_t* data, int32_t len) {
+  auto info = std::make_unique<CallbackInfo>();
+  info->type = type;
+  info->timestamp = timestamp;
+  info->status = status;
+  info->funcid = funcid;
+  info->code = code;
+  if (data != nullptr && len >= 1) {
+    info->data.reset(new uint8_t[len]);
+    memcpy(info->data.get(), data, len);
+    info->len = len;
+  }
+  m_queue.push(std::move(info));
+  return 0;
+}
+
+void c2Java_OnData(JNIEnv* env, int32_t type, int64_t timestamp, int32_t status, int32_t funcid, int32_t code,
+                   const uint8_t* data, int32_t len) {
+  if (env == nullptr) {
+    LOG_ERROR("Not init env");
+    return;
+  }
+  jmethodID const onData = env->GetStaticMethodID(g_classUdpEngine, "onData", "(IJIII[B)V");
+  if (onData == nullptr) {
+    env->ExceptionClear();  // the look-up's own; the next delivery must not begin with it
+    return;
+  }
+  jbyteArray const array = env->NewByteArray(len);
+  if (array == nullptr) {
+    env->ExceptionClear();
+    return;
+  }
+  env->SetByteArrayRegion(array, 0, len, reinterpret_cast<const jbyte*>(data));
+  env->CallStaticVoidMethod(g_classUdpEngine, onData, type, static_cast<jlong>(timestamp), status, funcid,
+                            code, array);
+  env->DeleteLocalRef(array);
+}

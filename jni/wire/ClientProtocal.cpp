@@ -1,0 +1,36 @@
+#include "wire/ClientProtocal.h"
+
+#include "wire/Funcid.h"
+#include "wire/protos/amc.pb.h"
+// The filter's lines belong to the unit of the requests, under whose name people know them.
+#define LOG_FILE_NAME "protocol.cpp"
+#include "base/log.h"
+
+void ClientProtocal::onCallback(int32_t /*event*/, int32_t funcid, int64_t /*word16*/, int64_t timestamp,
+                                int32_t status, const uint8_t* data, int32_t len) {
+  IC2JavaCallback* const callback = c2JavaCallback();
+  if (callback == nullptr) {
+    LOG_DEBUG("onCallback c2JavaCallback:0x%x funcid:%d data:0x%x len:%d", addressBits(callback), funcid,
+              addressBits(data), len);
+    return;
+  }
+  if (status != 0) {
+    callback->pushCallback(REPORT_STATUS, timestamp, status, funcid, 0, nullptr, 0);
+    return;
+  }
+  if (funcid != static_cast<int32_t>(FUNCID_REGISTER_ANR_CALLBACK) || len <= 0 || data == nullptr) {
+    LOG_DEBUG("onCallback c2JavaCallback:0x%x funcid:%d data:0x%x len:%d", addressBits(callback), funcid,
+              addressBits(data), len);
+    return;
+  }
+  amc::DataCallback pushed;
+  // ParseFromArray() in two steps: by itself it prints a line of its own when a field is missing.
+  if (!pushed.ParsePartialFromArray(data, len) || !pushed.IsInitialized()) {
+    LOG_DEBUG("onCallback ParseFromArray ret:%d c2JavaCallback:0x%x funcid:%d data:0x%x len:%d", 0,
+              addressBits(callback), funcid, addressBits(data), len);
+    return;
+  }
+  callback->pushCallback(REPORT_DATA, 0, 0, funcid, pushed.code(),
+                         reinterpret_cast<const uint8_t*>(pushed.data().data()),
+                         static_cast<int32_t>(pushed.data().size()));
+}

@@ -1,0 +1,22 @@
+// The function identifiers of requests and replies.
+#pragma once
+
+#include <cstdint>
+
+/// The function identifiers: the closed set of request numbers shared with the service.
+enum Funcid : uint32_t {
+  FUNCID_CHECK_PERMISSION = 1001,
+  FUNCID_REQUEST_CPU_HIGH_FREQ = 1002,
+  FUNCID_CANCEL_CPU_HIGH_FREQ = 1003,
+  FUNCID_REQUEST_CPU_CORE_FOR_THREAD = 1004,
+  FUNCID_CANCEL_CPU_CORE_FOR_THREAD = 1005,
+  FUNCID_REQUEST_HIGH_IO_FREQ = 1006,
+  FUNCID_CANCEL_HIGH_IO_FREQ = 1007,
+  FUNCID_REQUEST_SCREEN_RESOLUTION = 1008,
+  FUNCID_RESET_SCREEN_RESOLUTION = 1009,
+  FUNCID_REGISTER_ANR_CALLBACK = 1010,  // also the identifier under which the service pushes a DataCallback
+  FUNCID_REGISTER_BOOT_PRELOAD_RESOURCE = 1011,
+  FUNCID_TERMINATE_APP = 1012,
+  FUNCID_REQUEST_UNIFY_CPU_IO_THREAD_CORE = 1013,
+  FUNCID_CANCEL_UNIFY_CPU_IO_THREAD_CORE = 1014,
+};

@@ -1,0 +1,65 @@
+// The bounded queue and the descriptor helpers that everything else stands on.
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "base/BoundedQueue.h"
+#include "base/WakePipe.h"
+#include "base/descriptor.h"
+#include "support/Support.h"
+
+TEST(BoundedQueue, ProducersBeyondTheCapacityWaitForAPlaceOrTheClose) {
+  BoundedQueue<int> queue(5);
+  std::atomic<int> pushed{0}, refused{0};
+  std::vector<std::thread> producers;
+  for (int i = 0; i < 12; ++i) {
+    producers.emplace_back([&, i] { ++(queue.push(std::make_unique<int>(i)) ? pushed : refused); });
+  }
+  for (int taken = 0; taken <= 3; ++taken) {
+    EXPECT_TRUE(taken == 0 || queue.tryPop() != nullptr);
+    ASSERT_TRUE(eventually([&] { return pushed == 5 + taken; }));
+    EXPECT_EQ(queue.size(), 5u);
+  }
+  for (int i = 0; i < 2; ++i) queue.close();
+  for (auto& producer : producers) producer.join();
+  EXPECT_EQ(refused, 4);
+  EXPECT_FALSE(queue.push(std::make_unique<int>(99)));
+  for (int i = 0; i < 5; ++i) EXPECT_NE(queue.tryPop(), nullptr) << "what was queued stays for the consumer";
+  EXPECT_EQ(queue.tryPop(), nullptr);
+}
+
+TEST(Descriptors, AreAboveTwoAndCloseOnExecEvenWhereTheApplicationClosedTheFirstThree) {
+  const pid_t child = fork();
+  if (child == 0) {
+    for (const int fd : {0, 1, 2}) close(fd);
+    WakePipe pipe;
+    const bool opened = pipe.open() == 0;
+    const int file = openForReading("/proc/self/stat");
+    bool good = opened && file > 2 && pipe.readEnd() > 2 && pipe.writeEnd() > 2;
+    for (const int fd : {file, pipe.readEnd(), pipe.writeEnd()})
+      good = good && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+    for (const int fd : {0, 1, 2}) good = good && fcntl(fd, F_GETFD) == -1;
+    _exit(good ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+TEST(WakePipe, AWakeAfterTheCloseWritesNowhereEvenIfTheNumberIsReused) {
+  WakePipe pipe;
+  ASSERT_EQ(pipe.open(), 0);
+  const int writeEnd = pipe.writeEnd();
+  pipe.wake();
+  EXPECT_EQ(pipe.drain(), 4);
+  pipe.close();
+  int other[2];
+  ASSERT_EQ(pipe2(other, O_NONBLOCK), 0);
+  ASSERT_EQ(dup2(other[1], writeEnd), writeEnd);
+  pipe.wake();
+  char byte = 0;
+  EXPECT_EQ(read(other[0], &byte, 1), -1) << "a stranger's pipe was written to";
+  for (const int fd : {other[0], other[1], writeEnd}) close(fd);
+}

@@ -1,0 +1,120 @@
+// The bridge's C side against a virtual machine made of function tables: what a real one does not do on
+// demand (refuse a version, fail a registration, run out of memory), and the order of the calls it gets.
+#include "bridge/com_tarn_performance_TarnBoosterJNI.h"
+
+#include <gmock/gmock.h>
+
+#include <memory>
+
+#include "bridge/C2Java.h"
+#include "support/LogCapture.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::EndsWith;
+
+/// What the virtual machine shall answer.
+struct Answers {
+  jint getEnv = JNI_OK, registration = 0;
+  bool hasOnData = true, hasMemory = true;
+  std::vector<jint> ints{};
+} g_answers;
+std::vector<std::string> g_asked;
+const char* const g_text = "text";
+_jclass g_localClass, g_globalClass;
+JNINativeInterface_ g_functions{};
+JNIInvokeInterface_ g_invocations{};
+JNIEnv g_env{&g_functions};
+JavaVM g_vm{&g_invocations};
+
+struct JniBridge : testing::Test {
+  JniBridge();
+  static void asked(const std::string& call) { g_asked.push_back(call); }
+  const LogCapture m_log;
+};
+
+JniBridge::JniBridge() {
+  g_jvm = nullptr;
+  g_classUdpEngine = nullptr;
+  g_answers = {};
+  g_asked.clear();
+  g_invocations.GetEnv = [](JavaVM*, void** out, jint version) {
+    EXPECT_EQ(version, 0x10006);
+    *out = &g_env;
+    return g_answers.getEnv;
+  };
+  g_functions.FindClass = [](JNIEnv*, const char* name) { return asked(name), &g_localClass; };
+  g_functions.RegisterNatives = [](JNIEnv*, jclass, const JNINativeMethod*, jint count) {
+    asked(std::to_string(count) + " natives");
+    return g_answers.registration;
+  };
+  g_functions.NewGlobalRef = [](JNIEnv*, jobject) -> jobject { return &g_globalClass; };
+  g_functions.DeleteLocalRef = [](JNIEnv*, jobject) { asked("DeleteLocalRef"); };
+  g_functions.ExceptionClear = [](JNIEnv*) { asked("ExceptionClear"); };
+  g_functions.GetStaticMethodID = [](JNIEnv*, jclass, const char*, const char*) {
+    return reinterpret_cast<jmethodID>(g_answers.hasOnData ? &g_answers : nullptr);
+  };
+  g_functions.NewByteArray = [](JNIEnv*, jsize) {
+    return reinterpret_cast<jbyteArray>(g_answers.hasMemory ? &g_answers : nullptr);
+  };
+  g_functions.SetByteArrayRegion = [](JNIEnv*, jbyteArray, jsize, jsize, const jbyte*) {};
+  g_functions.CallStaticVoidMethodV = [](JNIEnv*, jclass, jmethodID, va_list) { asked("onData"); };
+  g_functions.GetStringUTFChars = [](JNIEnv*, jstring, jboolean*) { return g_text; };
+  g_functions.ReleaseStringUTFChars = [](JNIEnv*, jstring, const char* text) { asked(text); };
+  g_functions.GetArrayLength = [](JNIEnv*, jarray) { return static_cast<jsize>(g_answers.ints.size()); };
+  g_functions.GetIntArrayElements = [](JNIEnv*, jintArray, jboolean*) { return g_answers.ints.data(); };
+  g_functions.ReleaseIntArrayElements = [](JNIEnv*, jintArray, jint*, jint m) { asked(std::to_string(m)); };
+}
+
+TEST_F(JniBridge, LoadingRegistersTheNativesAndKeepsTheMachineAndTheClass) {
+  EXPECT_EQ(JNI_OnLoad(&g_vm, nullptr), 0x10006);
+  EXPECT_EQ(g_jvm, &g_vm);
+  EXPECT_EQ(g_classUdpEngine, &g_globalClass);
+  EXPECT_EQ(g_asked[0], "com/tarn/performance/TarnBoosterJNI");
+  EXPECT_EQ(g_asked[1], "23 natives");
+}
+
+TEST_F(JniBridge, ALoadThatFailsLeavesNothingAndSaysWhy) {
+  const std::string name = "\"VEX com.tarn.performance.TarnBoosterJNI";
+  g_answers.getEnv = JNI_EVERSION;
+  EXPECT_EQ(JNI_OnLoad(&g_vm, nullptr), -1);
+  EXPECT_EQ(g_asked.size(), 0U);
+  EXPECT_EQ(m_log.count(name + ": JNI version mismatch error\""), 1);
+#ifndef TARNBOOSTER_PLATFORM_NATIVEHELPER  // whose failure ends the process
+  g_answers = {JNI_OK, -5};
+  EXPECT_EQ(JNI_OnLoad(&g_vm, nullptr), -1);
+  EXPECT_EQ(m_log.count(name + " jni registration failure: -5\""), 1);
+#endif
+  EXPECT_EQ(g_jvm, nullptr);
+  EXPECT_EQ(g_classUdpEngine, nullptr);
+}
+
+TEST_F(JniBridge, AReportThatCannotBeDeliveredIsDropped) {
+  c2Java_OnData(&g_env, 2, 0, 0, 1010, 7, reinterpret_cast<const uint8_t*>(g_text), 3);
+  g_answers.hasMemory = false;
+  c2Java_OnData(&g_env, 1, 2, 3, 4, 5, nullptr, 0);
+  g_answers.hasOnData = false;
+  c2Java_OnData(&g_env, 1, 2, 3, 4, 5, nullptr, 0);
+  c2Java_OnData(nullptr, 1, 2, 3, 4, 5, nullptr, 0);
+  EXPECT_THAT(g_asked, ElementsAre("onData", "DeleteLocalRef", "ExceptionClear", "ExceptionClear"));
+  EXPECT_THAT(m_log.linesWith(""), ElementsAre(EndsWith("]\"Not init env\"")));
+}
+
+TEST_F(JniBridge, ArgumentsAreCopiedAndReleasedAndNoneAreNull) {
+  const std::unique_ptr<char, decltype(&free)> text(jstringToChars(&g_env, nullptr), free);
+  EXPECT_STREQ(text.get(), g_text);
+  EXPECT_NE(text.get(), g_text);
+  int length = 99;
+  EXPECT_EQ(jintArrayToInts(&g_env, nullptr, length), nullptr);
+  EXPECT_EQ(length, 0);
+  for (const auto& ints : {std::vector<jint>{}, {5, 7}}) {
+    g_answers.ints = ints;
+    const std::unique_ptr<int[]> copy(jintArrayToInts(&g_env, reinterpret_cast<jintArray>(this), length));
+    EXPECT_EQ(std::vector<int>(copy.get(), copy.get() + length), ints);
+    EXPECT_EQ(copy == nullptr, ints.empty());
+  }
+  EXPECT_THAT(g_asked, ElementsAre("text", "0", "0"));
+}
+
+}  // namespace

@@ -1,0 +1,247 @@
+// The transport over real abstract sockets, as a client of a fake service and as a server of plain clients.
+#include "local/LocalSocket.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
+
+#include "base/log.h"
+#include "base/thread.h"
+#include "support/LogCapture.h"
+#include "support/Support.h"
+
+namespace {
+
+/// A transport that logs its events; its loop runs on a thread of the test.
+class Transport : public LocalSocket {
+ public:
+  ~Transport() override { stop(); }
+  void run(bool isServer) {
+    m_thread = std::thread([this, isServer] {
+      blockSigpipe();
+      m_result = loop(isServer);
+      m_ended = true;
+    });
+  }
+  void stop() {
+    uninit();
+    if (m_thread.joinable()) m_thread.join();
+  }
+  bool queue(const Bytes& bytes, int fd = -1) {
+    auto pack = std::make_unique<SendPack>();
+    pack->fd = fd >= 0 ? fd : m_fd.load();
+    pack->data.reset(new uint8_t[bytes.size()]);
+    memcpy(pack->data.get(), bytes.data(), bytes.size());
+    pack->len = static_cast<int32_t>(bytes.size());
+    return enqueue(std::move(pack));
+  }
+  bool saw(const std::string& event) const {
+    return eventually([&] { return m_log.count("event " + event + "\"") > 0; });
+  }
+  int fd() const { return m_fd; }
+
+  std::atomic<bool> m_ended{false};
+  std::atomic<int> m_result{99}, m_acceptResult{0}, m_accepted{0};
+
+ protected:
+  int32_t recvEvent(int32_t event, int32_t fd, uint32_t uid, const char* path, const uint8_t* data,
+                    int32_t len) override {
+    if (event == EVENT_ACCEPT) m_accepted = fd;
+    LOG_WARN("event %d uid %u path %s data %.*s", event, uid, shownText(path), len,
+             reinterpret_cast<const char*>(data));
+    return event == EVENT_ACCEPT ? m_acceptResult.load() : 0;
+  }
+
+ private:
+  const LogCapture m_log;
+  std::thread m_thread;
+};
+
+/// A service and a running transport that are connected.
+struct Connected {
+  explicit Connected(const char* local = "") {
+    EXPECT_EQ(transport.createSocket(local, service.name().c_str()), 0);
+    transport.run(false);
+    EXPECT_TRUE(service.accept());
+  }
+  const LogCapture log;
+  FakeService service{uniqueName()};
+  Transport transport;
+};
+
+/// A plain client connected to an abstract name, itself bound to `local` if that is not empty.
+int plainClient(const std::string& name, const std::string& local = "") {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const auto [own, ownLength] = abstractAddress(local);
+  if (!local.empty()) {
+    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&own), ownLength), 0);
+  }
+  const auto [to, length] = abstractAddress(name);
+  EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&to), length), 0) << strerror(errno);
+  return fd;
+}
+
+/// Sends and receives; the socket is checked for what it must be.
+void exchange(Connected& both) {
+  EXPECT_EQ(fcntl(both.transport.fd(), F_GETFL) & O_NONBLOCK, 0) << "the connected socket stays blocking";
+  for (const char* text : {"one ", "two ", "three"}) EXPECT_TRUE(both.transport.queue(text));
+  EXPECT_EQ(both.service.read(13), "one two three");
+  both.service.write("hello");
+  EXPECT_TRUE(both.transport.saw("1 uid 0 path  data hello"));
+}
+
+TEST(LocalSocketClientSide, SendsQueuedPacksInOrderAndReportsWhatArrives) {
+  Connected both("here");
+  EXPECT_EQ(both.log.count("5 [LocalSocket.cpp,createSocket:298]\"create ClientProtocal socket:" +
+                           std::to_string(both.transport.fd()) + " local:here remote:" + both.service.name() +
+                           "\""),
+            1);
+  exchange(both);
+  both.transport.stop();
+  EXPECT_EQ(both.transport.m_result, 0);
+  EXPECT_FALSE(both.transport.queue("late")) << "an ended loop takes nothing any more";
+}
+
+TEST(LocalSocketClientSide, WorksAboveAThousandTwentyFourDescriptors) {
+  if (getenv("TARN_EMULATED") != nullptr) GTEST_SKIP() << "the emulator's select ends at 1023";
+  const rlimit files = {4096, 4096};
+  setrlimit(RLIMIT_NOFILE, &files);
+  std::vector<int> held(1500);
+  for (int& fd : held) fd = open("/dev/null", O_RDONLY);
+  if (held.back() < 0) GTEST_SKIP() << "too few descriptors allowed here";
+  Connected both;
+  EXPECT_GT(both.transport.fd(), 1500);
+  exchange(both);
+  for (const int fd : held) close(fd);
+}
+
+/// How long five packs take that wait behind a full socket, from the moment the service reads.
+std::chrono::steady_clock::duration drainBehindFullSocket() {
+  Connected both;
+  const LogCapture log(true);
+  const Bytes pack(4096, 'p');
+  const std::string full = "\" FD_ISSET(fd, &fdset) :0 fd:";
+  int packs = 0;
+  while (log.count(full) == 0) {
+    both.transport.queue(pack);
+    ++packs;
+    EXPECT_TRUE(eventually([&] { return log.count("\"send: ret:") == packs || log.count(full) > 0; }));
+  }
+  // One pack waits already; four more fill the queue, and each wakes a round that cannot write.
+  for (int i = 0; i < 4; ++i, ++packs) both.transport.queue(pack);
+  EXPECT_TRUE(eventually([&] { return log.count(full) >= 5; }));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(both.service.read(packs * pack.size()).size(), packs * pack.size());
+  return std::chrono::steady_clock::now() - start;
+}
+
+TEST(LocalSocketClientSide, ABurstBehindAFullSocketDoesNotDrainAtOnePackASecond) {
+  // The first of the five may wait a second for the next look at the socket, the others wait for nothing. A
+  // slow machine gets three tries; at one pack a second each would take four seconds or more.
+  const auto fast = [] { return drainBehindFullSocket() < std::chrono::milliseconds(3500); };
+  EXPECT_TRUE(fast() || fast() || fast());
+}
+
+TEST(LocalSocketClientSide, TheEndOfTheServiceEndsTheLoopAtTheNextSendAndFreesWaitingProducers) {
+  Connected both;
+  both.service.stop();
+  ASSERT_TRUE(both.transport.saw("0 uid 0 path (null) data "));
+  EXPECT_EQ(both.log.count("6 [LocalSocket.cpp,loop:195]\"recv error , fd:"), 1);
+  EXPECT_FALSE(both.transport.m_ended) << "the end of the stream alone does not end the loop";
+  std::vector<std::thread> producers;
+  for (int i = 0; i < 12; ++i) {
+    producers.emplace_back([&] { both.transport.queue("lost"); });
+  }
+  for (auto& producer : producers) producer.join();
+  EXPECT_TRUE(eventually([&] { return both.transport.m_ended.load(); }));
+  EXPECT_EQ(both.transport.m_result, 0);
+  EXPECT_EQ(both.transport.fd(), 0);
+  EXPECT_EQ(both.log.count("6 [LocalSocket.cpp,loop:136]\"send failed fd:"), 1);
+}
+
+TEST(LocalSocketClientSide, AStopReleasesALoopThatIsStuckInASend) {
+  Connected both;
+  both.transport.queue(Bytes(8 << 20, 's'));  // more than any socket buffer; the service reads none of it
+  both.transport.stop();
+  EXPECT_TRUE(both.transport.m_ended);
+}
+
+TEST(LocalSocketSetup, FailuresAreOneErrorLineAndNeverWait) {
+  FakeService busy(uniqueName(), 0);
+  const int first = plainClient(busy.name());  // fills the backlog of a service that does not accept
+  const std::string longest(107, 'n'), tooLong = longest + "n";
+  const struct {
+    const char* local;
+    std::string remote;
+    const char* line;
+  } cases[] = {
+      {"l", "tarn-nobody-listens", "6 [LocalSocket.cpp,createSocket:294]\"connect ret:-1 fd:"},
+      {"l", busy.name(), "6 [LocalSocket.cpp,createSocket:294]\"connect ret:-1 fd:"},
+      {"l", tooLong, "6 [LocalSocket.cpp,createSocket:294]\"connect ret:-1 fd:"},
+      {tooLong.c_str(), "", "6 [LocalSocket.cpp,createSocket:271]\"bind ret:-1 fd:"},
+      {busy.name().c_str(), "", "6 [LocalSocket.cpp,createSocket:271]\"bind ret:-1 fd:"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line + c.remote);
+    const LogCapture log;
+    Transport transport;
+    EXPECT_LT(transport.createSocket(c.local, c.remote.c_str()), 0);
+    EXPECT_EQ(transport.fd(), 0);
+    EXPECT_EQ(log.count(c.line), 1);
+    EXPECT_EQ(log.count("6 ["), 1);
+  }
+  close(first);
+  FakeService listening(longest);
+  Transport transport;
+  EXPECT_EQ(transport.createSocket("", longest.c_str()), 0) << "107 bytes are a name";
+}
+
+TEST(LocalSocketServerSide, AcceptsReadsAnswersAndOutlivesAClient) {
+  const std::string name = uniqueName(), longest(107, 'c');
+  Transport server;
+  ASSERT_EQ(server.createSocket(name.c_str(), nullptr), 0);
+  server.run(true);
+  const int named = plainClient(name, longest);
+  const std::string uid = std::to_string(getuid());
+  ASSERT_TRUE(server.saw("3 uid " + uid + " path " + longest + " data "));
+  const int namedPeer = server.m_accepted;
+  const int unnamed = plainClient(name);
+  ASSERT_TRUE(server.saw("3 uid " + uid + " path  data "));
+  ASSERT_EQ(write(named, "ping", 4), 4);
+  ASSERT_TRUE(server.saw("1 uid " + uid + " path " + longest + " data ping"));
+  int other[2];  // before the number is free
+  ASSERT_EQ(pipe2(other, O_NONBLOCK), 0);
+  close(named);
+  ASSERT_TRUE(server.saw("0 uid " + uid + " path " + longest + " data "));
+  // The closed peer's number is reused by somebody else, who must not get what was meant for the peer.
+  ASSERT_TRUE(eventually([&] { return fcntl(namedPeer, F_GETFD) == -1; }));
+  ASSERT_EQ(dup2(other[1], namedPeer), namedPeer);
+  EXPECT_TRUE(server.queue("for a peer that is gone", namedPeer));
+  EXPECT_TRUE(server.queue("pong", server.m_accepted));
+  char answer[5] = {};
+  EXPECT_EQ(recv(unnamed, answer, 4, MSG_WAITALL), 4);
+  EXPECT_STREQ(answer, "pong");
+  EXPECT_EQ(read(other[0], answer, 1), -1);
+  for (const int fd : {unnamed, other[0], other[1], namedPeer}) close(fd);
+}
+
+TEST(LocalSocketServerSide, OneRefusedPeerEndsTheServer) {
+  const LogCapture log;
+  const std::string name = uniqueName();
+  Transport server;
+  server.m_acceptResult = -1;
+  ASSERT_EQ(server.createSocket(name.c_str(), ""), 0);
+  server.run(true);
+  const int client = plainClient(name);
+  EXPECT_TRUE(eventually([&] { return server.m_ended.load(); }));
+  EXPECT_EQ(server.m_result, -1);
+  EXPECT_EQ(log.linesWith("NotAccept").size(), 1u);
+  char byte = 0;
+  EXPECT_EQ(recv(client, &byte, 1, 0), 0) << "the refused connection is closed";
+  close(client);
+}
+
+}  // namespace

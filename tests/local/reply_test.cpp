@@ -1,0 +1,185 @@
+// From the service's bytes to the callback queue: reply framing, its kept count, and the filter.
+#include <sys/resource.h>
+
+#include <fstream>
+
+#include "bridge/C2Java.h"
+#include "local/LocalsocketClient.h"
+#include "support/LogCapture.h"
+#include "support/Support.h"
+
+namespace {
+
+/// A client object that is only its filter.
+class Filter : public ClientProtocal {
+ public:
+  std::shared_ptr<IClientEngine> engine() override { return nullptr; }
+  IC2JavaCallback* c2JavaCallback() override { return m_sink; }
+  IC2JavaCallback* m_sink = nullptr;
+};
+
+/// Records every complete reply.
+class Owner : public Filter {
+ public:
+  void onCallback(int32_t event, int32_t funcid, int64_t word16, int64_t timestamp, int32_t status,
+                  const uint8_t* data, int32_t len) override {
+    EXPECT_EQ(event, 0);
+    EXPECT_EQ(data == nullptr, len == 0);
+    m_got.push_back(
+        reply(funcid, status, {reinterpret_cast<const char*>(data), size_t(len)}, timestamp, word16));
+  }
+  std::vector<Bytes> m_got;
+};
+
+/// An engine that is fed by hand.
+class Engine : public LocalsocketClient {
+ public:
+  explicit Engine(ClientProtocal* owner) : LocalsocketClient("remote", "local", owner) {}
+  int read(const Bytes& bytes) {
+    return recvEvent(EVENT_DATA, 9, 0, nullptr, reinterpret_cast<const uint8_t*>(bytes.data()),
+                     static_cast<int32_t>(bytes.size()));
+  }
+  using LocalsocketClient::recvEvent;
+};
+
+const Bytes kPlain = reply(1002, 5, "", 7000000000, 0x1122334455667788);
+const Bytes kBody5 = reply(1010, 0, "abcde", 1);
+const Bytes kBody9 = reply(1010, 0, "123456789", 2);
+
+TEST(ReplyFraming, RepliesSplitAtEveryByteAreDeliveredOnce) {
+  const Bytes stream = kPlain + kBody5 + kPlain + kBody9 + kPlain;
+  const std::vector<Bytes> expected = {kPlain, kBody5, kPlain, kBody9, kPlain};
+  for (size_t cut = 1; cut < stream.size(); ++cut) {
+    Owner owner;
+    Engine engine(&owner);
+    EXPECT_EQ(engine.read(stream.substr(0, cut)), 0);
+    EXPECT_EQ(engine.read(stream.substr(cut)), 0);
+    EXPECT_EQ(owner.m_got, expected) << "cut at " << cut;
+  }
+  Owner owner;
+  Engine engine(&owner);
+  for (const char byte : stream) engine.read(Bytes(1, byte));
+  EXPECT_EQ(owner.m_got, expected) << "byte by byte";
+}
+
+TEST(ReplyFraming, TheBodyCountKeptFromAnEarlierReplyIsWhereTheNextBodyStarts) {
+  const Bytes zeros5 = reply(1010, 0, Bytes(5, '\0'), 1);
+  const struct {
+    const char* name;
+    std::vector<Bytes> reads, delivered;
+    std::string badMagic;
+  } cases[] = {
+      // The second reply completes with its header; its body is then taken for a header with what follows.
+      {"same length", {kBody5, kBody5 + Bytes(27, 'x'), kPlain}, {kBody5, zeros5, kPlain}, "64636261"},
+      {"longer: only the tail is filled",
+       {kBody5, kBody9.substr(0, 32) + "6789"},
+       {kBody5, reply(1010, 0, Bytes(5, '\0') + "6789", 2)},
+       ""},
+      {"shorter: starts again at 0", {kBody9, kBody5 + kPlain}, {kBody9, kBody5, kPlain}, ""},
+      {"none: starts again at 0", {kBody5, kPlain, kBody5}, {kBody5, kPlain, kBody5}, ""},
+      {"the count survives a bad header", {kBody5, Bytes(32, 'x'), kBody5}, {kBody5, zeros5}, "78787878"},
+      {"only its read is dropped", {"HDCR" + kPlain.substr(4) + kPlain, kPlain}, {kPlain}, "52434448"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const LogCapture log;
+    Owner owner;
+    Engine engine(&owner);
+    for (const Bytes& bytes : c.reads) engine.read(bytes);
+    EXPECT_EQ(owner.m_got, c.delivered);
+    const std::string line = "6 [client.cpp,recvEvent:175]\"Check Header BEGIN failed:0x" + c.badMagic;
+    EXPECT_EQ(log.count(line), c.badMagic.empty() ? 0 : 1);
+    EXPECT_EQ(log.count(" server:0x48444352\""), c.badMagic.empty() ? 0 : 1);
+  }
+}
+
+long residentPages() {
+  long pages = 0;
+  std::ifstream("/proc/self/statm") >> pages >> pages;
+  return pages;
+}
+
+TEST(ReplyFraming, AClaimedLengthCostsNoMemoryAndAnImpossibleOneIsOneErrorLine) {
+  Owner owner;
+  Engine engine(&owner);
+  const Bytes huge = reply(1010, 0).substr(0, 12) + hex("FFFFFF7F") + Bytes(16, '\0');
+  const long before = residentPages();
+  EXPECT_EQ(engine.read(huge + Bytes(4096, 'x')), 0);
+  // The emulator itself keeps a record of each page that is mapped.
+  EXPECT_LT(residentPages() - before, getenv("TARN_EMULATED") != nullptr ? 16384 : 1024);
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  if (getenv("TARN_EMULATED") != nullptr) GTEST_SKIP() << "the emulator does not limit the address space";
+  Engine second(&owner);
+  const LogCapture log;
+  rlimit space{};
+  getrlimit(RLIMIT_AS, &space);
+  const rlimit small = {rlim_t{1} << 30, space.rlim_max};
+  setrlimit(RLIMIT_AS, &small);
+  EXPECT_EQ(second.read(huge + kPlain), -1);
+  setrlimit(RLIMIT_AS, &space);
+  EXPECT_EQ(log.count("\"reply body of 2147483647 bytes not allocated\""), 1);
+  EXPECT_EQ(second.read(kPlain), 0);
+  EXPECT_EQ(owner.m_got, std::vector<Bytes>{kPlain});
+#endif
+}
+
+TEST(ReplyFraming, OtherEventsAreTracedAndEveryPeerIsRefused) {
+  const LogCapture log;
+  Owner owner;
+  Engine engine(&owner);
+  EXPECT_EQ(engine.recvEvent(EVENT_ERROR, 9, 0, nullptr, nullptr, 0), 0);
+  EXPECT_EQ(log.count("6 [client.cpp,recvEvent:153]\"LocalsocketClient recvEvent EVENT_ERROR: uid:0 "
+                      "path:(null) fd:9  Reconnect now.\""),
+            1);
+  EXPECT_EQ(engine.recvEvent(EVENT_ACCEPT, 9, 0, "peer", nullptr, 0), -1);
+  EXPECT_EQ(log.count("ERR EVENT"), 0) << "debugging is off";
+}
+
+TEST(ReplyFilter, QueuesStatusesAndPushesInOrderAndTracesTheRest) {
+  const Bytes push = hex("0807 1203010002"), ignored = "\"onCallback c2JavaCallback:0x",
+              broken = "\"onCallback ParseFromArray ret:0 c2JavaCallback:0x";
+  const struct {
+    int funcid, status;
+    Bytes data;
+    int type;      // 0: nothing is queued
+    Bytes queued;  // the data, or the trace of what is not queued
+  } cases[] = {
+      {1002, 0, "", 0, ignored},
+      {1002, 5, "", 1, ""},
+      {1010, -1, push, 1, ""},
+      {1010, 0, push, 2, hex("010002")},
+      {1010, 0, hex("0807 1200"), 2, ""},
+      {1010, 0, "", 0, ignored},
+      {1010, 0, "\x08", 0, broken},
+      {1010, 0, hex("0807"), 0, broken},
+      {1011, 0, push, 0, ignored},
+  };
+  const LogCapture log(true);
+  Callback queue;
+  Filter filter;
+  filter.onCallback(0, 1002, 0, 0, 5, nullptr, 0);
+  EXPECT_EQ(log.count("\"onCallback c2JavaCallback:0x0 funcid:1002 data:0x0 len:0\""), 1);
+  filter.m_sink = &queue;
+  for (const auto& c : cases) {
+    const LogCapture traces;
+    filter.onCallback(0, c.funcid, 99, 9000, c.status,
+                      c.data.empty() ? nullptr : reinterpret_cast<const uint8_t*>(c.data.data()),
+                      static_cast<int32_t>(c.data.size()));
+    EXPECT_EQ(traces.count("3 [protocol.cpp,onCallback:"), c.type == 0 ? 1 : 0);
+    EXPECT_TRUE(c.type != 0 || traces.count(c.queued) == 1) << c.queued;
+  }
+  for (const auto& c : cases) {
+    if (c.type == 0) continue;
+    const auto info = queue.take();
+    EXPECT_EQ(info->type, c.type);
+    EXPECT_EQ(info->timestamp, c.type == 1 ? 9000 : 0);
+    EXPECT_EQ(info->status, c.status);
+    EXPECT_EQ(info->funcid, c.funcid);
+    EXPECT_EQ(info->code, c.type == 1 ? 0 : 7);
+    EXPECT_EQ(Bytes(reinterpret_cast<char*>(info->data.get()), info->len), c.queued);
+    EXPECT_EQ(info->data == nullptr, c.queued.empty());
+  }
+}
+
+}  // namespace

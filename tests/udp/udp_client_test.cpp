@@ -1,0 +1,140 @@
+// The engine over UDP: requests out, replies in, and that nothing of it is left behind.
+#include <sys/resource.h>
+
+#include <filesystem>
+#include <future>
+
+#include "base/log.h"
+#include "support/LogCapture.h"
+#include "support/Udp.h"
+#include "udp/UdpClient.h"
+
+namespace {
+
+/// An owner that logs replies and then keeps the engine's thread while its gate is locked.
+struct Owner : ClientProtocal {
+  void onCallback(int32_t event, int32_t funcid, int64_t word16, int64_t timestamp, int32_t status,
+                  const uint8_t* data, int32_t len) override {
+    const std::string body = data != nullptr ? std::string(data, data + len) : "null";
+    LOG_WARN("reply %d %d %d %d %d %d %s", event, funcid, int(word16), int(timestamp), status, len,
+             body.c_str());
+    const std::lock_guard<std::mutex> lock(gate);
+  }
+  std::shared_ptr<IClientEngine> engine() override { return nullptr; }
+  IC2JavaCallback* c2JavaCallback() override { return nullptr; }
+  std::mutex gate;
+};
+
+struct UdpClientTest : testing::Test {
+  std::unique_ptr<UdpClient> startClient() {
+    return startUdpClient(&owner, "127.0.0.1", ntohs(peer.address.sin_port));
+  }
+  bool logged(const std::string& line) {
+    return eventually([&] { return log.count(line) == 1; });
+  }
+  const LogCapture log;
+  Owner owner;
+  PlainPeer peer;
+};
+
+size_t entriesOf(const char* folder) {
+  return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
+}
+
+TEST_F(UdpClientTest, RequestsGoToTheServiceAndRepliesToTheOwner) {
+  const auto client = startClient();
+  ASSERT_TRUE(client != nullptr && client->isRunning());
+  const uint8_t body[] = {'h', 'i'};
+  EXPECT_EQ(client->sendReq(65536, body, 2, 42, 43), -2);
+  const int64_t sendTime = client->sendReq(1002, body, 2, 42, 43);
+  peer.receive();  // the SYN: the refused request sent nothing
+  const Bytes data = peer.receive();
+  ASSERT_EQ(data.size(), 28U + 32U + 2U);
+  EXPECT_EQ(memcmp(&data[28 + 12], &sendTime, sizeof(sendTime)), 0);
+
+  const struct {
+    size_t length;
+    uint16_t funcid;
+    const char* delivered;
+  } rows[] = {{36, 65522, "reply 0 -14 16 24 5 4 body\""},
+              {32, 1010, "reply 0 1010 16 24 5 0 \""},
+              {31, 1010, "reply 0 1010 16 24 5 -1 null\""},
+              {9, 1010, "reply 0 1010 0 0 5 -23 null\""},
+              {1, 1010, "reply 0 0 0 0 0 -31 null\""}};
+  peer.send(peer.from, datagram(4, 100000));
+  uint32_t sequence = 100000;
+  for (const auto& row : rows) {
+    const Bytes cut = reply(row.funcid, 5, "body", 24, 16).substr(0, row.length);
+    peer.send(peer.from, datagram(1, ++sequence, 0, cut.size(), cut));
+    EXPECT_TRUE(logged(row.delivered)) << row.delivered;
+  }
+  EXPECT_EQ(client->recvEvent(UDP_EVENT_CLOSE, loopback(), 1, nullptr, 0), 0);
+  EXPECT_EQ(client->recvEvent(5, loopback(), 1, nullptr, 0), -1);
+}
+
+TEST_F(UdpClientTest, EleventhRequestWaitsAndDeletionWakesIt) {
+  std::unique_lock<std::mutex> closed(owner.gate);
+  UdpClient* client = startClient().release();
+  client->sendReq(1003, nullptr, 0, 1, 1);
+  peer.receive();
+  peer.send(peer.from, datagram(4, 100000));
+  peer.send(peer.from, datagram(1, 100001, 0, 1, "x"));
+  ASSERT_TRUE(logged("reply 0"));  // its thread stands still now
+  std::atomic<int> queued{0};
+  auto caller = std::async(std::launch::async, [&] {
+    for (; queued < 11; ++queued) client->sendReq(1003, nullptr, 0, 1, 1);
+  });
+  ASSERT_TRUE(eventually([&] { return queued == 10; }));
+  EXPECT_EQ(caller.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  auto deletion = std::async(std::launch::async, [&] { delete client; });
+  EXPECT_EQ(caller.wait_for(std::chrono::seconds(20)), std::future_status::ready)
+      << "woken before the thread is joined";
+  EXPECT_EQ(deletion.wait_for(std::chrono::seconds(0)), std::future_status::timeout) << "it joins the thread";
+  closed.unlock();
+  EXPECT_EQ(deletion.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+}
+
+TEST_F(UdpClientTest, DeletionLeavesNothingBehindAndWaitsForNoRetransmission) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  constexpr int kCycles = 300;
+#else
+  constexpr int kCycles = 3000;
+#endif
+  startClient();  // a sanitizer starts a thread of its own beside the first one
+  const size_t descriptors = entriesOf("/proc/self/fd"), threads = entriesOf("/proc/self/task");
+  const auto start = std::chrono::steady_clock::now();
+  for (int cycle = 0; cycle < kCycles; ++cycle) {
+    const auto client = startClient();
+    ASSERT_TRUE(client != nullptr && (cycle % 3 != 0 || client->sendReq(1003, nullptr, 0, 1, 1) > 0));
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kCycles / 3 * 500));
+  EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
+  // A thread that was joined may be listed for an instant more.
+  EXPECT_TRUE(eventually([&] { return entriesOf("/proc/self/task") == threads; }));
+}
+
+TEST_F(UdpClientTest, FailedStartReleasesEverything) {
+  const size_t descriptors = entriesOf("/proc/self/fd");
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const int next = dup(0);
+  close(next);
+  for (rlim_t allowed = 0; allowed < 3; ++allowed) {  // the pipe needs two, the socket one
+    const rlimit limit{next + allowed, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(startClient(), nullptr) << allowed;
+  }
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(log.count("Create pipe failed"), 2);
+  EXPECT_EQ(log.count("Create socket failed fd:-1"), 1);
+  UdpClient client(nullptr);
+  EXPECT_EQ(client.createSocket(peer.address, "taken", 0), -1);
+  EXPECT_EQ(startUdpClient(&owner, "not.an.address", 9), nullptr);
+  g_threadError = EAGAIN;
+  EXPECT_EQ(startClient(), nullptr);
+  g_threadError = 0;
+  EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
+  EXPECT_NE(startClient(), nullptr);
+}
+
+}  // namespace
