@@ -10,6 +10,10 @@ int startDetachedThread(void* (*entry)(void*), void* argument) {
   return error;
 }
 
+void nameThisThread(const char* name) {
+  pthread_setname_np(pthread_self(), name);
+}
+
 void blockSigpipe() {
   sigset_t signals;
   sigemptyset(&signals);

@@ -56,6 +56,7 @@ std::string textOf(JNIEnv* env, jstring s) {
 /// Delivers reports for the life of the process. `argument` is the Callback. Attached to the VM once and
 /// never detached, so a desktop VM does not end by itself.
 void* callbackThread(void* argument) {
+  nameThisThread("tarn-callback");
   auto* const callback = static_cast<Callback*>(argument);
   JNIEnv* env = nullptr;
 #ifdef __ANDROID__

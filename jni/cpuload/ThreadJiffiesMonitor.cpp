@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/clock.h"
+#include "base/thread.h"
 #include "cpuload/cpuText.h"
 
 namespace {
@@ -87,6 +88,7 @@ void ThreadJiffiesMonitor::sleepPeriod() const {
 }
 
 void* traceCpuLoadThread(void* monitor) {
+  nameThisThread("tarn-sampler");
   auto* self = static_cast<ThreadJiffiesMonitor*>(monitor);
   while (self->running() != 0) {
     self->sample();

@@ -29,6 +29,7 @@ int LocalsocketClient::start(const std::shared_ptr<LocalsocketClient>& engine) {
 void* LocalsocketClient::localsocketClientThread(void* argument) {
   const std::unique_ptr<std::shared_ptr<LocalsocketClient>> held(
       static_cast<std::shared_ptr<LocalsocketClient>*>(argument));
+  nameThisThread("tarn-engine");
   blockSigpipe();
   (*held)->loop(false);
   (*held)->m_running.fetch_sub(1);
