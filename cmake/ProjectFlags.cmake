@@ -3,6 +3,12 @@
 add_library(tarnbooster_warnings INTERFACE)
 target_compile_options(tarnbooster_warnings INTERFACE -Wall -Wextra $<$<BOOL:${TARNBOOSTER_WERROR}>:-Werror>)
 
+if(TARNBOOSTER_BUILD_FUZZERS)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    message(FATAL_ERROR "The fuzzers need clang: -DCMAKE_CXX_COMPILER=clang++, or the preset \"fuzz\".")
+  endif()
+  set(TARNBOOSTER_SANITIZE fuzzer-no-link,address,undefined)
+endif()
 if(TARNBOOSTER_SANITIZE)
   add_compile_options(-fsanitize=${TARNBOOSTER_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   if(TARNBOOSTER_SANITIZE MATCHES undefined)
