@@ -14,6 +14,7 @@ Installs what the build and the tests need (Debian packages), then runs, in this
   tsan        ThreadSanitizer; the C++ tests
   clang       clang, warnings as errors, with the platform's libnativehelper; the C++ tests
   tidy        clang-tidy
+  fuzz        every fuzzer, for 20000 inputs
 
   --quick     only format and release
 
@@ -77,5 +78,7 @@ runTests clang
 say "clang-tidy"
 find jni shared service tools -name '*.cpp' |
   xargs -P 2 -n 4 clang-tidy -p "$BUILD/clang" --quiet 2>/dev/null || die "clang-tidy found what stands above"
+
+scripts/fuzz.sh --runs 20000
 
 say "all tests passed"

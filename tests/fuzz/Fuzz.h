@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "log.h"
+#include "base/log.h"
 
 /// Ends the process, which libFuzzer reports with the input, when `condition` does not hold.
 #define FUZZ_CHECK(condition)                                                 \

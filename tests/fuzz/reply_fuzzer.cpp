@@ -2,9 +2,9 @@
 #include <string>
 #include <vector>
 
-#include "bytes.h"
-#include "client.h"
+#include "base/bytes.h"
 #include "fuzz/Fuzz.h"
+#include "local/LocalsocketClient.h"
 
 namespace {
 
