@@ -9,8 +9,8 @@
 #include <chrono>
 
 #include "base/descriptor.h"
-#include "service/clients/Listener.h"
 #include "service/server/Lines.h"
+#include "shared/AbstractSocket.h"
 #include "shared/Text.h"
 #include "wire/Funcid.h"
 
@@ -46,7 +46,7 @@ bool Server::start(std::string& problem) {
   }
   bool watched = watch(m_wake.get(), kWakeId, EPOLLIN);
   if (!m_options.name.empty()) {
-    m_listener = listenOn(m_options.name, problem);
+    m_listener = shared::listenOn(m_options.name, problem);
     if (!m_listener) return false;
     watched = watched && watch(m_listener.get(), kListenerId, EPOLLIN);
   }

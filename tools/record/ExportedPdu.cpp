@@ -1,4 +1,4 @@
-#include "ExportedPdu.h"
+#include "tools/record/ExportedPdu.h"
 
 #include <arpa/inet.h>
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "Pcapng.h"
+#include "tools/record/Pcapng.h"
 
 namespace record {
 

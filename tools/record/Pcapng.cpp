@@ -1,9 +1,9 @@
-#include "Pcapng.h"
+#include "tools/record/Pcapng.h"
 
 #include <algorithm>
 #include <cmath>
 
-#include "bytes.h"
+#include "base/bytes.h"
 
 namespace pcapng {
 namespace {
