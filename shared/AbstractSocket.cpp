@@ -1,6 +1,5 @@
 #include "shared/AbstractSocket.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -53,13 +52,8 @@ UniqueFd connectTo(const std::string& name) {
   errno = EINVAL;
   if (name.empty() || name.size() > kMaxNameBytes) return UniqueFd();
   const AbstractAddress address(name);
-  UniqueFd socket(openSocket(AF_UNIX, SOCK_STREAM, 0));
-  // Not retried after a signal: the caller may have been told to end.
-  if (!socket || connect(socket.get(), address.get(), address.length) != 0 ||
-      fcntl(socket.get(), F_SETFL, O_NONBLOCK) != 0) {
-    return UniqueFd();
-  }
-  return socket;
+  UniqueFd socket(openSocket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+  return socket && connect(socket.get(), address.get(), address.length) == 0 ? std::move(socket) : UniqueFd();
 }
 
 }  // namespace shared

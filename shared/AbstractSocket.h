@@ -15,8 +15,8 @@ constexpr size_t kMaxNameBytes = 107;
 /// wrong and what to do about it.
 UniqueFd listenOn(const std::string& name, std::string& problem);
 
-/// A non-blocking stream socket connected to the abstract name, or none with errno set. Waits only while the
-/// listener's backlog is full.
+/// A non-blocking stream socket connected to the abstract name, or none with errno set (EAGAIN: the listener
+/// has no place for one more just now). Never waits.
 UniqueFd connectTo(const std::string& name);
 
 }  // namespace shared
