@@ -67,28 +67,32 @@ bool Server::start(std::string& problem) {
 }
 
 void Server::run() {
-  epoll_event events[64];
-  while (!m_stopped) {
-    const int count = epoll_wait(m_epoll.get(), events, std::size(events), waitMs(steadyMs()));
-    const int64_t now = steadyMs();
-    m_dispatcher.boosts().endExpired(now);
-    for (int i = 0; i < count; ++i) {
-      const uint64_t id = events[i].data.u64;
-      if (id == kListenerId) accept(now);
-      if (id == kUdpId)
-        m_udp->receive(now, [&](Client& client, const Request& r) { answer(client, r, now); });
-      if (id >= kFirstClientId) serve(id, events[i].events, now);
-    }
-    pushRepeated(now);
-    if (m_udp != nullptr) m_udp->expire(now);
-    if (m_acceptAgainAt != 0 && now >= m_acceptAgainAt) {
-      m_acceptAgainAt = 0;
-      watch(m_listener.get(), kListenerId, EPOLLIN);
-    }
-  }
+  while (!m_stopped) round(-1);
   while (!m_clients.empty()) close(m_clients.begin()->first, "the service ends");
   m_udp.reset();
   m_dispatcher.boosts().endAll("the service ends");
+}
+
+bool Server::round(int atMostMs) {
+  epoll_event events[64];
+  const int dueMs = waitMs(steadyMs());
+  const int limitMs = atMostMs < 0 || (dueMs >= 0 && dueMs < atMostMs) ? dueMs : atMostMs;
+  const int count = epoll_wait(m_epoll.get(), events, std::size(events), limitMs);
+  const int64_t now = steadyMs();
+  m_dispatcher.boosts().endExpired(now);
+  for (int i = 0; i < count; ++i) {
+    const uint64_t id = events[i].data.u64;
+    if (id == kListenerId) accept(now);
+    if (id == kUdpId) m_udp->receive(now, [&](Client& client, const Request& r) { answer(client, r, now); });
+    if (id >= kFirstClientId) serve(id, events[i].events, now);
+  }
+  pushRepeated(now);
+  if (m_udp != nullptr) m_udp->expire(now);
+  if (m_acceptAgainAt != 0 && now >= m_acceptAgainAt) {
+    m_acceptAgainAt = 0;
+    watch(m_listener.get(), kListenerId, EPOLLIN);
+  }
+  return count > 0;
 }
 
 void Server::stop() {

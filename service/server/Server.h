@@ -49,6 +49,10 @@ class Server {
   /// Serves until stop(); then undoes all boosts and closes all clients. After start().
   void run();
 
+  /// One round of run(): waits until something is to be done, at most so many milliseconds (below 0: as long
+  /// as it takes), and does it. False when nothing had happened. For who turns the loop himself.
+  bool round(int atMostMs);
+
   /// The UDP address, with the port that the system chose. After start() with UDP; any thread.
   std::string udpAddress() const { return m_udp->address(); }
 
