@@ -1,16 +1,21 @@
 package com.tarn.performance;
 
 import java.io.Closeable;
+import org.jetbrains.annotations.Blocking;
+import org.jetbrains.annotations.NotNull;
+import org.jetbrains.annotations.Nullable;
 
 /**
- * Measures how much CPU work one thread of this process does between {@link #start} and {@link #close},
+ * Measures how much CPU work one thread of this process does between {@link #start} and {@link #stop},
  * weighted by the clock frequency of the CPUs it runs on.
  *
  * <pre>{@code
- * CpuLoadTrace trace = CpuLoadTrace.start(tid, 20);
- * ...
- * trace.close();
- * double cpuSeconds = trace.secondsAt(2000000);  // as if on a CPU of 2 GHz
+ * try (CpuLoadTrace trace = CpuLoadTrace.startOrNull(tid, 100)) {
+ *     work();
+ *     if (trace != null) {
+ *         double cpuSeconds = trace.stop().secondsAt(2000000);  // as if on a CPU of 2 GHz
+ *     }
+ * }
  * }</pre>
  *
  * <p>What the measurement can and cannot tell:
@@ -34,10 +39,7 @@ public final class CpuLoadTrace implements Closeable {
 
     private final int handle;
     private final long startNanos;
-
-    // Both guarded by this.
-    private Integer khzTicks;
-    private long elapsedNanos;
+    private CpuLoad load; // guarded by this; null while the trace runs
 
     private CpuLoadTrace(int handle) {
         this.handle = handle;
@@ -47,21 +49,19 @@ public final class CpuLoadTrace implements Closeable {
     /**
      * Starts a trace with a sampling thread of its own.
      *
-     * @param tid the kernel's id of a thread of this process
+     * @param tid the kernel's id of a thread of this process, see {@link TarnBooster#currentThreadId}
      * @param periodMs sampling period, milliseconds, 0 to {@link #MAX_PERIOD_MS}. 0 samples without pause
      *     and keeps one CPU busy.
-     * @return the running trace; the caller closes it
+     * @return the running trace; the caller stops or closes it
      * @throws IllegalArgumentException if the period is negative or too long
      * @throws IllegalStateException if the library gives no handle: there is no such thread in this
      *     process, the machine shows no CPU directories or 128 of them and more, or the sampling thread
      *     cannot be made
+     * @throws LinkageError if the library cannot be loaded
      */
-    public static CpuLoadTrace start(int tid, int periodMs) {
-        if (periodMs < 0 || periodMs > MAX_PERIOD_MS) {
-            throw new IllegalArgumentException(
-                    "periodMs must be 0 to " + MAX_PERIOD_MS + ", not " + periodMs);
-        }
-        int handle = TarnBoosterJNI.startTraceCpuLoad(tid, periodMs);
+    @Blocking
+    public static @NotNull CpuLoadTrace start(int tid, int periodMs) {
+        int handle = startedHandle(tid, periodMs);
         if (handle == 0) {
             throw new IllegalStateException("thread " + tid + " cannot be traced");
         }
@@ -69,64 +69,103 @@ public final class CpuLoadTrace implements Closeable {
     }
 
     /**
-     * Ends the trace. Waits for the sampling thread, up to one period. A second call changes nothing and
-     * returns at once; one that comes while the first still waits, waits with it.
+     * Starts a trace where that is possible: with try-with-resources, {@code null} closes by itself.
+     *
+     * @param tid as for {@link #start}
+     * @param periodMs as for {@link #start}
+     * @return the running trace; null where {@link #start} would throw because of what it finds, a missing
+     *     library included
+     * @throws IllegalArgumentException if the period is negative or too long
      */
-    @Override
-    public synchronized void close() {
-        if (khzTicks == null) {
-            // Never a handle 0 or a second stop, so a -1 is a sum and no failure.
-            khzTicks = TarnBoosterJNI.stopTraceCpuLoad(handle);
-            elapsedNanos = System.nanoTime() - startNanos;
+    @Blocking
+    public static @Nullable CpuLoadTrace startOrNull(int tid, int periodMs) {
+        int handle;
+        try {
+            handle = startedHandle(tid, periodMs);
+        } catch (LinkageError noLibrary) {
+            return null;
         }
+        return handle == 0 ? null : new CpuLoadTrace(handle);
+    }
+
+    private static int startedHandle(int tid, int periodMs) {
+        if (periodMs < 0 || periodMs > MAX_PERIOD_MS) {
+            throw new IllegalArgumentException(
+                    "periodMs must be 0 to " + MAX_PERIOD_MS + ", not " + periodMs);
+        }
+        return TarnBoosterJNI.startTraceCpuLoad(tid, periodMs);
     }
 
     /**
-     * The sum over all samples of CPU frequency times CPU time, as the library counts it.
+     * Ends the trace and tells what it measured. Waits for the sampling thread, up to one period. A second
+     * call returns the same at once; one that comes while the first still waits, waits with it.
      *
-     * @return kHz·ticks, wrapped to 32 bits
-     * @throws IllegalStateException if the trace is not closed yet
+     * @return what was measured
      */
-    public synchronized int khzTicks() {
-        if (khzTicks == null) {
-            throw new IllegalStateException("close the trace first");
+    @Blocking
+    public synchronized @NotNull CpuLoad stop() {
+        if (load == null) {
+            // Never a handle 0 or a second stop, so a -1 is a sum and no failure.
+            int khzTicks = TarnBoosterJNI.stopTraceCpuLoad(handle);
+            double elapsedSeconds = (System.nanoTime() - startNanos) / 1e9;
+            load = new CpuLoad(khzTicks, TarnBoosterJNI.getTickRate(), elapsedSeconds);
         }
-        return khzTicks;
+        return load;
+    }
+
+    /** Ends the trace, as {@link #stop} does. */
+    @Override
+    @Blocking
+    public void close() {
+        stop();
+    }
+
+    /**
+     * The sum that was measured.
+     *
+     * @return see {@link CpuLoad#khzTicks}
+     * @throws IllegalStateException if the trace has not ended yet
+     */
+    public int khzTicks() {
+        return ended().khzTicks();
     }
 
     /**
      * The same sum with the ticks turned into seconds.
      *
-     * @return kHz·seconds; thousands of clock cycles, that is
-     * @throws IllegalStateException if the trace is not closed yet
+     * @return see {@link CpuLoad#khzSeconds}
+     * @throws IllegalStateException if the trace has not ended yet
      */
     public double khzSeconds() {
-        return (double) khzTicks() / TarnBoosterJNI.getTickRate();
+        return ended().khzSeconds();
     }
 
     /**
      * The CPU time in which a CPU of a given frequency does the measured work.
      *
-     * @param khz the frequency, kHz; -1 for a machine that does not tell its frequencies
+     * @param khz see {@link CpuLoad#secondsAt}
      * @return seconds
      * @throws IllegalArgumentException if {@code khz} is 0
-     * @throws IllegalStateException if the trace is not closed yet
+     * @throws IllegalStateException if the trace has not ended yet
      */
     public double secondsAt(int khz) {
-        if (khz == 0) {
-            throw new IllegalArgumentException("khz must not be 0");
-        }
-        return khzSeconds() / khz;
+        return ended().secondsAt(khz);
     }
 
     /**
-     * How long the trace took, by the clock on the wall.
+     * How long the trace took.
      *
-     * @return seconds from {@link #start} to the end of {@link #close}
-     * @throws IllegalStateException if the trace is not closed yet
+     * @return see {@link CpuLoad#elapsedSeconds}
+     * @throws IllegalStateException if the trace has not ended yet
      */
-    public synchronized double elapsedSeconds() {
-        khzTicks();
-        return elapsedNanos / 1e9;
+    public double elapsedSeconds() {
+        return ended().elapsedSeconds();
+    }
+
+    private synchronized CpuLoad ended() {
+        if (load == null) {
+            throw new IllegalStateException("stop the trace first");
+        }
+        return load;
     }
 }

@@ -59,10 +59,14 @@ public final class TarnBoosterJNI {
     /** Result of {@link #cancelCpuCoreForThread} without threads. Nothing was queued. */
     public static final int NO_THREADS = -2;
 
-    private static volatile TarnBoosterListener listener;
+    private static volatile TarnBoosterListener listener; // the two below in one; null for neither
+
+    private static final Object LISTENERS = new Object(); // guards the next two
+    private static TarnBoosterListener application;
+    private static TarnBoosterListener receiver;
 
     static {
-        System.loadLibrary("tarnbooster");
+        NativeLibrary.load();
     }
 
     private TarnBoosterJNI() {}
@@ -74,7 +78,31 @@ public final class TarnBoosterJNI {
      * @param listener the listener, replacing the one before it; null for none
      */
     public static void setListener(TarnBoosterListener listener) {
-        TarnBoosterJNI.listener = listener;
+        synchronized (LISTENERS) {
+            application = listener;
+            combineListeners();
+        }
+    }
+
+    /** Sets who hears every report before the application's listener does, and keeps its data. */
+    static void setReceiver(TarnBoosterListener receiver) {
+        synchronized (LISTENERS) {
+            TarnBoosterJNI.receiver = receiver;
+            combineListeners();
+        }
+    }
+
+    private static void combineListeners() {
+        TarnBoosterListener first = receiver;
+        TarnBoosterListener second = application;
+        if (first == null || second == null) {
+            listener = first == null ? second : first;
+            return;
+        }
+        listener = (type, timestamp, status, funcid, code, data) -> {
+            first.onData(type, timestamp, status, funcid, code, data.clone());
+            second.onData(type, timestamp, status, funcid, code, data);
+        };
     }
 
     /**
@@ -183,7 +211,7 @@ public final class TarnBoosterJNI {
      */
     public static int requestCpuCoreForThread(
             int scene, long action, int[] bindtids, int timeout, int tid, long timestamp) {
-        return native_requestCpuCoreForThread(scene, action, bindtids, timeout, tid, timestamp);
+        return native_requestCpuCoreForThread(scene, action, copyOf(bindtids), timeout, tid, timestamp);
     }
 
     /**
@@ -196,7 +224,7 @@ public final class TarnBoosterJNI {
      *     empty
      */
     public static int cancelCpuCoreForThread(int[] bindtids, int tid, long timestamp) {
-        return native_cancelCpuCoreForThread(bindtids, tid, timestamp);
+        return native_cancelCpuCoreForThread(copyOf(bindtids), tid, timestamp);
     }
 
     /**
@@ -313,7 +341,7 @@ public final class TarnBoosterJNI {
     public static int requestUnifyCpuIOThreadCore(int scene, long action, int cpulevel, int iolevel,
             int[] bindtids, int timeout, int tid, long timestamp) {
         return native_requestUnifyCpuIOThreadCore(
-                scene, action, cpulevel, iolevel, bindtids, timeout, tid, timestamp);
+                scene, action, cpulevel, iolevel, copyOf(bindtids), timeout, tid, timestamp);
     }
 
     /**
@@ -329,7 +357,8 @@ public final class TarnBoosterJNI {
      */
     public static int cancelUnifyCpuIOThreadCore(boolean cancelcpu, boolean cancelio, boolean cancelthread,
             int[] bindtids, int tid, long timestamp) {
-        return native_cancelUnifyCpuIOThreadCore(cancelcpu, cancelio, cancelthread, bindtids, tid, timestamp);
+        return native_cancelUnifyCpuIOThreadCore(
+                cancelcpu, cancelio, cancelthread, copyOf(bindtids), tid, timestamp);
     }
 
     /**
@@ -404,6 +433,11 @@ public final class TarnBoosterJNI {
      */
     public static int getTickRate() {
         return native_getTickRate();
+    }
+
+    /** The library writes back into the array that it is given, over what another thread may have written. */
+    private static int[] copyOf(int[] tids) {
+        return tids == null ? null : tids.clone();
     }
 
     private static <T> T refuseNull(T argument, String name) {
