@@ -6,7 +6,7 @@ allowedImports=$(dirname "$0")/allowed-imports.txt
 
 usage() {
   cat <<'HELP'
-usage: scripts/check-library.sh [--platform linux|android] [--imports] [--max-size BYTES] LIB
+usage: scripts/check-library.sh [--platform linux|android] [--imports] [--symbols] [--max-size BYTES] LIB
 
 Checks a built library, for x86-64 or arm64, Linux or Android, and prints one line for each property:
 
@@ -21,33 +21,41 @@ Checks a built library, for x86-64 or arm64, Linux or Android, and prints one li
   imports      no C library function that Android at API level 24 lacks (a build with the NDK is not asked: its
                linker has checked that against the NDK's own lists)
   path, tls    Android: no search path, no thread-local segment (before API 29 the loader refuses it)
-  stripped     Android: no symbol table, no debug sections
-  size         loaded bytes of the file: at most 512 KiB, or 1 MiB for Android, where the C++ runtime is inside
+  stripped     Android: no symbol table, no debug sections (--symbols: both are there, for reading crash reports)
+  build-id     there, since it tells which symbols belong to a crash
+  version      the one of this source tree, readable in the file
+  size         bytes of the file without symbols: at most 160 KiB with protobuf-lite shared, 480 KiB without
 
 --platform overrides what the library's own C library tells; --imports checks the imports of an Android
 library too, for one that was linked without the NDK. Exit status: 0 all is well, 1 a check failed,
-2 the library could not be read.
+2 the library could not be read. READELF names another readelf than the one that is found.
 HELP
 }
 
-platform='' maxSize='' library='' imports=no
+platform='' maxSize='' library='' imports=no stripped=yes
 while [ $# -gt 0 ]; do
   case $1 in
     --help) usage; exit 0 ;;
     --platform) platform=${2:?}; shift 2 ;;
     --imports) imports=yes; shift ;;
+    --symbols) stripped=no; shift ;;
     --max-size) maxSize=${2:?}; shift 2 ;;
     -*) usage >&2; exit 2 ;;
     *) library=$1; shift ;;
   esac
 done
 [ -n "$library" ] || { usage >&2; exit 2; }
-command -v readelf >/dev/null || { echo "error: readelf is needed (package binutils)" >&2; exit 2; }
-segments=$(readelf -lW "$library") && dynamic=$(readelf -dW "$library") &&
-  symbols=$(readelf --dyn-syms -W "$library") && sections=$(readelf -SW "$library") ||
+# On a machine without binutils, the NDK's.
+for readelf in ${READELF:-readelf llvm-readelf "${ANDROID_NDK_HOME:-}"/toolchains/llvm/prebuilt/*/bin/llvm-readelf} ''; do
+  [ -z "$readelf" ] || ! command -v "$readelf" >/dev/null || break
+done
+[ -n "$readelf" ] || { echo "error: readelf is needed (package binutils, or the NDK)" >&2; exit 2; }
+segments=$("$readelf" -lW "$library") && dynamic=$("$readelf" -dW "$library") &&
+  symbols=$("$readelf" --dyn-syms -W "$library") && sections=$("$readelf" -SW "$library") &&
+  notes=$("$readelf" -nW "$library") ||
   { echo "error: cannot read $library" >&2; exit 2; }
 # The tool itself is content with any file.
-grep -q 'Type is DYN\|Elf file type is DYN' <<<"$segments" ||
+grep -q 'Elf file type is DYN' <<<"$segments" ||
   { echo "error: $library is not a shared library" >&2; exit 2; }
 
 failures=0
@@ -56,7 +64,7 @@ report() {
   if [ -z "$2" ]; then
     printf '  ok    %-9s %s\n' "$1" "${3:-}"
   else
-    printf '  FAIL  %-9s %s\n' "$1" "$(head -12 <<<"$2" | tr '\n' ' ')"
+    printf '  FAIL  %-9s %s\n' "$1" "$(head -n 12 <<<"$2" | tr '\n' ' ')"
     failures=$((failures + 1))
   fi
 }
@@ -173,15 +181,39 @@ checkAndroid() {
   [ "$platform" = android ] || return 0
   report path "$(grep -oE '\((RPATH|RUNPATH)\).*' <<<"$dynamic" || true)" none
   report tls "$(segment TLS | sed 's/.*/a TLS segment/')" none
-  report stripped "$(grep -oE '\.(symtab|debug_[a-z]+)\b' <<<"$sections" | sort -u)" yes
+  local found
+  found=$(grep -oE '\.(symtab|debug_(info|line)) ' <<<"$sections" | sort -u) || true
+  if [ "$stripped" = yes ]; then
+    report stripped "$found" yes
+  elif [ "$(wc -l <<<"$found")" -eq 3 ]; then
+    report symbols '' "for reading crash reports"
+  else
+    report symbols "of a symbol table, functions and lines there is only: $found"
+  fi
 }
 
+checkIdentity() {
+  local problems='' wanted found
+  grep -qE 'Build ID: [0-9a-f]{16}' <<<"$notes" || problems='none'
+  report build-id "$problems" "$(sed -n 's/.*Build ID: *//p' <<<"$notes")"
+  wanted=$(sed -n 's/^project(tarnbooster VERSION \([0-9.]*\).*/\1/p' "$(dirname "$0")/../CMakeLists.txt")
+  found=$("$readelf" -p .note.tarnbooster "$library" 2>/dev/null | sed -n 's/^ *\[ *[0-9a-f]*\] *\([0-9][0-9.]*\)$/\1/p') || true
+  problems=''
+  [ "$found" = "$wanted" ] || problems="it is '$found', the sources are $wanted"
+  report version "$problems" "$found"
+}
+
+# What a file without symbols has: what is loaded, a comment, names of sections, a row of 64 bytes for each section.
 checkSize() {
   local size problems=''
-  [ -n "$maxSize" ] || { [ "$platform" = android ] && maxSize=1048576 || maxSize=524288; }
-  size=$(segment LOAD | awk '{ sum += $3 } END { print sum + 0 }')
-  [ "$size" -le "$maxSize" ] || problems="$size bytes are loaded, at most $maxSize are wanted"
-  report size "$problems" "$size bytes loaded of $maxSize"
+  if [ -z "$maxSize" ]; then
+    maxSize=$((480 * 1024))
+    ! grep -q '^libprotobuf-lite' <<<"$needed" || maxSize=$((160 * 1024))
+  fi
+  size=$(segment LOAD | awk '{ if ($1 + $3 > end) end = $1 + $3 } END { print end + 0 }')
+  size=$((size + 512 + 64 * $(grep -cE '\] \.[a-z.]' < <(grep -vE '\.(debug_|symtab|strtab)' <<<"$sections"))))
+  [ "$size" -le "$maxSize" ] || problems="$size bytes without symbols, at most $maxSize are wanted"
+  report size "$problems" "$size bytes without symbols, of $maxSize"
 }
 
 echo "$library ($platform)"
@@ -192,5 +224,6 @@ checkRelro
 checkDynamic
 checkImports
 checkAndroid
+checkIdentity
 checkSize
 [ "$failures" -eq 0 ] || { echo "$library: $failures checks failed" >&2; exit 1; }

@@ -35,10 +35,10 @@ installPackages() {
 }
 
 # What every build of the project needs.
-buildPackages=(g++ cmake ninja-build protobuf-compiler libprotobuf-dev android-liblog-dev
+buildPackages=(g++ lld cmake ninja-build protobuf-compiler libprotobuf-dev android-liblog-dev
   openjdk-17-jdk-headless libjetbrains-annotations-java libcli11-dev libfmt-dev)
 # What the tests need beside that.
-testPackages=(clang lld clang-format clang-tidy libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
+testPackages=(clang llvm clang-format clang-tidy libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
   junit4 proguard-cli android-libnativehelper-dev)
 
 # useJava17: points JAVA_HOME and PATH at Debian's OpenJDK 17, whatever other Java the machine has.

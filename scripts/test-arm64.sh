@@ -76,8 +76,8 @@ fi
 
 step "the library in Android's shape, as part of an application"
 build android-shape "$ROOT/cmake/application" --toolchain "$ROOT/cmake/android-shape.cmake" \
-  -DCMAKE_BUILD_TYPE=Release
-library=$BUILD/android-shape/tarnbooster/jni/libtarnbooster.so
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo
+library=$BUILD/android-shape/tarnbooster/jni/stripped/libtarnbooster.so
 "$ROOT/scripts/check-library.sh" --imports "$library"
 
 step "the Android package around it"

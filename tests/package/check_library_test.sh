@@ -15,16 +15,24 @@ void *g_jvm, *g_classUdpEngine;
 C
 printf 'void %s(void) {}\n' JNI_OnLoad register_com_tarn_performance_TarnBoosterJNI jstringToChars jintArrayToInts \
   c2Java_OnData >>good.c
+version=$(sed -n 's/^project(tarnbooster VERSION \([0-9.]*\).*/\1/p' "$(dirname "$check")/../CMakeLists.txt")
+note() {
+  echo "__attribute__((used, aligned(4), section(\".note.tarnbooster\"))) static const struct { int sizes[3]; char texts[2][12]; }" \
+    "note = {{12, 12, 1}, {\"tarnbooster\", \"$1\"}};"
+}
+cp good.c unversioned.c
+note "$version" >>good.c
 with() { { cat good.c; printf '%s\n' "$2"; } >"$1"; } # with NAME CODE: a source with one thing more
 with extra.c 'int extra;'
 with text.c '__asm__(".text\n.quad TAG\n");'
 with cancel.c 'int pthread_cancel(unsigned long); HIDDEN int end(void) { return pthread_cancel(0); }'
-with big.c 'HIDDEN char big[600000] = {1};'
+with big.c 'HIDDEN char big[491520] = {1};'
 with local.c 'static __thread int local = 1; HIDDEN int* address(void) { return &local; }'
+{ cat unversioned.c; note 0.9; } >version.c
 sed '/c2Java_OnData/d' good.c >missing.c
 sed 's/^const char\* TAG.*/void TAG(void) {}/' good.c >kind.c
 
-common='-shared -fPIC -Wl,-soname,libtarnbooster.so -Wl,-z,nodelete -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack
+common='-shared -fPIC -Wl,-soname,libtarnbooster.so -Wl,-z,nodelete -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--build-id
   -Wl,-z,max-page-size=16384 -Wl,-z,common-page-size=16384'
 linux="$cc $common" target='clang --target=aarch64-linux-android24 -nostdlib -fuse-ld=lld'
 android="$target -s $common -L$work -Wl,--no-as-needed -lc -llog"
@@ -58,6 +66,9 @@ expect binding    "${linux/-Wl,-z,now/-Wl,-z,lazy}" good.c
 expect relro      "${linux/-Wl,-z,relro/-Wl,-z,norelro}" good.c
 expect stack      "${linux/noexecstack/execstack}" good.c
 expect needed     "$linux" good.c -L. -Wl,--no-as-needed -lother
+expect build-id   "${linux/--build-id/--build-id=none}" good.c
+expect version    "$linux" version.c
+expect version    "$linux" unversioned.c
 expect pages      "${linux//page-size=16384/page-size=4096}" good.c
 
 expect ''         "$android" good.c
@@ -68,4 +79,6 @@ expect stripped   "${android/ -s / }" -g good.c
 expect relro      "${android/common-page-size=16384/common-page-size=4096}" good.c
 expect 'pages relro' "${android//page-size=16384/page-size=4096}" good.c
 
+$android -o lib.so good.c
+! "$check" --symbols lib.so >check.log 2>&1 && grep -q 'FAIL  symbols' check.log || { echo "FAILED: symbols were seen"; exit 1; }
 [ "$("$check" good.c >check.log 2>&1; echo $?)" -eq 2 ] || { echo "FAILED: a text file was read"; exit 1; }
