@@ -174,7 +174,7 @@ do
   note(d, "retransmission", "Sent again", g.SEQUENCE, NOTE)
   note(d, "duplicate", "A duplicate", g.SEQUENCE, NOTE)
   note(d, "last_send", "Sent for the last time; given up unless it is acknowledged", g.SEQUENCE, WARN)
-  note(d, "given_up", "Given up: sent six times and never acknowledged", g.SEQUENCE, ERROR)
+  note(d, "gave_up", "Given up: sent six times and never acknowledged", g.SEQUENCE, ERROR)
   note(d, "ack_unseen", "Acknowledges a packet that is not in the capture", g.SEQUENCE, NOTE)
   note(d, "ack_again", "Acknowledges a packet that was acknowledged before", g.SEQUENCE, NOTE)
   note(d, "bad_offset", "A piece that does not fit its message", g.PROTOCOL, WARN)
@@ -487,10 +487,10 @@ local function drawMessage(range, pinfo, tree, note)
 end
 
 --- Bytes that are no message.
-local function drawUnframed(range, tree, note, text)
+local function drawUnframed(range, tree, note)
   local item = tree:add(message, range)
   item:add(f.unframed, range)
-  item:add_proto_expert_info(note, text)
+  item:add_proto_expert_info(note)
   item:set_text("TarnBooster: " .. range:len() .. " bytes that belong to no message")
   return range:len() .. " bytes that belong to no message"
 end
@@ -740,7 +740,7 @@ local function drawDatagramLinks(item, pinfo, d, note)
   end
   if note.send < UDP_SENDS or packet.ackIn then return end
   -- Whether an acknowledgement still comes is known only when the capture was read once.
-  item:add_proto_expert_info(pinfo.visited and e.given_up or e.last_send)
+  item:add_proto_expert_info(pinfo.visited and e.gave_up or e.last_send)
   if pinfo.visited then item:add(u.givenUp, true):set_generated() end
 end
 

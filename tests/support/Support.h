@@ -93,6 +93,8 @@ class Connection {
     }
     return true;
   }
+  /// Closes the sending half.
+  void finish() { shutdown(m_connection, SHUT_WR); }
   void hangUp() {
     if (m_connection >= 0) close(m_connection);
     m_connection = -1;
