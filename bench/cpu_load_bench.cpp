@@ -100,5 +100,3 @@ BENCHMARK_CAPTURE(bareReads, lseek_read, seekAndRead);
 BENCHMARK_CAPTURE(bareReads, pread, readAtStart);
 
 }  // namespace
-
-BENCHMARK_MAIN();

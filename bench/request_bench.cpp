@@ -1,94 +1,17 @@
-// A request, as its caller and as its service see it, beside the bare send of the same bytes.
-//
-// Never more requests are under way than the send queue has places: a socket that is full is looked at again
-// only after a second, which would be all that a stream of requests without answers showed.
+// Requests through the natives to a service in another process, beside the skeleton of the same system calls.
 #include <benchmark/benchmark.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include <semaphore.h>
+#include <sys/resource.h>
+#include <time.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstddef>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <thread>
+#include <vector>
 
-#include "client/client.h"
-#include "client/protocol.h"
-#include "wire/Funcid.h"
-#include "wire/header.h"
-#include "wire/protos/amc.pb.h"
+#include "support/Natives.h"
+#include "support/Rows.h"
+#include "support/Skeleton.h"
 
 namespace {
-
-/// A service that reads and forgets, on an abstract name; its threads end with the process.
-class Sink {
- public:
-  Sink() : m_name("tarn-bench-" + std::to_string(getpid())) {
-    m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (bind(m_listener, address(), length()) != 0 || listen(m_listener, 8) != 0) abort();
-    std::thread([this] {
-      for (int fd = 0; (fd = accept(m_listener, nullptr, nullptr)) >= 0;) {
-        std::thread([this, fd] {
-          char bytes[65536];
-          for (ssize_t count = 0; (count = recv(fd, bytes, sizeof(bytes), 0)) > 0;) {
-            m_received += static_cast<size_t>(count);
-          }
-          close(fd);
-        }).detach();
-      }
-    }).detach();
-  }
-  const std::string& name() const { return m_name; }
-  /// Bytes that have arrived over all connections.
-  size_t received() const { return m_received; }
-  void await(size_t bytes) const {
-    while (m_received < bytes) std::this_thread::yield();
-  }
-  int connected() {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (connect(fd, address(), length()) != 0) abort();
-    return fd;
-  }
-
- private:
-  const sockaddr* address() {
-    m_address.sun_family = AF_UNIX;
-    memcpy(m_address.sun_path + 1, m_name.data(), m_name.size());
-    return reinterpret_cast<const sockaddr*>(&m_address);
-  }
-  socklen_t length() const {
-    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + m_name.size());
-  }
-
-  const std::string m_name;
-  sockaddr_un m_address{};
-  int m_listener = -1;
-  std::atomic<size_t> m_received{0};
-};
-
-Sink& sink() {
-  static auto& instance = *new Sink;
-  return instance;
-}
-
-std::string packed() {
-  amc::RequestCPUHighFreq message;
-  message.set_scene(3);
-  message.set_level(2);
-  message.set_timeoutms(1000);
-  message.set_action(5);
-  const std::string body = message.SerializeAsString();
-  uint8_t* packet = nullptr;
-  uint32_t length = 0;
-  genReqPack(FUNCID_REQUEST_CPU_HIGH_FREQ, reinterpret_cast<const uint8_t*>(body.data()),
-             static_cast<int32_t>(body.size()), &packet, &length, 1, 1);
-  const std::string bytes(reinterpret_cast<char*>(packet), length);
-  delete[] packet;
-  return bytes;
-}
 
 using Clock = std::chrono::steady_clock;
 
@@ -96,48 +19,142 @@ double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-constexpr int kBurst = 5;  // places in the send queue
+/// The library, connected once for all benchmarks.
+struct Library {
+  explicit Library(Skeleton::Arrived arrived = nullptr) {
+    static const bool connected = (natives().init(peer().name()), true);
+    static_cast<void>(connected);
+    natives().onData([](const jbyte*, int) {
+      if (s_arrived != nullptr) s_arrived();
+    });
+    s_arrived = arrived;
+  }
+  void request() { benchmark::DoNotOptimize(natives().request()); }
+  inline static Skeleton::Arrived s_arrived = nullptr;
+};
 
-/// Times one action: what the caller waits (delivered false), or until its bytes have reached the service.
-template <class Action>
-void measure(benchmark::State& state, bool delivered, Action act) {
-  const size_t bytes = packed().size();
-  const int burst = delivered ? 1 : kBurst;
+/// What the process has used: seconds of processor time, and context switches.
+struct Usage {
+  double seconds, switches;
+  Usage() {
+    rusage used{};
+    getrusage(RUSAGE_SELF, &used);
+    const auto in = [](const timeval& time) {
+      return static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
+    };
+    seconds = in(used.ru_utime) + in(used.ru_stime);
+    switches = static_cast<double>(used.ru_nvcsw + used.ru_nivcsw);
+  }
+};
+
+/// Requests as fast as the producers get them in, until the last has arrived at the service.
+template <class Way>
+void stream(benchmark::State& state) {
+  constexpr int kRequests = 60000;
+  const auto producers = static_cast<int>(state.range(0));
+  Way way;
   for (auto _ : state) {
-    const size_t before = sink().received();
+    const uint64_t before = peer().received();
+    const Usage used;
     const Clock::time_point start = Clock::now();
-    for (int i = 0; i < burst; ++i) act();
-    if (delivered) sink().await(before + bytes);
-    state.SetIterationTime(secondsSince(start) / burst);
-    sink().await(before + bytes * static_cast<size_t>(burst));
+    std::vector<std::thread> threads;
+    for (int p = 0; p < producers; ++p) {
+      threads.emplace_back([&] {
+        for (int i = 0; i < kRequests / producers; ++i) way.request();
+      });
+    }
+    for (auto& thread : threads) thread.join();
+    const double seconds = secondsSince(start);
+    const Usage now;
+    peer().await(before + kRequests * kRequestBytes);
+    state.counters["per_s"] = kRequests / seconds;
+    state.counters["cpu_us"] = (now.seconds - used.seconds) / kRequests * 1e6;
+    state.counters["switches"] = (now.switches - used.switches) / kRequests;
   }
 }
+BENCHMARK_TEMPLATE(stream, Library)
+    ->Name("stream")
+    ->Arg(1)
+    ->Arg(2)
+    ->Arg(4)
+    ->Arg(8)
+    ->Iterations(1)
+    ->UseRealTime();
+BENCHMARK_TEMPLATE(stream, Skeleton)
+    ->Name("stream_floor")
+    ->Arg(1)
+    ->Arg(2)
+    ->Arg(4)
+    ->Arg(8)
+    ->Iterations(1)
+    ->UseRealTime();
 
-/// The floor: the calling thread puts the bytes into the socket itself.
-void bareSend(benchmark::State& state, bool delivered) {
-  const std::string bytes = packed();
-  const int fd = sink().connected();
-  measure(state, delivered, [&] { benchmark::DoNotOptimize(send(fd, bytes.data(), bytes.size(), 0)); });
-  close(fd);
+/// One request every 100 µs: how long its caller is kept.
+template <class Way>
+void paced(benchmark::State& state) {
+  constexpr int kRequests = 5000;
+  prctl(PR_SET_TIMERSLACK, 1);
+  Way way;
+  std::vector<double> kept;
+  for (auto _ : state) {
+    timespec next{};
+    clock_gettime(CLOCK_MONOTONIC, &next);
+    for (int i = 0; i < kRequests; ++i) {
+      next.tv_nsec += 100000;
+      if (next.tv_nsec >= 1000000000) next.tv_sec += 1, next.tv_nsec -= 1000000000;
+      clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
+      const Clock::time_point start = Clock::now();
+      way.request();
+      kept.push_back(secondsSince(start) * 1e6);
+    }
+  }
+  std::sort(kept.begin(), kept.end());
+  state.counters["p50_us"] = kept[kept.size() / 2];
+  state.counters["p99_us"] = kept[kept.size() * 99 / 100];
 }
-BENCHMARK_CAPTURE(bareSend, caller, false)->UseManualTime();
-BENCHMARK_CAPTURE(bareSend, delivered, true)->UseManualTime();
+BENCHMARK_TEMPLATE(paced, Library)->Name("paced")->Iterations(1)->UseRealTime();
+BENCHMARK_TEMPLATE(paced, Skeleton)->Name("paced_floor")->Iterations(1)->UseRealTime();
 
-/// The library's own: engine look-ups, message, packet, queue, and for `delivered` the engine thread's send.
-void request(benchmark::State& state, bool delivered) {
-  g_client.init(sink().name(), 0, "bench", nullptr);
-  if (!g_client.isRunning()) state.SkipWithError("no engine");
-  measure(state, delivered, [] { benchmark::DoNotOptimize(requestCpuHighFreq(3, 5, 2, 1000, 1, 1)); });
-}
-BENCHMARK_CAPTURE(request, caller, false)->UseManualTime();
-BENCHMARK_CAPTURE(request, delivered, true)->UseManualTime();
+sem_t g_arrived;
 
-/// Of this, the message and the packet alone.
-void buildPacket(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(packed());
+/// From the call of the native until its reply is with the receiver on the second thread.
+template <class Way>
+void roundTrip(benchmark::State& state) {
+  constexpr int kRequests = 10000;
+  sem_init(&g_arrived, 0, 0);
+  peer().answer(true);
+  {
+    Way way([] { sem_post(&g_arrived); });
+    std::vector<double> taken;
+    for (auto _ : state) {
+      for (int i = 0; i < kRequests; ++i) {
+        const Clock::time_point start = Clock::now();
+        way.request();
+        sem_wait(&g_arrived);
+        taken.push_back(secondsSince(start) * 1e6);
+      }
+    }
+    std::sort(taken.begin(), taken.end());
+    state.counters["p50_us"] = taken[taken.size() / 2];
+  }
+  peer().answer(false);
 }
-BENCHMARK(buildPacket);
+BENCHMARK_TEMPLATE(roundTrip, Library)->Name("round_trip")->Iterations(1)->UseRealTime();
+BENCHMARK_TEMPLATE(roundTrip, Skeleton)->Name("round_trip_floor")->Iterations(1)->UseRealTime();
+
+const std::string kThroughput = "throughput against producers";
+const Row kRows[] = {
+    {"requests, one producer", "1/s", "stream/1", "stream_floor/1", "per_s", atLeast(1.0), kThroughput, 1},
+    {"requests, two producers", "1/s", "stream/2", "stream_floor/2", "per_s", {}, kThroughput, 2},
+    {"requests, four producers", "1/s", "stream/4", "stream_floor/4", "per_s", atLeast(1.0), kThroughput, 4},
+    {"requests, eight producers", "1/s", "stream/8", "stream_floor/8", "per_s", {}, kThroughput, 8},
+    {"processor time per request, one producer", "us", "stream/1", "stream_floor/1", "cpu_us", atMost(1.0)},
+    {"processor time per request, four producers", "us", "stream/4", "stream_floor/4", "cpu_us", atMost(1.0)},
+    {"context switches per request, one producer", "", "stream/1", "stream_floor/1", "switches"},
+    {"context switches per request, four producers", "", "stream/4", "stream_floor/4", "switches"},
+    {"time in the call at 10,000 a second, p50", "us", "paced", "paced_floor", "p50_us", atMost(1.15)},
+    {"time in the call at 10,000 a second, p99", "us", "paced", "paced_floor", "p99_us", atMost(1.15)},
+    {"round trip, p50", "us", "round_trip", "round_trip_floor", "p50_us", atMost(1.15)},
+};
 
 }  // namespace
-
-BENCHMARK_MAIN();

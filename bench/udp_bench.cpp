@@ -99,5 +99,3 @@ void bareSystemCalls(benchmark::State& state) {
 BENCHMARK(bareSystemCalls)->Arg(100)->Arg(1000)->Arg(10000)->Arg(100000)->UseRealTime();
 
 }  // namespace
-
-BENCHMARK_MAIN();
