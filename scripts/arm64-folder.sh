@@ -21,7 +21,7 @@ fi
 release=bookworm
 folder=${TARNBOOSTER_ARM64_FOLDER:-$CACHE/arm64-$release}
 packages=(libc6-dev libgcc-12-dev libstdc++-12-dev libprotobuf-dev android-liblog-dev libgtest-dev libgmock-dev
-  libcli11-dev libfmt-dev openjdk-17-jre-headless junit4 android-libnativehelper-dev)
+  libcli11-dev libfmt-dev nlohmann-json3-dev openjdk-17-jre-headless junit4 android-libnativehelper-dev)
 
 # The virtual machine's package has no jni.h, and the development package is large; the header and its Linux
 # companion are the same on every architecture, so the building machine's are taken.

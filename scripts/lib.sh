@@ -36,7 +36,7 @@ installPackages() {
 
 # What every build of the project needs.
 buildPackages=(g++ lld cmake ninja-build protobuf-compiler libprotobuf-dev android-liblog-dev
-  openjdk-17-jdk-headless libjetbrains-annotations-java libcli11-dev libfmt-dev)
+  openjdk-17-jdk-headless libjetbrains-annotations-java libcli11-dev libfmt-dev nlohmann-json3-dev)
 # What the tests need beside that.
 testPackages=(clang llvm clang-format clang-tidy libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
   junit4 proguard-cli android-libnativehelper-dev tshark)

@@ -77,7 +77,8 @@ TEST_F(ToolAndService, EverySubcommandReachesTheServiceWithItsArguments) {
       const int status = udp ? c.udpStatus : c.socketStatus;
       const Outcome run = patiently((udp ? m_byUdp : m_bySocket) + "--tid 99 --timestamp 123 " + c.arguments);
       EXPECT_EQ(run.exitCode, status == 0 ? 0 : 1) << run.output;
-      EXPECT_THAT(run.output, HasSubstr(" status " + std::to_string(status) + " timestamp 123"));
+      EXPECT_THAT(run.output,
+                  AllOf(HasSubstr(" status " + std::to_string(status) + " ("), HasSubstr(") timestamp 123")));
       const auto lines = m_running.linesWith(c.line);
       ASSERT_GE(lines.size(), udp ? 2u : 1u) << c.arguments;  // a stalled UDP client sends twice
       EXPECT_THAT(lines.back(), AllOf(HasSubstr(udp ? " udp=127.0.0.1:" : " pid="), HasSubstr(" tid=99")));
@@ -93,14 +94,30 @@ TEST_F(ToolAndService, ExitCodesTellScriptsWhatHappened) {
     const char* says;
   } cases[] = {
       {m_bySocket + "request-cpu-high-freq --help", 0, "--timeoutms"},
-      {kTool + "check-permission", 2, "--socket"},
+      {kTool + "--socket demo", 2, "no subcommand is given"},
       {m_bySocket + "--udp 127.0.0.1:1 check-permission", 2, "--udp"},
       {kTool + "--udp 127.0.0.1 check-permission", 2, "no IPv4 address and port"},
+      {kTool + "--udp 127.0.0.1:0x10 check-permission", 2, "no IPv4 address and port"},
+      {kTool + "--socket '' check-permission", 2, "the name is empty"},
+      {kTool + "--socket @" + m_running.name() + "n check-permission", 2, "108 bytes, at most 107"},
+      {m_bySocket + "chek-permission", 2, "did you mean check-permission?"},
       {m_bySocket + "request-cpu-high-freq --timeoutms 5", 2, "--level"},
+      {m_bySocket + "request-cpu-high-freq --level 1 --timeoutms 010", 2, "no decimal number"},
+      {m_bySocket + "cancel-cpu-core-for-thread --bindtids ''", 2, "the list is empty"},
+      {m_bySocket + "cancel-cpu-core-for-thread --bindtids 1,,2", 2, "neither a decimal thread id"},
+      {m_bySocket + "register-boot-preload-resource --files-from /tmp", 2, "Is a directory"},
       {m_bySocket + "--wait 0 check-permission", 2, "--wait"},
+      {m_bySocket + "check-permission >/dev/full", 7, "cannot write the output"},
+      {kTool + "--help >/dev/full", 7, ""},
+      {kTool + "--version", 0, "tarnbooster 1."},
+      {"TARNBOOSTER_SOCKET=@" + m_running.name() + " " + kTool + "check-permission", 0, "status 0 (done)"},
+      {m_bySocket + "--repeat 500 --summary check-permission", 0, "500 answered"},
+      {m_bySocket + "--repeat 3 --interval 1 --summary --json check-permission", 0,
+       R"("sent":3,"answered":3,)"},
+      {m_bySocket + "--json terminate-app", 1, R"("status":5,"words":"no right",)"},
       {kTool + "--socket " + uniqueName() + " check-permission", 3, "is it running?"},
-      {kTool + "--socket " + mute.name() + " check-permission", 4, "no answer"},
-      {kTool + "--udp 127.0.0.1:9 --repeat 30 check-permission", 4, "takes no more requests"},
+      {kTool + "--socket " + mute.name() + " --answer-within 50 check-permission", 4, "no answer"},
+      {kTool + "--udp 127.0.0.1:9 --repeat 30 check-permission", 4, "does not acknowledge"},
       {kService + "--help", 0, "--push-on-register"},
       {kService, 2, "nowhere to listen"},
       {kService + "--name x --status 1002", 2, "a '=' is missing"},
@@ -122,6 +139,47 @@ TEST_F(ToolAndService, ExitCodesTellScriptsWhatHappened) {
     EXPECT_EQ(run.exitCode, c.exitCode) << c.command << "\n" << run.output;
     EXPECT_THAT(run.output, HasSubstr(c.says)) << c.command;
   }
+}
+
+TEST(Tool, NoticesAtOnceWhatBecomesOfTheConnection) {
+  const struct {
+    const char* arguments;
+    Bytes answer;  // before the service closes
+    int exitCode;
+    const char* says;
+  } cases[] = {
+      {"--answer-within 3600000", "", 5, "has closed the connection"},
+      {"--wait 3600000", reply(1001, 0, "", 7), 5, "reply 1001 status 0"},
+      {"--wait 3600000", "garbage instead of a reply's header", 6, "starts with \"garb\""},
+      {"", reply(1010, 0, "x") + reply(1010, 0, "y") + reply(1001, 5, "", 7), 1, "directly after a body"},
+  };
+  for (const auto& c : cases) {
+    FakeService service(uniqueName());
+    std::thread serving([&] {
+      service.accept();
+      service.readRequest();
+      service.write(c.answer);
+      service.stop();
+    });
+    const Outcome run =
+        shell(kTool + "--socket " + service.name() + " --timestamp 7 " + c.arguments + " check-permission");
+    EXPECT_EQ(run.exitCode, c.exitCode) << run.output;
+    EXPECT_THAT(run.output, HasSubstr(c.says));
+    serving.join();
+  }
+}
+
+TEST_F(ToolAndService, MakesLinesOfInputRequestsOfOneConnection) {
+  const Outcome run = shell(
+      "{ echo '# a comment'; echo; echo request-screen-resolution --level 1 --uiName \"'a b'\";"
+      " echo chek-permission; echo --tid 5 register-anr-callback; } | " +
+      m_bySocket + "-");
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_THAT(run.output,
+              AllOf(HasSubstr("line 4: there is no subcommand"), HasSubstr("reply 1010 status 0")));
+  EXPECT_EQ(m_running.linesWith("uiName=\"a b\"").size(), 1u);
+  EXPECT_EQ(m_running.linesWith("tid=5").size(), 1u);
+  EXPECT_EQ(m_running.linesWith("connected pid").size(), 1u);
 }
 
 TEST_F(ToolAndService, ManyRequestsAndLongOnesAreAllAnswered) {

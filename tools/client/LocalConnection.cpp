@@ -3,32 +3,18 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
-#include <cstring>
 
 #include "base/descriptor.h"
+#include "shared/AbstractSocket.h"
 #include "shared/Text.h"
 
 namespace client {
 namespace {
 
 constexpr int64_t kConnectMs = 2000;
-
-/// connect() that waits at most kConnectMs for a place in the listener's queue. 0, or an errno value.
-int connectInTime(int fd, const sockaddr_un& address, socklen_t length) {
-  const int64_t end = steadyMs() + kConnectMs;
-  while (connect(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0) {
-    if (errno == EINTR) continue;
-    // A full queue of a listener tells nobody when it has a place again.
-    if (errno != EAGAIN || steadyMs() >= end) return errno;
-    poll(nullptr, 0, 5);
-  }
-  return 0;
-}
 
 std::string connectProblem(const std::string& name, int error) {
   const std::string shown = shared::printable(name);
@@ -40,14 +26,12 @@ std::string connectProblem(const std::string& name, int error) {
 }  // namespace
 
 std::unique_ptr<LocalConnection> LocalConnection::open(const std::string& name, std::string& problem) {
-  sockaddr_un address{};
-  static_assert(sizeof(address.sun_path) - 1 == kMaxNameBytes, "one byte marks the abstract namespace");
-  address.sun_family = AF_UNIX;
-  memcpy(address.sun_path + 1, name.data(), std::min(name.size(), kMaxNameBytes));
-  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-  shared::UniqueFd fd(openSocket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
-  const int error = !fd ? errno : connectInTime(fd.get(), address, length);
-  if (error == 0) return std::unique_ptr<LocalConnection>(new LocalConnection(std::move(fd)));
+  const int64_t end = steadyMs() + kConnectMs;
+  shared::UniqueFd fd;
+  // A full queue of a listener tells nobody when it has a place again.
+  while (!(fd = shared::connectTo(name)) && errno == EAGAIN && steadyMs() < end) poll(nullptr, 0, 5);
+  const int error = errno;
+  if (fd) return std::unique_ptr<LocalConnection>(new LocalConnection(std::move(fd)));
   problem = connectProblem(name, error);
   return nullptr;
 }

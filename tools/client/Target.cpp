@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "shared/AbstractSocket.h"
 #include "shared/Address.h"
 #include "shared/Text.h"
 #include "udp/udp_packet.h"
@@ -15,8 +16,8 @@ std::string Target::text() const {
 std::string parseName(const std::string& text, Target& target) {
   target.name = text.substr(!text.empty() && text[0] == '@' ? 1 : 0);
   if (target.name.empty()) return "the name is empty: say which service, as in --socket tarnbooster";
-  if (target.name.size() <= kMaxNameBytes) return "";
-  return fmt::format("the name has {} bytes, at most {} fit", target.name.size(), kMaxNameBytes);
+  if (target.name.size() <= shared::kMaxNameBytes) return "";
+  return fmt::format("the name has {} bytes, at most {} fit", target.name.size(), shared::kMaxNameBytes);
 }
 
 std::string parseUdp(const std::string& text, Target& target) {

@@ -7,9 +7,6 @@
 
 namespace client {
 
-/// The longest abstract socket name, in bytes; one more byte of the address marks the namespace.
-constexpr size_t kMaxNameBytes = 107;
-
 /// A service's place: an abstract socket name, or an IPv4 address and port.
 struct Target {
   std::string name;   // without an '@' in front; empty over UDP

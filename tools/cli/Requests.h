@@ -1,12 +1,15 @@
 // The fourteen requests as subcommands: one table, from which the options, the help and the messages come.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-namespace tool {
+namespace CLI {
+class App;
+}
+
+namespace cli {
 
 /// What the options of the subcommands say. Named after the natives' arguments.
 struct Arguments {
@@ -25,10 +28,11 @@ struct Arguments {
   std::vector<std::string> files;
   int32_t pid = 0;
   int32_t uid = 0;
+  bool inputIsTaken = false;  // standard input is read for something else: no --files-from -
 };
 
-/// One subcommand.
-struct Command {
+/// One request, as a subcommand.
+struct Request {
   const char* name;  // the request's name in kebab case
   uint16_t funcid;
   const char* about;
@@ -37,6 +41,12 @@ struct Command {
 };
 
 /// All fourteen, in the order of their function identifiers.
-const std::vector<Command>& commands();
+const std::vector<Request>& requests();
 
-}  // namespace tool
+/// The subcommand of a function identifier; "unknown" outside the set.
+const char* requestName(uint16_t funcid);
+
+/// Adds a request's subcommand to an app, with options that fill `arguments` in.
+CLI::App& addRequest(CLI::App& app, const Request& request, Arguments& arguments);
+
+}  // namespace cli

@@ -1,42 +1,54 @@
-#include "Commands.h"
+#include "tools/cli/Requests.h"
 
-#include <fstream>
-#include <iostream>
+#include <CLI/CLI.hpp>
 
+#include "tools/cli/Values.h"
 #include "wire/Funcid.h"
 #include "wire/protos/amc.pb.h"
 
-namespace tool {
+namespace cli {
 namespace {
 
 // ---- Options, one function each -------------------------------------------------------------------------
 
+template <class Number>
+CLI::Option* number(CLI::App& app, const char* name, Number& value, const char* about) {
+  return app.add_option(name, value, about)->check(decimal<Number>())->type_name("NUMBER");
+}
+
 void scene(CLI::App& app, Arguments& a) {
-  app.add_option("--scene", a.scene, "Scene code, the service's business")->capture_default_str();
+  number(app, "--scene", a.scene, "Scene code, the service's business")->capture_default_str();
 }
 void action(CLI::App& app, Arguments& a) {
-  app.add_option("--action", a.action, "Action code (64 bits), the service's business")
-      ->capture_default_str();
+  number(app, "--action", a.action, "Action code (64 bits), the service's business")->capture_default_str();
 }
 void level(CLI::App& app, Arguments& a) {
-  app.add_option("--level", a.level, "Level; the reference service takes 1 to 3")->required();
+  number(app, "--level", a.level, "Level; the reference service takes 1 to 3")->required();
 }
 void timeoutms(CLI::App& app, Arguments& a) {
-  app.add_option("--timeoutms", a.timeoutms, "How long the boost lasts, in milliseconds")->required();
+  number(app, "--timeoutms", a.timeoutms, "How long the boost lasts, in milliseconds")->required();
 }
 void timeout(CLI::App& app, Arguments& a) {
-  app.add_option("--timeout", a.timeout, "How long the boost lasts; milliseconds for the reference service")
+  number(app, "--timeout", a.timeout, "How long the boost lasts; milliseconds for the reference service")
       ->required();
 }
 void cpulevel(CLI::App& app, Arguments& a) {
-  app.add_option("--cpulevel", a.cpulevel, "Level of the CPU part, 0 for none")->capture_default_str();
+  number(app, "--cpulevel", a.cpulevel, "Level of the CPU part, 0 for none")->capture_default_str();
 }
 void iolevel(CLI::App& app, Arguments& a) {
-  app.add_option("--iolevel", a.iolevel, "Level of the I/O part, 0 for none")->capture_default_str();
+  number(app, "--iolevel", a.iolevel, "Level of the I/O part, 0 for none")->capture_default_str();
 }
 void bindtids(CLI::App& app, Arguments& a) {
-  app.add_option("--bindtids", a.bindtids, "Thread ids, as in 101,102; none is an empty list")
-      ->delimiter(',')
+  app.add_option_function<std::vector<std::string>>(
+         "--bindtids",
+         [&a](const std::vector<std::string>& lists) {
+           for (const std::string& list : lists) {
+             const std::string problem = parseTids(list, a.bindtids);
+             if (!problem.empty()) throw CLI::ValidationError("--bindtids", problem);
+           }
+         },
+         "Thread ids, as in 101,102,self (self: this program); repeat it for more, leave it out for none")
+      ->type_name("TID,...")
       ->allow_extra_args(false);
 }
 void cancelcpu(CLI::App& app, Arguments& a) {
@@ -52,26 +64,23 @@ void uiName(CLI::App& app, Arguments& a) {
   app.add_option("--uiName,--ui-name", a.uiName, "Name of the user interface; may be empty");
 }
 void pid(CLI::App& app, Arguments& a) {
-  app.add_option("--pid", a.pid, "Accepted as the native does, and never sent: the service asks the socket");
+  number(app, "--pid", a.pid, "Accepted as the native does, and never sent: the service asks the socket");
 }
 void uid(CLI::App& app, Arguments& a) {
-  app.add_option("--uid", a.uid, "The same");
-}
-
-void readNames(std::istream& lines, std::vector<std::string>& names) {
-  for (std::string line; std::getline(lines, line);) names.push_back(line);
+  number(app, "--uid", a.uid, "The same");
 }
 
 void files(CLI::App& app, Arguments& a) {
   app.add_option("--file", a.files, "A file to preload, an absolute path; repeat it for more")
+      ->type_name("PATH")
       ->allow_extra_args(false);
   app.add_option_function<std::string>(
          "--files-from",
          [&a](const std::string& path) {
-           if (path == "-") return readNames(std::cin, a.files);
-           std::ifstream lines(path);
-           if (!lines) throw CLI::ValidationError("--files-from", "cannot read " + path);
-           readNames(lines, a.files);
+           const std::string problem = path == "-" && a.inputIsTaken
+                                           ? "standard input is being read for requests"
+                                           : readLines(path, a.files);
+           if (!problem.empty()) throw CLI::ValidationError("--files-from", problem);
          },
          "More of them, one per line of this file (- for standard input)")
       ->type_name("PATH");
@@ -144,8 +153,8 @@ std::string cancelUnifyMessage(const Arguments& a) {
 
 }  // namespace
 
-const std::vector<Command>& commands() {
-  static const std::vector<Command> all = {
+const std::vector<Request>& requests() {
+  static const std::vector<Request> all = {
       {"check-permission", FUNCID_CHECK_PERMISSION, "Asks whether requests are allowed", {pid, uid}, nothing},
       {"request-cpu-high-freq",
        FUNCID_REQUEST_CPU_HIGH_FREQ,
@@ -204,4 +213,17 @@ const std::vector<Command>& commands() {
   return all;
 }
 
-}  // namespace tool
+const char* requestName(uint16_t funcid) {
+  for (const Request& request : requests()) {
+    if (request.funcid == funcid) return request.name;
+  }
+  return "unknown";
+}
+
+CLI::App& addRequest(CLI::App& app, const Request& request, Arguments& arguments) {
+  CLI::App& added = *app.add_subcommand(request.name, request.about)->fallthrough()->group("Requests");
+  for (const auto addOption : request.options) addOption(added, arguments);
+  return added;
+}
+
+}  // namespace cli

@@ -1,0 +1,89 @@
+#include "tools/cli/Values.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iostream>
+#include <numeric>
+
+#include "shared/Text.h"
+
+namespace cli {
+namespace {
+
+bool isDecimal(const std::string& text, int64_t least, int64_t most, int64_t& number) {
+  const size_t first = !text.empty() && text[0] == '-' ? 1 : 0;
+  const bool leadingZero = text.size() > 1 && text[first] == '0';  // to some it means octal
+  return !leadingZero && shared::parseNumber(text, least, most, number);
+}
+
+/// Insertions, deletions, replacements and swaps of neighbours that lead from one to the other.
+size_t distance(const std::string& a, const std::string& b) {
+  std::vector<std::vector<size_t>> cost(a.size() + 1, std::vector<size_t>(b.size() + 1));
+  for (size_t i = 0; i <= a.size(); ++i) {
+    for (size_t j = 0; j <= b.size(); ++j) {
+      if (i == 0 || j == 0) {
+        cost[i][j] = i + j;
+        continue;
+      }
+      cost[i][j] = std::min({cost[i - 1][j] + 1, cost[i][j - 1] + 1,
+                             cost[i - 1][j - 1] + static_cast<size_t>(a[i - 1] != b[j - 1])});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+        cost[i][j] = std::min(cost[i][j], cost[i - 2][j - 2] + 1);
+      }
+    }
+  }
+  return cost[a.size()][b.size()];
+}
+
+}  // namespace
+
+CLI::Validator decimal(int64_t least, int64_t most) {
+  return CLI::Validator(
+      [=](std::string& text) {
+        int64_t number = 0;
+        if (isDecimal(text, least, most, number)) return std::string();
+        return fmt::format("\"{}\" is no decimal number from {} to {}", shared::printable(text), least, most);
+      },
+      "");
+}
+
+std::string parseTids(const std::string& list, std::vector<int32_t>& tids) {
+  if (list.empty()) return "the list is empty: leave the option out for no threads";
+  for (size_t start = 0; start <= list.size();) {
+    const size_t end = std::min(list.find(',', start), list.size());
+    const std::string item = list.substr(start, end - start);
+    int64_t tid = gettid();
+    if (item != "self" && !isDecimal(item, INT32_MIN, INT32_MAX, tid)) {
+      return fmt::format("\"{}\" in \"{}\" is neither a decimal thread id nor \"self\"",
+                         shared::printable(item), shared::printable(list));
+    }
+    tids.push_back(static_cast<int32_t>(tid));
+    start = end + 1;
+  }
+  return "";
+}
+
+std::string readLines(const std::string& path, std::vector<std::string>& lines) {
+  std::ifstream file;
+  if (path != "-") file.open(path);
+  std::istream& in = path == "-" ? std::cin : file;
+  if (in) {
+    errno = 0;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    if (!in.bad()) return "";
+  }
+  return fmt::format("cannot read {}: {}", path == "-" ? "standard input" : shared::printable(path),
+                     shared::errorText(errno));
+}
+
+std::string nearest(const std::string& text, const std::vector<std::string>& names) {
+  const auto found = std::min_element(names.begin(), names.end(), [&](const auto& a, const auto& b) {
+    return distance(text, a) < distance(text, b);
+  });
+  return found != names.end() && distance(text, *found) <= 1 + text.size() / 4 ? *found : "";
+}
+
+}  // namespace cli
