@@ -12,6 +12,7 @@ Installs what the build and the tests need (Debian packages), then runs, in this
               checks of the library file included
   asan        AddressSanitizer and UndefinedBehaviorSanitizer; the C++ tests
   tsan        ThreadSanitizer; the C++ tests
+  soak        the library in a virtual machine for a minute, and for another under ThreadSanitizer
   clang       clang, warnings as errors, with the platform's libnativehelper; the C++ tests
   tidy        clang-tidy
   fuzz        every fuzzer, for 20000 inputs
@@ -70,6 +71,8 @@ buildTree asan "${sanitized[@]}" -DTARNBOOSTER_SANITIZE=address,undefined
 runTests asan
 buildTree tsan "${sanitized[@]}" -DTARNBOOSTER_SANITIZE=thread
 runTests tsan
+scripts/soak.sh 1
+scripts/soak.sh 1 --tsan
 
 buildTree clang -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DTARNBOOSTER_PLATFORM_NATIVEHELPER=ON \
   -DTARNBOOSTER_BUILD_JAVA=OFF
