@@ -226,6 +226,10 @@ final class BoostTable {
         return next;
     }
 
+    int size() {
+        return boosts.size();
+    }
+
     /** Throws every boost out. */
     void clear(Consumer<Boost> onThrownOut) {
         boosts.forEach(onThrownOut);

@@ -29,8 +29,8 @@ import java.util.function.LongSupplier;
  *   <li>A connection breaks without a word while no request is made. So a permission check goes out as a sign
  *       of life, once in a retry interval, while the service is to hold something.
  *   <li>Somebody else in the process may make requests and so restart the connection unseen. Then the library
- *       reports {@link TarnBoosterJNI#STATUS_NO_ENGINE}; a report that none of our own attempts explains means
- *       the same as a broken connection.
+ *       reports {@link TarnBoosterJNI#STATUS_NO_ENGINE}; after a report that none of our own attempts explains,
+ *       everything is cancelled and asked for again, which is right in either case.
  * </ul>
  *
  * <p>The lock is never held while the library, a listener or an executor is called, so whoever waits for it
@@ -95,6 +95,7 @@ final class BoosterCore implements TarnBoosterListener {
     private long lastStamp;
     private int ownNotices; // reports of a missing connection that our own attempts have caused, yet to come
     private boolean suspect; // such a report came that they do not explain
+    private boolean takeBack; // so everything is being cancelled, to be asked for again
     private final Map<Long, Integer> otherStamps = new LinkedHashMap<Long, Integer>() {
         private static final long serialVersionUID = 1;
 
@@ -453,6 +454,13 @@ final class BoosterCore implements TarnBoosterListener {
         }
     }
 
+    /** How many boosts are remembered, open or not. */
+    int tableSize() {
+        synchronized (lock) {
+            return table.size();
+        }
+    }
+
     boolean isUnavailable() {
         synchronized (lock) {
             return phase == Phase.UNAVAILABLE;
@@ -483,8 +491,10 @@ final class BoosterCore implements TarnBoosterListener {
         }
         if (suspect) {
             suspect = false;
-            forgetConnection();
+            takeBack = true;
+            eventsAsked = false;
         }
+        takeBack &= table.cancelDue(true);
         if (!wantEnabled) {
             return enabled ? jobBeforeDisabling() : null;
         }
@@ -532,8 +542,8 @@ final class BoosterCore implements TarnBoosterListener {
     }
 
     private boolean requestDue(long now) {
-        return table.cancelDue(false) || table.nextToAsk(now) != null || eventsToAsk() || !oneShots.isEmpty()
-                || signOfLifeDue(now);
+        return table.cancelDue(takeBack) || table.nextToAsk(now) != null || eventsToAsk()
+                || !oneShots.isEmpty() || signOfLifeDue(now);
     }
 
     private boolean eventsToAsk() {
@@ -688,10 +698,12 @@ final class BoosterCore implements TarnBoosterListener {
     private void request() {
         Boost boost = null;
         Request oneShot = null;
+        boolean everything;
         boolean cancel;
         boolean events;
         synchronized (lock) {
-            cancel = table.cancelDue(false);
+            everything = takeBack;
+            cancel = table.cancelDue(everything);
             boost = cancel ? null : table.nextToAsk(clock.getAsLong());
             events = !cancel && boost == null && eventsToAsk();
             if (!cancel && boost == null && !events && !oneShots.isEmpty()) {
@@ -699,7 +711,7 @@ final class BoosterCore implements TarnBoosterListener {
             }
         }
         if (cancel) {
-            cancel(false);
+            cancel(everything);
         } else if (boost != null) {
             ask(boost);
         } else if (events) {

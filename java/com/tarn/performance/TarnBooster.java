@@ -45,11 +45,13 @@ public final class TarnBooster {
     /** Longest name of a file or user interface, characters. */
     public static final int MAX_NAME_CHARS = 4096;
 
-    private static final TarnBooster INSTANCE = new TarnBooster();
+    private static final TarnBooster INSTANCE = new TarnBooster(new BoosterCore(System::nanoTime));
 
-    private final BoosterCore core = new BoosterCore(System::nanoTime);
+    private final BoosterCore core;
 
-    private TarnBooster() {}
+    TarnBooster(BoosterCore core) {
+        this.core = core;
+    }
 
     /** @return the process's booster */
     @NonBlocking

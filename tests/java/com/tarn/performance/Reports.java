@@ -30,4 +30,8 @@ final class Reports implements TarnBoosterListener {
         Await.until(all, () -> all.stream().filter(kind).count() >= count);
         return all.stream().filter(kind).toList();
     }
+
+    int count() {
+        return all.size();
+    }
 }

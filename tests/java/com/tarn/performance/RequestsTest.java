@@ -25,11 +25,8 @@ public class RequestsTest {
     @BeforeClass
     public static void connect() throws IOException {
         service = new ServiceProcess("--status", "1003=5", "--push-on-register", "7:a\\b");
-        int mark = LogFile.text().length();
-        setDebug(true);
-        initTarnBooster(ServiceProcess.NAME, 0, "local");
-        assertEquals("D setDebug: 1\nD initTarnBooster\nD initTarnBooster end", LogFile.nativesSince(mark));
-        assertEquals("the first attempt after load is not throttled", 1, isRunning());
+        initTarnBooster(ServiceProcess.NAME, 0, "local"); // changes nothing after ConnectionTest
+        ConnectionTest.awaitConnection();
     }
 
     @Before

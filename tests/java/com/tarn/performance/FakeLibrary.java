@@ -1,0 +1,270 @@
+package com.tarn.performance;
+
+import static org.junit.Assert.assertTrue;
+
+import java.util.ArrayDeque;
+import java.util.ArrayList;
+import java.util.HashSet;
+import java.util.List;
+import java.util.Queue;
+import java.util.Set;
+
+/** The library, a service behind it, and the time, for one core that the test turns by hand. */
+final class FakeLibrary implements Natives {
+    static final long MS = BoosterCore.MS;
+    private static final long WRITE_FAILS_AFTER = 5 * MS;
+    private static final long REPORT_TAKES = 3 * MS;
+    private static final byte[] NO_DATA = {};
+
+    /** What the service holds: a part of one request. Boosts are told apart by their scenes. */
+    record Hold(int functionId, int scene, int part, long until) {}
+
+    final BoosterCore core = new BoosterCore(() -> this.now);
+    final TarnBooster booster = new TarnBooster(core);
+    final List<Request> served = new ArrayList<>();
+    final List<Hold> holds = new ArrayList<>();
+    private final List<String> told = new ArrayList<>();
+    final Set<Integer> refusing = new HashSet<>(); // function identifiers
+    Runnable during = () -> {}; // runs inside every request
+    Error loadFailure;
+    boolean serviceUp = true;
+    boolean registered;
+    boolean enabled = true;
+    boolean debug;
+    int attempts;
+    int sends;
+    long now = 1_000_000 * MS;
+    long interval;
+
+    private TarnBoosterListener receiver;
+    private final Queue<Long> notices = new ArrayDeque<>(); // when reports of a missing engine arrive
+    private final Set<Long> stamps = new HashSet<>();
+    private boolean engine;
+    private boolean broken; // the service has gone from the other end of the engine's socket
+    private long engineEnds = Long.MAX_VALUE;
+    private long lastStart = Long.MIN_VALUE / 2;
+    private long lastOwnAttempt = Long.MIN_VALUE / 2;
+
+    FakeLibrary() {
+        core.addListener(new BoosterListener() {
+            @Override
+            public void onConnectionChanged(int state) {
+                told.add(BoosterCodes.connectionName(state));
+            }
+            @Override
+            public void onBoostChanged(Boost boost, int state) {
+                told.add(boost.request().scene() + " " + BoosterCodes.boostName(state));
+            }
+            @Override
+            public void onServiceEvent(ServiceReport event) {
+                told.add(event.toString());
+            }
+            @Override
+            public void onRefused(ServiceReport report) {
+                told.add(report.toString());
+            }
+            @Override
+            public void onNotSent(int functionId) {
+                told.add(BoosterCodes.functionName(functionId) + " not sent");
+            }
+        }, Runnable::run);
+    }
+
+    /** Starts the core with an interval of one second and lets it do what there is to do. */
+    FakeLibrary start() {
+        assertTrue(core.start(BoosterConfig.builder("s").retryIntervalSeconds(1).build(), this, () -> {}));
+        return run(0);
+    }
+
+    /** Lets the core work for a time. */
+    FakeLibrary run(long millis) {
+        long end = now + millis * MS;
+        for (int steps = 0;; steps++) {
+            assertTrue("it spins", steps < 20_000);
+            while (!notices.isEmpty() && notices.peek() <= now) {
+                notices.remove();
+                if (enabled) {
+                    receiver.onData(1, 0, TarnBoosterJNI.STATUS_NO_ENGINE, 0, 0, NO_DATA);
+                }
+            }
+            if (core.step()) {
+                continue;
+            }
+            long next = now + Math.min(Math.max(core.wakeIn(), 0), Long.MAX_VALUE / 2);
+            next = notices.isEmpty() ? next : Math.min(next, notices.peek());
+            if (next > end) {
+                now = Math.max(now, end);
+                return this;
+            }
+            now = next;
+        }
+    }
+
+    /** What the listener has heard since the last call. */
+    String told() {
+        String all = String.join(", ", told);
+        told.clear();
+        return all;
+    }
+
+    Boost boost(int scene, BoostRequest.Builder request) {
+        return core.boost(request.scene(scene).build());
+    }
+
+    /** The scenes of what the service holds now, sorted, one for each part. */
+    List<Integer> heldScenes() {
+        holds.removeIf(hold -> hold.until <= now);
+        return holds.stream().map(Hold::scene).sorted().toList();
+    }
+
+    /** The service ends, and what it held with it. */
+    void kill() {
+        serviceUp = false;
+        broken = engine;
+        registered = false;
+        holds.clear();
+    }
+
+    void restart() {
+        kill();
+        serviceUp = true;
+    }
+
+    /** Somebody else in the process makes a request. */
+    void foreignRequest() {
+        find(false);
+        write(new Request(BoosterCodes.FUNCTION_CHECK_PERMISSION));
+    }
+
+    long servedCount(int functionId) {
+        return served.stream().filter(request -> request.functionId == functionId).count();
+    }
+
+    void push(int code) {
+        receiver.onData(2, 0, 0, 1010, code, new byte[code]);
+    }
+
+    void refuse(int functionId, long stamp, int status) {
+        receiver.onData(1, stamp, status, functionId, 0, NO_DATA);
+    }
+
+    // ---- the library ----
+
+    @Override
+    public void load(TarnBoosterListener receiver) {
+        this.receiver = receiver;
+        if (loadFailure != null) {
+            throw loadFailure;
+        }
+    }
+
+    @Override
+    public void setDebug(boolean on) {
+        debug = on;
+    }
+
+    @Override
+    public void init(String serviceName, String localName, int retryIntervalSeconds) {
+        interval = retryIntervalSeconds * 1000L * MS;
+        tryStart(true);
+    }
+
+    @Override
+    public void setEnabled(boolean on) {
+        if (on && !enabled) {
+            tryStart(false);
+        }
+        enabled = on;
+    }
+
+    @Override
+    public boolean isRunning() {
+        engine &= now < engineEnds;
+        return engine;
+    }
+
+    @Override
+    public int send(Request request) {
+        sends++;
+        assertTrue("stamps are unique", request.stamp != 0 && stamps.add(request.stamp));
+        during.run();
+        if (!enabled || !isRunning() && !find(true)) {
+            return TarnBoosterJNI.NO_ENGINE;
+        }
+        write(request);
+        return (int) (now / 1000);
+    }
+
+    private boolean find(boolean own) {
+        if (isRunning()) {
+            return true;
+        }
+        if (enabled) {
+            notices.add(now + REPORT_TAKES);
+        }
+        return tryStart(own);
+    }
+
+    private boolean tryStart(boolean own) {
+        if (isRunning()) {
+            return true;
+        }
+        if (own) {
+            assertTrue("attempts come too fast", now - lastOwnAttempt >= interval);
+            lastOwnAttempt = now;
+            attempts++;
+        }
+        if (now - lastStart < interval) {
+            return false;
+        }
+        lastStart = now;
+        engine = serviceUp;
+        broken = false;
+        engineEnds = Long.MAX_VALUE;
+        return engine;
+    }
+
+    private void write(Request request) {
+        if (!isRunning()) {
+            return;
+        }
+        if (broken) {
+            engineEnds = Math.min(engineEnds, now + WRITE_FAILS_AFTER);
+            return; // queued, and lost
+        }
+        served.add(request);
+        if (refusing.contains(request.functionId)) {
+            refuse(request.functionId, request.stamp, 5);
+            return;
+        }
+        switch (request.functionId) {
+            case 1002, 1004, 1006, 1013 -> {
+                for (int part : parts(request, request.cpuLevel != 0, request.ioLevel != 0)) {
+                    holds.add(new Hold(
+                            request.functionId, request.scene, part, now + request.timeoutMillis * MS));
+                }
+        }
+            case 1003, 1005, 1007, 1014 -> {
+                Set<Integer> parts = parts(request, request.cancelCpu, request.cancelIo);
+                holds.removeIf(hold
+                        -> hold.functionId == request.functionId - 1 && parts.contains(hold.part));
+            }
+            case 1010 -> registered = true;
+            default -> {}
+        }
+    }
+
+    private static Set<Integer> parts(Request request, boolean cpu, boolean io) {
+        Set<Integer> parts = new HashSet<>();
+        for (int tid : request.threads) {
+                    parts.add(tid);
+                }
+                if (cpu) {
+                    parts.add(BoostRequest.CPU);
+                }
+                if (io) {
+                    parts.add(BoostRequest.IO);
+                }
+                return parts;
+    }
+}
