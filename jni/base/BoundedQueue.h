@@ -5,17 +5,19 @@
 // queued items. Overflow rule: a producer waits for a place, holding no lock, until the consumer takes an
 // item or the queue is closed.
 //
-// Ownership: push() takes the item over (a refused item is freed), tryPop() and pop() hand it out.
+// Ownership: push() takes the item over (a refused item is freed), tryPop() and pop() hand it out. An Item is
+// moved; one made by default is "no item" and tests false.
 #pragma once
 
 #include <semaphore.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
-#include <deque>
-#include <memory>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 /// A counting semaphore of this process (POSIX, unnamed).
 class Semaphore {
@@ -41,36 +43,101 @@ class Semaphore {
   sem_t m_semaphore;
 };
 
+/// First in, first out, in one block of memory of `reserved` items, which doubles when it is full; a larger
+/// one is given back once it is empty. Not thread-safe.
+template <class Item>
+class Ring {
+ public:
+  explicit Ring(size_t reserved) : m_reserved(reserved), m_block(reserved) {}
+  bool empty() const { return m_count == 0; }
+  size_t size() const { return m_count; }
+  /// The i-th oldest, i below size().
+  Item& operator[](size_t i) { return m_block[place(i)]; }
+
+  void push(Item item) {
+    if (m_count == m_block.size()) grow();
+    m_block[place(m_count++)] = std::move(item);
+  }
+  Item pop() {
+    Item item = std::exchange(m_block[m_first], Item());
+    m_first = place(1);
+    if (--m_count == 0 && m_block.size() > m_reserved) *this = Ring(m_reserved);
+    return item;
+  }
+
+ private:
+  size_t place(size_t i) const {
+    const size_t sum = m_first + i;
+    return sum < m_block.size() ? sum : sum - m_block.size();
+  }
+  void grow() {
+    std::vector<Item> larger(2 * m_block.size());
+    for (size_t i = 0; i < m_count; ++i) larger[i] = std::move((*this)[i]);
+    m_block.swap(larger);
+    m_first = 0;
+  }
+
+  size_t m_reserved;
+  std::vector<Item> m_block;
+  size_t m_first = 0, m_count = 0;
+};
+
 template <class Item>
 class BoundedQueue {
  public:
+  /// Queues of up to so many places never move their items.
+  static constexpr unsigned kReserved = 64;
+
   /// capacity: the number of items (not bytes) that may wait; at least 1.
-  explicit BoundedQueue(unsigned capacity) : m_freeSlots(capacity), m_items(0) {}
+  explicit BoundedQueue(unsigned capacity)
+      : m_queue(std::min(capacity, kReserved)), m_freeSlots(capacity), m_items(0) {}
 
   /// Queues an item behind all others. Any thread; blocks while the queue is full.
   /// Returns false, with the item freed, when the queue is closed or is closed during the wait.
-  bool push(std::unique_ptr<Item> item) {
-    m_freeSlots.wait();
+  bool push(Item item) {
+    if (!m_freeSlots.tryWait()) {
+      m_waiting.fetch_add(1);
+      m_freeSlots.wait();
+      m_waiting.fetch_sub(1);
+    }
     return place(std::move(item));
   }
 
   /// Queues an item if there is a place at this moment; never waits. Any thread. False, with the item freed,
   /// when the queue is full or closed.
-  bool tryPush(std::unique_ptr<Item> item) { return m_freeSlots.tryWait() && place(std::move(item)); }
+  bool tryPush(Item item) { return m_freeSlots.tryWait() && place(std::move(item)); }
 
-  /// The oldest item, left where it is, or null. Consumer thread only: it is valid until that thread pops.
-  Item* front() const {
+  /// The oldest item, left where it is, or null. Consumer thread only, of a queue of at most kReserved
+  /// places: it is valid, and that thread's to change, until that thread pops.
+  Item* front() {
     std::lock_guard<std::mutex> lock(m_lock);
-    return m_queue.empty() ? nullptr : m_queue.front().get();
+    return m_queue.empty() ? nullptr : &m_queue[0];
   }
 
-  /// Takes the oldest item, or null when there is none. Consumer thread only.
-  std::unique_ptr<Item> tryPop() { return m_items.tryWait() ? take() : nullptr; }
+  /// Takes the oldest item, or none. Consumer thread only.
+  Item tryPop() { return m_items.tryWait() ? take(false) : Item(); }
+
+  /// tryPop(), but a producer that waits learns of the place only by freePlaces(): so the consumer of a full
+  /// queue is not interrupted by every producer whose item it has just taken.
+  Item tryPopQuietly() { return m_items.tryWait() ? take(true) : Item(); }
+
+  /// Lets producers have the places that tryPopQuietly() has kept back. Consumer thread only, and always
+  /// before it waits for anything.
+  void freePlaces() {
+    for (; m_keptBack > 0; --m_keptBack) m_freeSlots.post();
+  }
 
   /// Takes the oldest item, waiting for one. Consumer thread only, and only on a queue that is never closed.
-  std::unique_ptr<Item> pop() {
+  Item pop() {
     m_items.wait();
-    return take();
+    return take(false);
+  }
+
+  /// Calls change(item) for every queued item, under the queue's lock. Consumer thread only.
+  template <class Change>
+  void forEach(Change change) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    for (size_t i = 0; i < m_queue.size(); ++i) change(m_queue[i]);
   }
 
   /// Refuses all further items and wakes every producer that waits for a place. What is queued stays for the
@@ -92,11 +159,11 @@ class BoundedQueue {
 
  private:
   /// Queues an item into a place that the caller has taken.
-  bool place(std::unique_ptr<Item> item) {
+  bool place(Item item) {
     {
       std::lock_guard<std::mutex> lock(m_lock);
       if (!m_closed) {
-        m_queue.push_back(std::move(item));
+        m_queue.push(std::move(item));
         m_items.post();  // under the lock, so that an item that front() shows is one that tryPop() gets
         return true;
       }
@@ -105,20 +172,25 @@ class BoundedQueue {
     return false;
   }
 
-  std::unique_ptr<Item> take() {
-    std::unique_ptr<Item> item;
+  Item take(bool quietly) {
+    Item item;
     {
       std::lock_guard<std::mutex> lock(m_lock);
-      item = std::move(m_queue.front());
-      m_queue.pop_front();
+      item = m_queue.pop();
     }
-    m_freeSlots.post();
+    if (quietly && m_waiting.load() != 0) {
+      ++m_keptBack;
+    } else {
+      m_freeSlots.post();
+    }
     return item;
   }
 
   mutable std::mutex m_lock;
-  std::deque<std::unique_ptr<Item>> m_queue;  // guarded by m_lock
-  bool m_closed = false;                      // guarded by m_lock
-  Semaphore m_freeSlots;                      // places left; never taken while m_lock is held
-  Semaphore m_items;                          // items queued
+  Ring<Item> m_queue;             // guarded by m_lock
+  bool m_closed = false;          // guarded by m_lock
+  Semaphore m_freeSlots;          // places left; never taken while m_lock is held
+  Semaphore m_items;              // items queued
+  std::atomic<int> m_waiting{0};  // producers that found no place
+  int m_keptBack = 0;             // the consumer's: places that are free and not yet posted
 };

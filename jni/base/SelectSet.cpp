@@ -24,6 +24,16 @@ bool SelectSet::contains(int fd) const {
   return (m_words[fd / kWordBits] >> (fd % kWordBits) & 1) != 0;
 }
 
+int SelectSet::next(int fd) const {
+  for (size_t word = static_cast<size_t>(fd) / kWordBits; word < m_words.size(); ++word) {
+    const Word rest = fd / kWordBits == static_cast<int>(word)
+                          ? m_words[word] >> (fd % kWordBits) << (fd % kWordBits)
+                          : m_words[word];
+    if (rest != 0) return static_cast<int>(word) * kWordBits + __builtin_ctzl(rest);
+  }
+  return -1;
+}
+
 void SelectSet::clear() {
   std::fill(m_words.begin(), m_words.end(), 0);
 }

@@ -3,8 +3,14 @@
 // The loop thread has readEnd() in its read set and calls drain() when it is readable. wake() and close()
 // exclude each other, so that nobody ever writes into a descriptor that was closed (and perhaps reused), and
 // since both ends close together a late wake() cannot raise SIGPIPE either.
+//
+// Wake-ups for queued items merge: a loop that is busy looks at its queue again by itself. It calls
+// goToSleep(), then looks whether something is queued, then sleeps; a producer queues, then calls
+// wakeSleeper(), which writes only when the loop has announced a sleep and nobody has ended it yet. Whichever
+// comes first at the queue's lock, the item is seen or the pipe written.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 
 class WakePipe {
@@ -24,6 +30,14 @@ class WakePipe {
   /// Never blocks (a full pipe is awake enough); does nothing once the pipe is closed.
   void wake();
 
+  /// Announces that the loop is about to wait for this pipe. Loop thread only.
+  void goToSleep() { m_sleeping.store(true); }
+
+  /// wake(), if the loop sleeps or is about to. Any thread.
+  void wakeSleeper() {
+    if (m_sleeping.exchange(false)) wake();
+  }
+
   /// Reads 4 bytes and discards them. Returns read()'s result. Loop thread only.
   int drain();
 
@@ -32,6 +46,7 @@ class WakePipe {
   int writeEnd() const;
 
  private:
+  std::atomic<bool> m_sleeping{false};
   mutable std::mutex m_lock;
   int m_readEnd = 0;   // guarded by m_lock; 0 = none
   int m_writeEnd = 0;  // guarded by m_lock; 0 = none

@@ -1,6 +1,7 @@
 #include "bridge/C2Java.h"
 
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "base/log.h"
@@ -10,19 +11,43 @@ Callback& g_callback = *new Callback;
 
 int32_t Callback::pushCallback(int32_t type, int64_t timestamp, int32_t status, int32_t funcid, int32_t code,
                                const uint8_t* data, int32_t len) {
-  auto info = std::make_unique<CallbackInfo>();
-  info->type = type;
-  info->timestamp = timestamp;
-  info->status = status;
-  info->funcid = funcid;
-  info->code = code;
+  CallbackInfo info;
+  info.type = type;
+  info.timestamp = timestamp;
+  info.status = status;
+  info.funcid = funcid;
+  info.code = code;
   if (data != nullptr && len >= 1) {
-    info->data.reset(new uint8_t[len]);
-    memcpy(info->data.get(), data, len);
-    info->len = len;
+    {
+      std::unique_lock<std::mutex> lock(m_bytesLock);
+      m_bytesTaken.wait(lock, [&] { return m_pendingBytes == 0 || m_pendingBytes + len <= kPendingBytes; });
+      m_pendingBytes += len;
+    }
+    info.len = len;
+    info.data.reset(new (std::nothrow) uint8_t[len]);
+    if (info.data == nullptr) {
+      giveBack(len);
+      LOG_ERROR("report of %d bytes not allocated", len);
+      return 0;
+    }
+    memcpy(info.data.get(), data, len);
   }
   m_queue.push(std::move(info));
   return 0;
+}
+
+Callback::CallbackInfo Callback::take() {
+  CallbackInfo info = m_queue.pop();
+  if (info.len > 0) giveBack(info.len);
+  return info;
+}
+
+void Callback::giveBack(int32_t len) {
+  {
+    const std::lock_guard<std::mutex> lock(m_bytesLock);
+    m_pendingBytes -= len;
+  }
+  m_bytesTaken.notify_all();
 }
 
 void c2Java_OnData(JNIEnv* env, int32_t type, int64_t timestamp, int32_t status, int32_t funcid, int32_t code,
@@ -39,6 +64,7 @@ void c2Java_OnData(JNIEnv* env, int32_t type, int64_t timestamp, int32_t status,
   jbyteArray const array = env->NewByteArray(len);
   if (array == nullptr) {
     env->ExceptionClear();
+    LOG_ERROR("array of %d bytes not allocated", len);
     return;
   }
   env->SetByteArrayRegion(array, 0, len, reinterpret_cast<const jbyte*>(data));

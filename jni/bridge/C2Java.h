@@ -4,8 +4,11 @@
 #include <jni.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "base/BoundedQueue.h"
 #include "base/export.h"
@@ -24,11 +27,17 @@ class Callback : public IC2JavaCallback {
     int32_t code = 0;
     std::unique_ptr<uint8_t[]> data;  // null when there is none
     int32_t len = 0;                  // bytes at data
+
+    explicit operator bool() const { return type != 0; }
   };
 
   /// Reports that may be pending; with so many, producers wait. If the callback thread could not attach to
   /// the VM nobody ever takes one and they wait for good: as designed.
   static constexpr unsigned kPendingReports = 65535;
+
+  /// Bytes of payload that may be pending. A report that would bring more waits too, unless no other payload
+  /// is pending; one without payload does not wait for this.
+  static constexpr size_t kPendingBytes = size_t{64} << 20;
 
   Callback() : m_queue(kPendingReports) {}
 
@@ -36,13 +45,20 @@ class Callback : public IC2JavaCallback {
                        const uint8_t* data, int32_t len) override;
 
   /// The oldest report, waiting for one. Callback thread only.
-  std::unique_ptr<CallbackInfo> take() { return m_queue.pop(); }
+  CallbackInfo take();
 
   /// True for the first caller only: who gets true starts the callback thread. Any thread.
   bool claimStart() { return m_started.exchange(1) == 0; }
+  /// Takes the claim back, for a thread that could not be started: the next caller tries again.
+  void disclaimStart() { m_started = 0; }
 
  private:
+  void giveBack(int32_t len);
+
   std::atomic<int32_t> m_started{0};
+  std::mutex m_bytesLock;
+  std::condition_variable m_bytesTaken;
+  size_t m_pendingBytes = 0;           // guarded by m_bytesLock: payload in the queue, or about to be
   BoundedQueue<CallbackInfo> m_queue;  // guards itself
 };
 
@@ -52,7 +68,7 @@ extern Callback& g_callback;
 
 /// Calls the static method onData "(IJIII[B)V" of the application class with a new array of the `len` bytes
 /// at `data` (an empty array when len is 0). Callback thread only. Without such a method, or without memory
-/// for the array, nothing is called. What onData leaves pending is neither tested nor cleared: the Java class
-/// lets nothing escape.
+/// for the array (one ERROR line), nothing is called. What onData leaves pending is neither tested nor
+/// cleared: the Java class lets nothing escape.
 extern "C" TARN_EXPORT void c2Java_OnData(JNIEnv* env, int32_t type, int64_t timestamp, int32_t status,
                                           int32_t funcid, int32_t code, const uint8_t* data, int32_t len);

@@ -69,17 +69,21 @@ void* callbackThread(void* argument) {
     return nullptr;
   }
   for (;;) {
-    const std::unique_ptr<Callback::CallbackInfo> info = callback->take();
+    const Callback::CallbackInfo info = callback->take();
     if (!g_client.isEnabled()) continue;  // dropped, and not replayed later
-    c2Java_OnData(env, info->type, info->timestamp, info->status, info->funcid, info->code, info->data.get(),
-                  info->len);
+    c2Java_OnData(env, info.type, info.timestamp, info.status, info.funcid, info.code, info.data.get(),
+                  info.len);
   }
 }
 
-/// Starts the callback thread on the first call, whatever becomes of the engine. A thread that cannot be
-/// created is not tried again.
+/// Starts the callback thread on the first call, whatever becomes of the engine. One that cannot be created
+/// is tried again by the next call.
 void startCallbackThread() {
-  if (g_callback.claimStart()) startDetachedThread(callbackThread, &g_callback);
+  if (!g_callback.claimStart()) return;
+  if (const int error = startDetachedThread(callbackThread, &g_callback)) {
+    LOG_ERROR("callback thread not created ret:%d", error);
+    g_callback.disclaimStart();
+  }
 }
 
 // ---- Natives, in the order of the table below ----
@@ -179,6 +183,8 @@ jint com_tarn_performance_tarnboosterjni_registerBootPreloadResource(JNIEnv* env
     // An empty list is sent all the same; do not turn this into an early return.
   }
   LOG_DEBUG("registerBootPreloadResource: files count is %d", count);
+  // Beyond 16 references the machine wants to be asked first; what it cannot promise it may still do.
+  if (count > 0 && env->EnsureLocalCapacity(count) != 0) env->ExceptionClear();
   for (jsize i = 0; i < count; ++i) {
     // The local references stay until the native returns, as designed: the VM's capacity bounds the number of
     // files.

@@ -16,10 +16,11 @@
 
 namespace {
 
-constexpr int kReadBytes = 4096;   // one read, on the loop's stack
-constexpr int kBacklog = 5;        // connections that may wait for a server's accept
-constexpr int kFirstScanned = 3;   // 0, 1 and 2 are never examined
-constexpr int kSelectSeconds = 1;  // the longest sleep of a round
+constexpr int kReadBytes = 4096;    // one read, on the loop's stack
+constexpr int kBacklog = 5;         // connections that may wait for a server's accept
+constexpr int kFirstScanned = 3;    // 0, 1 and 2 are never examined
+constexpr int kSelectSeconds = 1;   // the longest sleep of a round
+constexpr int kNeverBlocks = 4096;  // bytes for which a socket that select() calls writable always has room
 constexpr socklen_t kFamilyBytes = offsetof(sockaddr_un, sun_path);
 
 /// The abstract address of `name`: a zero byte, then the name without a terminator. False when it is too
@@ -123,9 +124,9 @@ int LocalSocket::createSocket(const char* localPath, const char* remotePath) {
   return 0;
 }
 
-bool LocalSocket::enqueue(std::unique_ptr<SendPack> pack) {
+bool LocalSocket::enqueue(SendPack pack) {
   const bool queued = m_queue.push(std::move(pack));
-  m_pipe.wake();
+  m_pipe.wakeSleeper();
   return queued;
 }
 
@@ -145,13 +146,7 @@ int LocalSocket::loop(bool isServer) {
     const SendResult sent = sendFront(nowMs());
     if (sent == SendResult::EndLoop) break;
     if (sent == SendResult::NextRound) continue;
-    // The rest of a burst must not wait for the read time-out. A round that could not write does not wake
-    // itself: it would spin until the service reads.
-    if (sent == SendResult::Sent && m_queue.size() != 0) m_pipe.wake();
-
-    m_readable = m_master;
-    timeval limit = {kSelectSeconds, 0};
-    const int ready = SelectSet::select(m_maxFd, &m_readable, nullptr, &limit);
+    const int ready = waitForInput();
     if (ready == -1 && errno != EINTR) LOG_DEBUG_AT(166, "loop: select errno:%d", errno);
     if (ready > 0 && !scanReadable(isServer)) result = -1;
   }
@@ -159,18 +154,45 @@ int LocalSocket::loop(bool isServer) {
   return result;
 }
 
+/// The round's wait for whatever is to be done next: input, a place in the socket for the pack that is now at
+/// the front, or, when none is queued, a wake-up. select()'s result; what is readable is in m_readable.
+///
+/// Who waits for a place in the queue is woken here, before the loop sleeps, and not for each pack of a
+/// burst: that costs two context switches a request (docs/performance.md).
+int LocalSocket::waitForInput() {
+  m_readable = m_master;
+  const SendPack* front = m_queue.front();
+  if (front == nullptr) {
+    m_queue.freePlaces();
+    m_pipe.goToSleep();
+    front = m_queue.front();  // what was queued before the announcement woke nobody
+  }
+  timeval limit = {kSelectSeconds, 0};
+  if (front == nullptr) return SelectSet::select(m_maxFd, &m_readable, nullptr, &limit);
+  if (!isOpen(*front)) limit.tv_sec = 0;  // to be dropped by the next round
+  m_writable.clear();
+  if (isOpen(*front)) m_writable.add(front->fd);
+  return SelectSet::select(m_maxFd, &m_readable, &m_writable, &limit);
+}
+
 /// Writes the front pack as far as one send goes.
 LocalSocket::SendResult LocalSocket::sendFront(int64_t roundStartMs) {
-  SendPack* pack = m_queue.front();
+  SendPack* const pack = m_queue.front();
   if (pack == nullptr) return SendResult::Nothing;
   const int fd = pack->fd;
-  const bool open = isOpen(fd);
-  if (open && !checkCanWrite(fd)) return SendResult::Nothing;
+  const int len = pack->len;
+  const bool open = isOpen(*pack);
+  if (open && !checkCanWrite(fd)) {
+    m_queue.freePlaces();
+    return SendResult::Nothing;
+  }
   ssize_t ret = -1;  // what the loop has closed fails untried: its number may be somebody else's by now
   if (open) {
+    if (len > kNeverBlocks) m_queue.freePlaces();
     const uint8_t* const rest = pack->data.get() + pack->offset;
-    ret = retryEintr([&] { return send(fd, rest, static_cast<size_t>(pack->len - pack->offset), 0); });
+    ret = retryEintr([&] { return send(fd, rest, static_cast<size_t>(len - pack->offset), 0); });
   }
+  if (ret < 0 && m_fd == 0) return SendResult::EndLoop;  // told to end, and the socket shut down
   if (ret < 0) {
     LOG_ERROR_IN("loop", 136, "send failed fd:%d mfd:%d", fd, m_fd.load());
     if (fd == m_socket) {
@@ -185,9 +207,8 @@ LocalSocket::SendResult LocalSocket::sendFront(int64_t roundStartMs) {
     return SendResult::NextRound;
   }
   pack->offset += static_cast<int32_t>(ret);
-  const int len = pack->len;
   const int offset = pack->offset;
-  if (offset == len) m_queue.tryPop();
+  if (offset == len) m_queue.tryPopQuietly();
   LOG_DEBUG_IN("loop", 158, "send: ret:%d fd:%d len:%d off:%d queue:%d time:%d ", static_cast<int>(ret), fd,
                len, offset, static_cast<int>(m_queue.size()), static_cast<int>(nowMs() - roundStartMs));
   return SendResult::Sent;
@@ -203,15 +224,16 @@ bool LocalSocket::checkCanWrite(int fd) {
   return can;
 }
 
-bool LocalSocket::isOpen(int fd) const {
-  return fd == m_socket || m_peers.count(fd) != 0;
+bool LocalSocket::isOpen(const SendPack& pack) const {
+  return pack.fd == m_socket || (!pack.peerGone && m_peers.count(pack.fd) != 0);
 }
 
 /// Handles every descriptor that is ready. False ends the loop.
 bool LocalSocket::scanReadable(bool isServer) {
   const int highest = m_maxFd;
-  for (int fd = kFirstScanned; fd <= highest; ++fd) {
-    if (!m_readable.contains(fd) || !m_master.contains(fd)) continue;
+  for (int fd = m_readable.next(kFirstScanned); fd >= 0 && fd <= highest; fd = m_readable.next(fd + 1)) {
+    if (m_fd == 0) return true;  // told to end
+    if (!m_master.contains(fd)) continue;
     if (fd == m_pipe.readEnd()) {
       m_pipe.drain();
     } else if (isServer && fd == m_socket) {
@@ -232,6 +254,7 @@ int LocalSocket::socketAccept() {
   socklen_t length = sizeof(sockaddr_un);
   int accepted = keepAboveStdio(retryEintr(
       [&] { return accept4(m_socket, reinterpret_cast<sockaddr*>(&peer.address), &length, SOCK_CLOEXEC); }));
+  if (accepted < 0 && m_fd == 0) return 0;  // told to end meanwhile
   if (accepted < 0) {
     LOG_ERROR_AT(76, "accept error fd:%d ret:%d ", m_socket, accepted);
     return -1;
@@ -278,9 +301,11 @@ bool LocalSocket::setSocketNonBlock(int fd) {
 }
 
 void LocalSocket::receive(int fd) {
+  m_queue.freePlaces();  // what arrives may keep its receiver busy
   uint8_t buffer[kReadBytes];
   const int ret =
       static_cast<int>(retryEintr([&] { return recvfrom(fd, buffer, sizeof(buffer), 0, nullptr, nullptr); }));
+  if (ret <= 0 && m_fd == 0) return;  // told to end meanwhile
   if (ret <= 0) {
     LOG_ERROR_IN("loop", 195, "recv error , fd:%d ret:%d errno:%d", fd, ret, errno);
     m_master.remove(fd);
@@ -301,6 +326,7 @@ void LocalSocket::onSocketError(int fd) {
   const PeerInfo peer = m_peers[fd];
   recvEvent(EVENT_ERROR, fd, peer.uid, peer.path.c_str(), nullptr, 0);
   m_peers.erase(fd);
+  m_queue.forEach([fd](SendPack& pack) { pack.peerGone |= pack.fd == fd; });
   closeDescriptor(fd);
 }
 
@@ -337,6 +363,6 @@ void LocalSocket::uninit() {
   m_pipe.close();
   m_fd = 0;
   closeDescriptor(m_socket);
-  while (m_queue.tryPop() != nullptr) {
+  while (m_queue.tryPop()) {
   }
 }

@@ -7,8 +7,8 @@
 // Threads. One thread runs loop(); everything marked "loop thread" below belongs to it, or to whoever holds
 // the object while no loop runs. Producers enqueue from any thread. uninit() from anywhere while the loop
 // runs only marks the socket as gone and wakes the loop; the loop thread then closes and frees what it was
-// using. An object runs one loop in its life: when the loop ends the queue closes, and producers that wait
-// for a place come back.
+// using, and what fails on the way is no failure any more. An object runs one loop in its life: when the loop
+// ends the queue closes, and producers that wait for a place come back.
 //
 // The object must outlive its loop; LocalsocketClient sees to it by sharing itself with the thread.
 #pragma once
@@ -59,10 +59,13 @@ class LocalSocket {
   struct SendPack {
     int32_t fd = 0;  // where to: m_fd at the time of queueing, or an accepted peer. A pack for a peer that
                      // the loop has closed meanwhile is dropped with the "send failed" line; the number may
-                     // be somebody else's by now.
+                     // be somebody else's by now, or the next peer's.
     std::unique_ptr<uint8_t[]> data;  // the packet
     int32_t len = 0;                  // its bytes
     int32_t offset = 0;               // bytes already written
+    bool peerGone = false;            // set by the loop when it closes fd
+
+    explicit operator bool() const { return data != nullptr; }
   };
 
   /// At most this many packs wait; the next producer blocks until the loop is done with one (see
@@ -84,7 +87,7 @@ class LocalSocket {
  protected:
   /// Queues a pack and wakes the loop. Any thread; waits while the queue is full. False when the loop has
   /// ended: the pack is freed and nothing will be sent.
-  bool enqueue(std::unique_ptr<SendPack> pack);
+  bool enqueue(SendPack pack);
 
   /// The connected or listening socket, 0 = none. Written by createSocket() and uninit(), read anywhere.
   std::atomic<int32_t> m_fd{0};
@@ -99,8 +102,9 @@ class LocalSocket {
   bool setSocketNonBlock(int fd);
   int socketAccept();
   bool checkCanWrite(int fd);
-  bool isOpen(int fd) const;
+  bool isOpen(const SendPack& pack) const;
   SendResult sendFront(int64_t roundStartMs);
+  int waitForInput();
   bool scanReadable(bool isServer);
   void receive(int fd);
   void onSocketError(int fd);
@@ -116,7 +120,7 @@ class LocalSocket {
   int m_socket = 0;                     // the descriptor behind m_fd until it is really closed
   std::map<int32_t, PeerInfo> m_peers;  // by descriptor; reading an absent key creates an empty entry
   SelectSet m_readable;  // what select() left of m_master; kept, so that a round allocates nothing
-  SelectSet m_writable;  // for checkCanWrite(), likewise
+  SelectSet m_writable;  // the one descriptor to be written, likewise
   SelectSet m_master;    // what the loop listens to
   int m_maxFd = 0;       // the highest descriptor in m_master
 };

@@ -17,7 +17,8 @@ int LocalsocketClient::start(const std::shared_ptr<LocalsocketClient>& engine) {
   if (engine->createSocket(engine->m_localPath.c_str(), engine->m_remotePath.c_str()) < 0) return -1;
   auto* const held = new std::shared_ptr<LocalsocketClient>(engine);
   engine->m_running.fetch_add(1);
-  if (startDetachedThread(localsocketClientThread, held) != 0) {
+  if (const int error = startDetachedThread(localsocketClientThread, held)) {
+    LOG_ERROR("engine thread not created ret:%d", error);
     engine->m_running.fetch_sub(1);
     delete held;
     return -1;
@@ -51,10 +52,10 @@ int64_t LocalsocketClient::sendReq(uint32_t funcid, const uint8_t* data, uint32_
     LOG_ERROR_AT(252, "genReqPack failed :%d", static_cast<int>(result));
     return result;
   }
-  auto pack = std::make_unique<SendPack>();
-  pack->fd = m_fd;
-  pack->data.reset(packet);  // the packet's only owner from here on
-  pack->len = static_cast<int32_t>(length);
+  SendPack pack;
+  pack.fd = m_fd;
+  pack.data.reset(packet);  // the packet's only owner from here on
+  pack.len = static_cast<int32_t>(length);
   enqueue(std::move(pack));  // refused by an engine that has ended, and then lost like any unsent packet
   return result;
 }

@@ -21,7 +21,7 @@ class LocalsocketClient : public LocalSocket, public IClientEngine {
   LocalsocketClient(std::string remotePath, std::string localPath, ClientProtocal* owner);
 
   /// Connects `engine` and starts its thread, which holds the engine until its loop has ended. Returns 0, or
-  /// -1 when the socket or the thread could not be had (the failed socket is logged); the engine is then good
+  /// -1 when the socket or the thread could not be had (one ERROR line); the engine is then good
   /// for nothing.
   static int start(const std::shared_ptr<LocalsocketClient>& engine);
 

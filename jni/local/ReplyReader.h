@@ -16,6 +16,8 @@
 // between two of them. A reply shorter than the kept count starts again at 0 and arrives whole (our choice),
 // which is what that reply does.
 //
+// Of a body above 64 MiB, which nobody looks at, the bytes are only counted; it is all zero.
+//
 // Owned and used by one thread, the engine's loop thread.
 #pragma once
 
@@ -25,8 +27,8 @@
 
 #include "wire/header.h"
 
-/// Zero-filled memory that becomes resident only where it is written, so that a dataLen that is merely
-/// claimed costs address space and nothing else.
+/// Zero-filled memory: a few KiB that are always at hand, or else pages that become resident only where they
+/// are written, so that a dataLen that is merely claimed costs address space and nothing else.
 class LazyBytes {
  public:
   LazyBytes() = default;
@@ -41,8 +43,11 @@ class LazyBytes {
   const uint8_t* data() const { return m_data; }
 
  private:
-  uint8_t* m_data = nullptr;  // owned: a private mapping of m_length bytes
+  static constexpr size_t kSmallBytes = 4096;
+
+  uint8_t* m_data = nullptr;  // m_small, or owned: a private mapping of m_length bytes
   size_t m_length = 0;
+  uint8_t m_small[kSmallBytes];
 };
 
 class ReplyReader {

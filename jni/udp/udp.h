@@ -269,8 +269,8 @@ class UDP {
   const UdpTiming m_timing;
 
   // Shared with callers.
-  BoundedQueue<SendPack> m_requests;  // 10 messages; guards itself
-  WakePipe m_wake;                    // guards itself
+  BoundedQueue<std::unique_ptr<SendPack>> m_requests;  // 10 messages; guards itself
+  WakePipe m_wake;                                     // guards itself
   std::atomic<bool> m_stopping{false};
   std::mutex m_callersLock;
   std::condition_variable m_callersGone;

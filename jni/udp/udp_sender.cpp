@@ -92,9 +92,9 @@ int UDP::pumpSendQueue() {
 
 // Cuts the oldest message into packets, unless its sender still has packets of the one before.
 int UDP::takeMessage() {
-  const SendPack* oldest = m_requests.front();
+  const std::unique_ptr<SendPack>* const oldest = m_requests.front();
   if (oldest == nullptr) return 0;
-  Sender& sender = getSender(oldest->peer);
+  Sender& sender = getSender((*oldest)->peer);
   if (!sender.q.empty()) return 0;
   const std::unique_ptr<SendPack> message = m_requests.tryPop();
   for (uint32_t sent = 0; sent < message->length;) {

@@ -6,6 +6,23 @@
 #define LOG_FILE_NAME "protocol.cpp"
 #include "base/log.h"
 
+namespace {
+
+enum class Parsed { Whole, Broken, NoMemory };
+
+/// ParseFromArray() in two steps: by itself it prints a line of its own when a field is missing. The copy
+/// that it makes is the one allocation of the library whose failure can only be told by an exception; it ends
+/// here.
+Parsed parse(amc::DataCallback* into, const uint8_t* data, int32_t len) {
+  try {
+    return into->ParsePartialFromArray(data, len) && into->IsInitialized() ? Parsed::Whole : Parsed::Broken;
+  } catch (...) {
+    return Parsed::NoMemory;
+  }
+}
+
+}  // namespace
+
 void ClientProtocal::onCallback(int32_t /*event*/, int32_t funcid, int64_t /*word16*/, int64_t timestamp,
                                 int32_t status, const uint8_t* data, int32_t len) {
   IC2JavaCallback* const callback = c2JavaCallback();
@@ -18,14 +35,22 @@ void ClientProtocal::onCallback(int32_t /*event*/, int32_t funcid, int64_t /*wor
     callback->pushCallback(REPORT_STATUS, timestamp, status, funcid, 0, nullptr, 0);
     return;
   }
+  if (funcid == static_cast<int32_t>(FUNCID_REGISTER_ANR_CALLBACK) && len > kMaxPushedBytes) {
+    LOG_ERROR("pushed message of %d bytes dropped, more than %d", len, kMaxPushedBytes);
+    return;
+  }
   if (funcid != static_cast<int32_t>(FUNCID_REGISTER_ANR_CALLBACK) || len <= 0 || data == nullptr) {
     LOG_DEBUG("onCallback c2JavaCallback:0x%x funcid:%d data:0x%x len:%d", addressBits(callback), funcid,
               addressBits(data), len);
     return;
   }
   amc::DataCallback pushed;
-  // ParseFromArray() in two steps: by itself it prints a line of its own when a field is missing.
-  if (!pushed.ParsePartialFromArray(data, len) || !pushed.IsInitialized()) {
+  const Parsed parsed = parse(&pushed, data, len);
+  if (parsed == Parsed::NoMemory) {
+    LOG_ERROR("pushed message of %d bytes not allocated", len);
+    return;
+  }
+  if (parsed == Parsed::Broken) {
     LOG_DEBUG("onCallback ParseFromArray ret:%d c2JavaCallback:0x%x funcid:%d data:0x%x len:%d", 0,
               addressBits(callback), funcid, addressBits(data), len);
     return;

@@ -8,6 +8,10 @@
 #include "wire/IClientEngine.h"
 
 /// The owner of an engine: hands engines out to requests, and takes complete replies from their threads.
+/// The largest pushed message that is looked at; a larger one is dropped with one ERROR line. Bodies above it
+/// are not kept even while they arrive, so that a service cannot make the application hold more.
+constexpr int32_t kMaxPushedBytes = 64 << 20;
+
 class ClientProtocal {
  public:
   /// The single entry for complete replies. Called on an engine's own thread; may wait while the callback

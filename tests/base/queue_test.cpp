@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <memory>
 #include <vector>
 
 #include "base/BoundedQueue.h"
@@ -11,20 +12,26 @@
 #include "support/Support.h"
 
 TEST(BoundedQueue, ProducersBeyondTheCapacityWaitForAPlaceOrTheClose) {
-  BoundedQueue<int> queue(5);
-  std::atomic<int> pushed{0}, refused{0};
+  BoundedQueue<std::unique_ptr<int>> queue(5);
+  std::atomic<int> pushed{3}, refused{0};
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(queue.tryPush(std::make_unique<int>(i)));
   std::vector<std::thread> producers;
-  for (int i = 0; i < 12; ++i) {
+  for (int i = 0; i < 9; ++i) {
     producers.emplace_back([&, i] { ++(queue.push(std::make_unique<int>(i)) ? pushed : refused); });
   }
   for (int taken = 0; taken <= 3; ++taken) {
     EXPECT_TRUE(taken == 0 || queue.tryPop() != nullptr);
     ASSERT_TRUE(eventually([&] { return pushed == 5 + taken; }));
     EXPECT_EQ(queue.size(), 5u);
+    EXPECT_FALSE(queue.tryPush(std::make_unique<int>(0)));
   }
+  EXPECT_NE(queue.tryPopQuietly(), nullptr);
+  EXPECT_EQ(queue.size(), 4u) << "whoever waits does not know of the place yet";
+  queue.freePlaces();
+  ASSERT_TRUE(eventually([&] { return pushed == 9; }));
   for (int i = 0; i < 2; ++i) queue.close();
   for (auto& producer : producers) producer.join();
-  EXPECT_EQ(refused, 4);
+  EXPECT_EQ(refused, 3);
   EXPECT_FALSE(queue.push(std::make_unique<int>(99)));
   for (int i = 0; i < 5; ++i) EXPECT_NE(queue.tryPop(), nullptr) << "what was queued stays for the consumer";
   EXPECT_EQ(queue.tryPop(), nullptr);
@@ -36,9 +43,9 @@ TEST(Descriptors, AreAboveTwoAndCloseOnExecEvenWhereTheApplicationClosedTheFirst
     for (const int fd : {0, 1, 2}) close(fd);
     WakePipe pipe;
     const bool opened = pipe.open() == 0;
-    const int file = openForReading("/proc/self/stat");
-    bool good = opened && file > 2 && pipe.readEnd() > 2 && pipe.writeEnd() > 2;
-    for (const int fd : {file, pipe.readEnd(), pipe.writeEnd()})
+    const int file = openForReading("/proc/self/stat"), socket = openSocket(AF_UNIX, SOCK_STREAM, 0);
+    bool good = opened && file > 2 && socket > 2 && pipe.readEnd() > 2 && pipe.writeEnd() > 2;
+    for (const int fd : {file, socket, pipe.readEnd(), pipe.writeEnd()})
       good = good && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
     for (const int fd : {0, 1, 2}) good = good && fcntl(fd, F_GETFD) == -1;
     _exit(good ? 0 : 1);
@@ -48,11 +55,11 @@ TEST(Descriptors, AreAboveTwoAndCloseOnExecEvenWhereTheApplicationClosedTheFirst
   EXPECT_EQ(status, 0);
 }
 
-TEST(WakePipe, AWakeAfterTheCloseWritesNowhereEvenIfTheNumberIsReused) {
+TEST(WakePipe, AWakeNeverBlocksAndAfterTheCloseWritesNowhereEvenIfTheNumberIsReused) {
   WakePipe pipe;
   ASSERT_EQ(pipe.open(), 0);
   const int writeEnd = pipe.writeEnd();
-  pipe.wake();
+  for (int i = 0; i < 70000; ++i) pipe.wake();
   EXPECT_EQ(pipe.drain(), 4);
   pipe.close();
   int other[2];

@@ -7,7 +7,9 @@
 #include <memory>
 
 #include "bridge/C2Java.h"
+#include "client/client.h"
 #include "support/LogCapture.h"
+#include "support/Support.h"
 
 namespace {
 
@@ -21,6 +23,8 @@ struct Answers {
   std::vector<jint> ints{};
 } g_answers;
 std::vector<std::string> g_asked;
+std::atomic<int> g_delivered{0};  // the types of the reports, as digits
+jint (*g_init)(JNIEnv*, jobject, jstring, jint, jstring) = nullptr;
 const char* const g_text = "text";
 _jclass g_localClass, g_globalClass;
 JNINativeInterface_ g_functions{};
@@ -45,8 +49,11 @@ JniBridge::JniBridge() {
     return g_answers.getEnv;
   };
   g_functions.FindClass = [](JNIEnv*, const char* name) { return asked(name), &g_localClass; };
-  g_functions.RegisterNatives = [](JNIEnv*, jclass, const JNINativeMethod*, jint count) {
-    asked(std::to_string(count) + " natives");
+  g_invocations.AttachCurrentThread = [](JavaVM*, void** out, void*) -> jint {
+    return *out = &g_env, JNI_OK;
+  };
+  g_functions.RegisterNatives = [](JNIEnv*, jclass, const JNINativeMethod* methods, jint) {
+    g_init = reinterpret_cast<decltype(g_init)>(methods[1].fnPtr);
     return g_answers.registration;
   };
   g_functions.NewGlobalRef = [](JNIEnv*, jobject) -> jobject { return &g_globalClass; };
@@ -59,20 +66,14 @@ JniBridge::JniBridge() {
     return reinterpret_cast<jbyteArray>(g_answers.hasMemory ? &g_answers : nullptr);
   };
   g_functions.SetByteArrayRegion = [](JNIEnv*, jbyteArray, jsize, jsize, const jbyte*) {};
-  g_functions.CallStaticVoidMethodV = [](JNIEnv*, jclass, jmethodID, va_list) { asked("onData"); };
+  g_functions.CallStaticVoidMethodV = [](JNIEnv*, jclass, jmethodID, va_list arguments) {
+    g_delivered = g_delivered * 10 + va_arg(arguments, jint);
+  };
   g_functions.GetStringUTFChars = [](JNIEnv*, jstring, jboolean*) { return g_text; };
   g_functions.ReleaseStringUTFChars = [](JNIEnv*, jstring, const char* text) { asked(text); };
   g_functions.GetArrayLength = [](JNIEnv*, jarray) { return static_cast<jsize>(g_answers.ints.size()); };
   g_functions.GetIntArrayElements = [](JNIEnv*, jintArray, jboolean*) { return g_answers.ints.data(); };
   g_functions.ReleaseIntArrayElements = [](JNIEnv*, jintArray, jint*, jint m) { asked(std::to_string(m)); };
-}
-
-TEST_F(JniBridge, LoadingRegistersTheNativesAndKeepsTheMachineAndTheClass) {
-  EXPECT_EQ(JNI_OnLoad(&g_vm, nullptr), 0x10006);
-  EXPECT_EQ(g_jvm, &g_vm);
-  EXPECT_EQ(g_classUdpEngine, &g_globalClass);
-  EXPECT_EQ(g_asked[0], "com/tarn/performance/TarnBoosterJNI");
-  EXPECT_EQ(g_asked[1], "23 natives");
 }
 
 TEST_F(JniBridge, ALoadThatFailsLeavesNothingAndSaysWhy) {
@@ -97,8 +98,10 @@ TEST_F(JniBridge, AReportThatCannotBeDeliveredIsDropped) {
   g_answers.hasOnData = false;
   c2Java_OnData(&g_env, 1, 2, 3, 4, 5, nullptr, 0);
   c2Java_OnData(nullptr, 1, 2, 3, 4, 5, nullptr, 0);
-  EXPECT_THAT(g_asked, ElementsAre("onData", "DeleteLocalRef", "ExceptionClear", "ExceptionClear"));
-  EXPECT_THAT(m_log.linesWith(""), ElementsAre(EndsWith("]\"Not init env\"")));
+  EXPECT_THAT(g_asked, ElementsAre("DeleteLocalRef", "ExceptionClear", "ExceptionClear"));
+  EXPECT_EQ(g_delivered, 2);
+  EXPECT_THAT(m_log.linesWith(""),
+              ElementsAre(EndsWith("]\"array of 0 bytes not allocated\""), EndsWith("]\"Not init env\"")));
 }
 
 TEST_F(JniBridge, ArgumentsAreCopiedAndReleasedAndNoneAreNull) {
@@ -115,6 +118,26 @@ TEST_F(JniBridge, ArgumentsAreCopiedAndReleasedAndNoneAreNull) {
     EXPECT_EQ(copy == nullptr, ints.empty());
   }
   EXPECT_THAT(g_asked, ElementsAre("text", "0", "0"));
+}
+
+TEST_F(JniBridge, TheCallbackThreadIsTriedAgainAndDropsWhatComesWhileDisabled) {
+  JNI_OnLoad(&g_vm, nullptr);
+  g_delivered = 0;
+  g_threadError = EAGAIN;
+  EXPECT_EQ(g_init(&g_env, nullptr, nullptr, 0, nullptr), 0);
+  EXPECT_EQ(m_log.count("6 [com_tarn_performance_TarnBoosterJNI.cpp,startCallbackThread:"), 1);
+  g_threadError = 0;
+  g_client.setEnable(false);
+  g_functions.DeleteLocalRef = [](JNIEnv*, jobject) {};
+  g_init(&g_env, nullptr, nullptr, 0, nullptr);
+  EXPECT_TRUE(eventually([] { return stateOf("tarn-callback") != 0; }));
+  const std::vector<uint8_t> all(Callback::kPendingBytes);
+  // The third waits until the second was taken, and by then the first has been dropped.
+  for (int i = 0; i < 3; ++i) g_callback.pushCallback(8, 0, 0, 0, 0, all.data(), all.size());
+  g_client.setEnable(true);
+  g_callback.pushCallback(1, 0, 5, 0, 0, nullptr, 0);
+  EXPECT_TRUE(eventually([] { return g_delivered % 10 == 1; }));
+  EXPECT_LT(g_delivered, 1000) << "at most the last two were delivered";
 }
 
 }  // namespace

@@ -101,6 +101,9 @@ TEST_F(CpuLoad, EverySampleChargesTheTicksSinceTheLastCountedOne) {
   write(m_statFile, statText(100, 0));
   ThreadJiffiesMonitor monitor(kTid, 0, m_root, 4);
   ASSERT_TRUE(monitor.prepare());
+  const auto start = std::chrono::steady_clock::now();
+  ThreadJiffiesMonitor(kTid, 20, m_root, 4).sleepPeriod();
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
   const char* const at2 = "1800000\n";  // the frequency of CPU 2
   const std::tuple<const char*, std::string, const char*, int32_t> steps[] = {
       {"an idle thread", statText(100, 0), at2, 0},
@@ -184,6 +187,7 @@ TEST_F(CpuLoad, AStopThatWaitsForItsSamplerHoldsNoLock) {
   fs::create_directories(cpuFolder(0) + "/cpufreq");
   ASSERT_EQ(mkfifo(frequencyFile(0).c_str(), 0600), 0);  // a sampler waits in there for a writer
   const int32_t stuck = startTrace(kTid, 0, m_root, 1);
+  ASSERT_TRUE(eventually([] { return stateOf("tarn-sampler") == 'S'; })) << "it sleeps nowhere but in there";
   auto waiting = std::async(std::launch::async, stopTraceCpuLoad, stuck);
   EXPECT_TRUE(eventually([&] {
     const std::unique_lock<std::mutex> lock(g_monitorsLock, std::try_to_lock);

@@ -93,13 +93,14 @@ TEST(ReplyFraming, TheBodyCountKeptFromAnEarlierReplyIsWhereTheNextBodyStarts) {
   }
 }
 
-long residentPages() {
-  long pages = 0;
-  std::ifstream("/proc/self/statm") >> pages >> pages;
+long residentPages(long* addressed = nullptr) {
+  long all = 0, pages = 0;
+  std::ifstream("/proc/self/statm") >> all >> pages;
+  if (addressed != nullptr) *addressed = all;
   return pages;
 }
 
-TEST(ReplyFraming, AClaimedLengthCostsNoMemoryAndAnImpossibleOneIsOneErrorLine) {
+TEST(ReplyFraming, ALengthCostsNoMemoryForLongAndAnImpossibleOneIsOneErrorLine) {
   Owner owner;
   Engine engine(&owner);
   const Bytes huge = reply(1010, 0).substr(0, 12) + hex("FFFFFF7F") + Bytes(16, '\0');
@@ -107,6 +108,19 @@ TEST(ReplyFraming, AClaimedLengthCostsNoMemoryAndAnImpossibleOneIsOneErrorLine) 
   EXPECT_EQ(engine.read(huge + Bytes(4096, 'x')), 0);
   // The emulator itself keeps a record of each page that is mapped.
   EXPECT_LT(residentPages() - before, getenv("TARN_EMULATED") != nullptr ? 16384 : 1024);
+
+  long addressed = 0, afterwards = 0;
+  residentPages(&addressed);
+  Owner listener;
+  Engine reused(&listener);
+  for (int i = 0; i < 64; ++i) reused.read(kPlain + reply(1011, 0, Bytes(1 << 20, 'b')));
+  reused.read(kPlain + reply(1010, 0).substr(0, 12) + hex("00000005") +
+              Bytes(16, '\0'));  // 80 MiB and 5 bytes
+  const Bytes part(1 << 20, 'b');
+  for (int i = 0; i < 79; ++i) reused.read(part);
+  listener.m_got.clear();
+  EXPECT_LT(residentPages(&afterwards) - before, 200 << 8) << "what is too long to be delivered is not kept";
+  EXPECT_LT(afterwards - addressed, 200 << 8) << "bodies are released";
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   if (getenv("TARN_EMULATED") != nullptr) GTEST_SKIP() << "the emulator does not limit the address space";
@@ -134,6 +148,30 @@ TEST(ReplyFraming, OtherEventsAreTracedAndEveryPeerIsRefused) {
             1);
   EXPECT_EQ(engine.recvEvent(EVENT_ACCEPT, 9, 0, "peer", nullptr, 0), -1);
   EXPECT_EQ(log.count("ERR EVENT"), 0) << "debugging is off";
+}
+
+TEST(ReplyFilter, PendingPayloadIsBoundedInBytesButOneReportIsAlwaysAdmitted) {
+  Callback queue;
+  const LogCapture log;
+  Filter filter;
+  filter.m_sink = &queue;
+  const Bytes large(Callback::kPendingBytes + 1, 'x');
+  filter.onCallback(0, 1010, 0, 0, 0, reinterpret_cast<const uint8_t*>(large.data()), large.size());
+  EXPECT_EQ(log.count("6 [protocol.cpp,onCallback:"), 1) << "dropped unread";
+  std::atomic<int> pushed{0};
+  std::thread producer([&] {
+    for (const size_t length : {large.size(), size_t{1}, Callback::kPendingBytes, size_t{1}}) {
+      queue.pushCallback(2, 0, 0, 1010, 0, reinterpret_cast<const uint8_t*>(large.data()), length);
+      ++pushed;
+    }
+  });
+  for (const int count : {1, 2, 3, 4}) {
+    EXPECT_TRUE(eventually([&] { return pushed == count; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(pushed, count);
+    queue.take();
+  }
+  producer.join();
 }
 
 TEST(ReplyFilter, QueuesStatusesAndPushesInOrderAndTracesTheRest) {
@@ -172,13 +210,13 @@ TEST(ReplyFilter, QueuesStatusesAndPushesInOrderAndTracesTheRest) {
   for (const auto& c : cases) {
     if (c.type == 0) continue;
     const auto info = queue.take();
-    EXPECT_EQ(info->type, c.type);
-    EXPECT_EQ(info->timestamp, c.type == 1 ? 9000 : 0);
-    EXPECT_EQ(info->status, c.status);
-    EXPECT_EQ(info->funcid, c.funcid);
-    EXPECT_EQ(info->code, c.type == 1 ? 0 : 7);
-    EXPECT_EQ(Bytes(reinterpret_cast<char*>(info->data.get()), info->len), c.queued);
-    EXPECT_EQ(info->data == nullptr, c.queued.empty());
+    EXPECT_EQ(info.type, c.type);
+    EXPECT_EQ(info.timestamp, c.type == 1 ? 9000 : 0);
+    EXPECT_EQ(info.status, c.status);
+    EXPECT_EQ(info.funcid, c.funcid);
+    EXPECT_EQ(info.code, c.type == 1 ? 0 : 7);
+    EXPECT_EQ(Bytes(reinterpret_cast<char*>(info.data.get()), info.len), c.queued);
+    EXPECT_EQ(info.data == nullptr, c.queued.empty());
   }
 }
 

@@ -11,6 +11,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -29,6 +31,17 @@ inline bool eventually(const std::function<bool()>& condition) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
+}
+
+/// The state ('S' sleeps, 'R' runs) of this process's thread of that name; 0 when there is none.
+inline char stateOf(const std::string& thread) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name, status;
+    std::getline(std::ifstream(entry.path() / "comm"), name);
+    std::getline(std::ifstream(entry.path() / "stat"), status);
+    if (name == thread && status.size() > status.rfind(')') + 2) return status[status.rfind(')') + 2];
+  }
+  return 0;
 }
 
 /// Bytes from hexadecimal digits; blanks are ignored.
