@@ -7,6 +7,7 @@
 
 #include "base/log.h"
 #include "shared/LibraryLog.h"
+#include "tools/check/CheckCommand.h"
 #include "tools/cli/Program.h"
 
 namespace {
@@ -53,6 +54,7 @@ int program(int argc, char** argv) {
   bool verbose = false;
   app.add_flag("-v,--verbose", verbose, "Show the log of the UDP transport, too");
   cli::addRequests(app, program, arguments);
+  check::addCheckCommand(app, program);
   app.footer(std::string(kExamples) + cli::kExitCodes);  // now, so that the subcommands do not inherit it
   try {
     app.parse(argc, argv);

@@ -1,0 +1,169 @@
+#include "tools/check/CheckCommand.h"
+
+#include <fmt/format.h>
+#include <fnmatch.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+
+#include "shared/Text.h"
+#include "tools/check/Check.h"
+#include "tools/check/Reports.h"
+#include "tools/cli/Values.h"
+
+namespace check {
+namespace {
+
+const char kAbout[] =
+    "Examines any service: numbered cases, each with what was sent, what was expected and what came";
+
+const char kFooter[] =
+    "\nA case passes, fails, is skipped when it cannot be tried, or passes with notes: the service does\n"
+    "something else than the reference service, which is lawful. Effects are tried on a thread of this\n"
+    "program. Cases that may harm the service or its other clients need --destructive. --answer-within is\n"
+    "2000 here unless given.\n"
+    "\nExamples:\n"
+    "  tarnbooster check --socket demo\n"
+    "  tarnbooster check --udp 127.0.0.1:4711 --brief\n"
+    "  tarnbooster check 'framing.*' answers.in-order 12 --skip '*.large-body'\n"
+    "  tarnbooster check --strict --junit check.xml\n"
+    "  tarnbooster check --list\n"
+    "\nExit codes: 0 no case has failed, 1 one has (or, with --strict, has notes), 2 wrong options,\n"
+    "3 no service is there, 7 the output could not be written.\n";
+
+struct Options {
+  Settings settings;
+  std::vector<std::string> chosen, skipped;
+  std::string junit;
+  bool list = false, strict = false, brief = false;
+};
+
+bool matches(const std::vector<std::string>& patterns, int number, const char* name) {
+  return std::any_of(patterns.begin(), patterns.end(), [&](const std::string& pattern) {
+    return pattern == std::to_string(number) || fnmatch(pattern.c_str(), name, 0) == 0;
+  });
+}
+
+/// The numbers of the cases that are meant; those of the other transport are left out unless they are listed.
+std::vector<int> choose(const Options& options) {
+  std::vector<int> numbers;
+  const unsigned transport = options.settings.target.isUdp() ? UDP : LOCAL;
+  for (int number = 1; number <= static_cast<int>(allCases().size()); ++number) {
+    const Case& which = allCases()[static_cast<size_t>(number - 1)];
+    if (!options.chosen.empty() && !matches(options.chosen, number, which.name)) continue;
+    if (matches(options.skipped, number, which.name)) continue;
+    if (!options.list && (which.flags & transport) == 0) continue;
+    if (!options.list && (which.flags & DESTRUCTIVE) != 0 && !options.settings.destructive) continue;
+    numbers.push_back(number);
+  }
+  return numbers;
+}
+
+int list(const Options& options) {
+  std::string text;
+  for (const int number : choose(options)) {
+    const Case& which = allCases()[static_cast<size_t>(number - 1)];
+    text += fmt::format("{:3} {:28} {:13} {}\n{:46}{}\n", number, which.name,
+                        (which.flags & DESTRUCTIVE) != 0 ? "--destructive"
+                        : (which.flags & BOTH) == BOTH   ? "both"
+                        : (which.flags & BOTH) == LOCAL  ? "--socket"
+                                                         : "--udp",
+                        which.sends, "", which.expects);
+  }
+  return cli::writeOut(text) ? cli::EXIT_ANSWERED : cli::EXIT_OUTPUT;
+}
+
+void showProgress(const Case& which, size_t done, size_t all) {
+  if (isatty(STDERR_FILENO) == 0) return;
+  fmt::print(stderr, "\r\033[K{}/{} {}", done + 1, all, which.name);
+  fflush(stderr);
+}
+
+void endProgress() {
+  if (isatty(STDERR_FILENO) != 0) fputs("\r\033[K", stderr);
+}
+
+bool write(const std::string& path, const std::string& text) {
+  std::ofstream file(path);
+  file << text;
+  file.close();
+  if (file) return true;
+  cli::fail(cli::EXIT_OUTPUT, "cannot write " + path + ": " + shared::errorText(errno));
+  return false;
+}
+
+int run(Options& options, const cli::Program& program) {
+  if (options.list) return list(options);
+  options.settings.target = program.target;
+  const std::vector<int> numbers = choose(options);
+  if (numbers.empty()) return cli::fail(cli::EXIT_USAGE, "no case is left to try: --list shows all, and what each needs");
+  std::string problem;
+  if (client::connectTo(program.target, problem) == nullptr) return cli::fail(cli::EXIT_NO_SERVICE, problem);
+  survey(options.settings);
+  std::vector<Result> results;
+  Totals totals;
+  bool written = true;
+  const int64_t start = client::steadyMs();
+  for (const int number : numbers) {
+    const Case& which = allCases()[static_cast<size_t>(number - 1)];
+    showProgress(which, results.size(), numbers.size());
+    results.push_back(runCase(number, which, options.settings));
+    totals.add(results.back().verdict);
+    endProgress();
+    written = cli::writeOut(program.json ? jsonOf(results.back()) : textOf(results.back(), options.brief)) &&
+              written;
+  }
+  const int64_t took = client::steadyMs() - start;
+  written = cli::writeOut(program.json ? jsonOf(totals, took) : textOf(totals, took)) && written;
+  if (!options.junit.empty()) {
+    written = write(options.junit, junitOf(results, program.target.text(), options.strict)) && written;
+  }
+  if (!written) return cli::EXIT_OUTPUT;
+  return totals.failed > 0 || (options.strict && totals.noted > 0) ? cli::EXIT_REFUSED : cli::EXIT_ANSWERED;
+}
+
+}  // namespace
+
+void addCheckCommand(CLI::App& app, cli::Program& program) {
+  const auto options = std::make_shared<Options>();
+  CLI::App* const sub = app.add_subcommand("check", kAbout)->group("Examining a service");
+  Settings& settings = options->settings;
+  sub->footer(kFooter);
+  sub->fallthrough();
+  sub->add_option("case", options->chosen,
+                  "Names or numbers of cases; * and ? stand for others (default: all)")
+      ->type_name("CASE");
+  sub->add_option("--skip", options->skipped, "Leave these cases out; may be repeated")
+      ->type_name("CASE")
+      ->allow_extra_args(false);
+  sub->add_flag("--list", options->list, "List the cases, and try none");
+  sub->add_flag("--strict", options->strict, "A case with notes counts as failed");
+  sub->add_flag("--brief", options->brief, "One line for each case that passes");
+  sub->add_flag("--destructive", settings.destructive,
+                "Also try what may harm the service, its clients or the machine");
+  sub->add_option("--junit", options->junit, "Write the results as JUnit's XML, too")->type_name("FILE");
+  sub->add_option("--clients", settings.clients, "How many clients to be at once")
+      ->type_name("N")
+      ->capture_default_str()
+      ->check(cli::decimal(2, 1000));
+  sub->add_option("--push-within", settings.pushWithinMs, "How long to wait for pushes, in milliseconds")
+      ->type_name("MS")
+      ->capture_default_str()
+      ->check(cli::decimal(1, 3600000));
+  sub->add_option("--quiet-for", settings.quietMs,
+                  "How long to listen for what must not come, in milliseconds")
+      ->type_name("MS")
+      ->capture_default_str()
+      ->check(cli::decimal(1, 60000));
+  sub->callback([&app, options, &program] {
+    if (app.count("--answer-within") > 0) options->settings.answerWithinMs = program.how.answerWithinMs;
+    program.run = [options, &program] { return run(*options, program); };
+  });
+}
+
+}  // namespace check

@@ -1,0 +1,29 @@
+// What the checker says: for people, for programs, for build servers.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/check/Case.h"
+
+namespace check {
+
+/// The counts of a run.
+struct Totals {
+  int passed = 0, noted = 0, failed = 0, skipped = 0;
+  void add(Verdict verdict);
+};
+
+/// A case as lines of text.
+/// brief  one line, unless it has failed or has notes
+std::string textOf(const Result& result, bool brief);
+std::string textOf(const Totals& totals, int64_t tookMs);
+
+/// A case as one JSON object.
+std::string jsonOf(const Result& result);
+std::string jsonOf(const Totals& totals, int64_t tookMs);
+
+/// A run as JUnit's XML. strict  whether a note counts as a failure
+std::string junitOf(const std::vector<Result>& results, const std::string& service, bool strict);
+
+}  // namespace check
