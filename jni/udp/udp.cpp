@@ -90,7 +90,7 @@ bool UDP::hand(std::unique_ptr<SendPack> message, bool wait) {
   const bool queued = wait ? m_requests.push(std::move(message)) : m_requests.tryPush(std::move(message));
   if (queued) {
     m_pushes.fetch_add(1);
-    if (m_asleep.exchange(false)) m_wake.wake();
+    m_wake.wakeSleeper();
   }
   // Under the lock: once it is released and the count is 0, stop() returns and this object may be gone.
   std::lock_guard<std::mutex> lock(m_callersLock);

@@ -308,7 +308,6 @@ class UDP {
   std::atomic<bool> m_stopping{false};
   std::atomic<pid_t> m_loopThread{0};  // who runs loop(), or 0
   std::atomic<unsigned> m_pushes{0};   // messages queued so far
-  std::atomic<bool> m_asleep{false};   // the loop waits, or is about to: whoever queues a message wakes it
   std::mutex m_callersLock;
   std::condition_variable m_callersGone;
   int m_callers = 0;  // callers inside queueMessage(); guarded by m_callersLock

@@ -52,12 +52,10 @@ int UDP::startLoop() {
   // What was taken may have been empty and so have started nothing that would wake us for the next message.
   bool again = taken != 0 && m_requests.front() != nullptr;
   if (!again) {
-    m_asleep.store(true);
+    m_wake.goToSleep();
     again = m_pushes.load() != pushes;  // queued since the pump looked, and nobody may have woken us
   }
-  const int result = eventloop(timeout, now, again ? 0 : waitLimit(timeout, now));
-  m_asleep.store(false);
-  return result;
+  return eventloop(timeout, now, again ? 0 : waitLimit(timeout, now));
 }
 
 // The longest wait of a round in milliseconds, -1 without limit: until the nearest timer falls due, or until
