@@ -9,6 +9,7 @@
 #include "shared/LibraryLog.h"
 #include "tools/check/CheckCommand.h"
 #include "tools/cli/Program.h"
+#include "tools/record/Commands.h"
 
 namespace {
 
@@ -55,6 +56,7 @@ int program(int argc, char** argv) {
   app.add_flag("-v,--verbose", verbose, "Show the log of the UDP transport, too");
   cli::addRequests(app, program, arguments);
   check::addCheckCommand(app, program);
+  record::addCommands(app, program);
   app.footer(std::string(kExamples) + cli::kExitCodes);  // now, so that the subcommands do not inherit it
   try {
     app.parse(argc, argv);

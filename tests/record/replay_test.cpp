@@ -158,6 +158,44 @@ TEST(Replay, TellsEveryDifferenceAndSendsWhatWasSent) {
   }
 }
 
+/// What a shell prints, and its exit code in the last line.
+std::string shell(const std::string& command) {
+  FILE* const pipe =
+      popen(("exec 2>&1; tool='" TARNBOOSTER_TOOL "'; " + command + "; echo \"rc $?\"").c_str(), "r");
+  std::string output;
+  char text[4096];
+  for (size_t count = 0; (count = fread(text, 1, sizeof(text), pipe)) > 0;) output.append(text, count);
+  pclose(pipe);
+  return output;
+}
+
+TEST(Replay, TheSubcommandsRecordUntilTheyAreToldToEndAndExitCodesTellTheOutcome) {
+  const TemporaryFile file;
+  RunningService service, other(service::Policy{{{1001, 5}}});
+  const std::string as = uniqueName(), where = " --socket " + service.name() + " ";
+  EXPECT_THAT(
+      shell("$tool" + where + "record --as " + as + " --write " + file.path +
+            " & r=$!; for i in 1 2 3 4 5 6 7 8 9; do sleep 0.2; $tool --socket " + as +
+            " check-permission && break; done; kill -INT $r; wait $r"),
+      testing::AllOf(HasSubstr("status 0"), HasSubstr("1 requests and 1 replies over 1 connections in "),
+                     HasSubstr("rc 0\n")));
+  const struct {
+    std::string command;
+    const char* says;
+  } cases[] = {
+      {where + "replay " + file.path, "1 answers and 0 pushes compared, 0 differences\nrc 0\n"},
+      {" --socket " + other.name() + " replay --fast " + file.path, "status 5 came, 0 was recorded"},
+      {" --socket " + other.name() + " replay -q " + file.path, "recorded\nrc 1\n"},
+      {" --socket " + as + " replay " + file.path, "is it running?\n0 requests"},
+      {" --socket " + as + " replay -q " + file.path, "rc 3\n"},
+      {where + "replay /nowhere", "cannot read /nowhere: No such file or directory\nrc 6\n"},
+      {where + "record --as " + service.name() + " --write /nowhere", "is in use"},
+      {where + "record --as " + as + " --write /dev/full", "No space left on device\nrc 7\n"},
+      {where + "record --as " + as, "--write is required"},
+  };
+  for (const auto& c : cases) EXPECT_THAT(shell("$tool" + c.command), HasSubstr(c.says));
+}
+
 TEST(Replay, SaysWhenItCannot) {
   const Written written({{kOut, request(1001)}, {kIn, reply(1001, 0, "", 5)}});
   client::Target nobody;

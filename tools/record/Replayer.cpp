@@ -127,8 +127,10 @@ void Replayer::send(Channel& channel, const std::string& bytes) {
   const size_t length =
       isRequest ? kHeaderBytes + size_t{read32le(header + request_header::kDataLen)} : count;
   if (count < length && m_left[channel.number - 1] > 0) return;  // its other pieces follow
-  if (!channel.isOpen) {
-    if (!m_result.lost && !m_result.noService) {
+  if (channel.connection == nullptr) {
+    // said when it was not to be had
+  } else if (!channel.isOpen) {
+    if (!m_result.lost) {
       m_differs(
           fmt::format("connection {}: the service has closed it before the last request", channel.number));
     }
