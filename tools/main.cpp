@@ -68,7 +68,7 @@ int program(int argc, char** argv) {
     if (!problem.empty()) throw CLI::ValidationError(problem);
   } catch (const CLI::Success& asked) {
     app.exit(asked);
-    return fflush(stdout) == 0 ? cli::EXIT_ANSWERED : cli::EXIT_OUTPUT;
+    return fflush(stdout) == 0 && ferror(stdout) == 0 ? cli::EXIT_ANSWERED : cli::EXIT_OUTPUT;
   } catch (const CLI::ParseError& error) {
     return cli::fail(cli::EXIT_USAGE, std::string(error.what()) + " (--help tells more)");
   }

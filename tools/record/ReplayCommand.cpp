@@ -63,7 +63,7 @@ int replay(const cli::Program& program, const ReplayCommandOptions& options) {
     printf("%zu requests over %zu connections: %zu answers and %zu pushes compared, %zu differences\n",
            result.requests, result.connections, result.answers, result.pushes, result.differences);
   }
-  return fflush(stdout) == 0 ? exitCode(result) : cli::EXIT_OUTPUT;
+  return fflush(stdout) == 0 && ferror(stdout) == 0 ? exitCode(result) : cli::EXIT_OUTPUT;
 }
 
 }  // namespace
