@@ -14,6 +14,7 @@
 #include "service/server/Server.h"
 #include "shared/Address.h"
 #include "shared/LibraryLog.h"
+#include "shared/Manual.h"
 #include "shared/Text.h"
 
 namespace {
@@ -146,6 +147,7 @@ int program(int argc, char** argv) {
   CLI::App app(kAbout, "tarnbooster-service");
   Options options;
   describeOptions(app, options);
+  shared::addManual(app, 8, "tarnbooster(1)");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

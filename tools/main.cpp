@@ -7,9 +7,9 @@
 
 #include "base/log.h"
 #include "shared/LibraryLog.h"
+#include "shared/Manual.h"
 #include "tools/check/CheckCommand.h"
 #include "tools/cli/Program.h"
-#include "tools/record/Commands.h"
 
 namespace {
 
@@ -56,8 +56,8 @@ int program(int argc, char** argv) {
   app.add_flag("-v,--verbose", verbose, "Show the log of the UDP transport, too");
   cli::addRequests(app, program, arguments);
   check::addCheckCommand(app, program);
-  record::addCommands(app, program);
   app.footer(std::string(kExamples) + cli::kExitCodes);  // now, so that the subcommands do not inherit it
+  shared::addManual(app, 1, "tarnbooster-service(8)");
   try {
     app.parse(argc, argv);
     if (program.run == nullptr) throw CLI::ValidationError("no subcommand is given");
@@ -68,7 +68,7 @@ int program(int argc, char** argv) {
     if (!problem.empty()) throw CLI::ValidationError(problem);
   } catch (const CLI::Success& asked) {
     app.exit(asked);
-    return fflush(stdout) == 0 && ferror(stdout) == 0 ? cli::EXIT_ANSWERED : cli::EXIT_OUTPUT;
+    return fflush(stdout) == 0 ? cli::EXIT_ANSWERED : cli::EXIT_OUTPUT;
   } catch (const CLI::ParseError& error) {
     return cli::fail(cli::EXIT_USAGE, std::string(error.what()) + " (--help tells more)");
   }
