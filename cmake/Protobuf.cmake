@@ -7,8 +7,10 @@
 option(TARNBOOSTER_STATIC_PROTOBUF "Compile the protobuf runtime in, hidden, from its sources" ${ANDROID})
 set(TARNBOOSTER_PROTOBUF_SOURCE "" CACHE PATH "Top folder of the protobuf sources; fetched when empty")
 set(TARNBOOSTER_PROTOBUF_VERSION 3.21.12)  # the wire format is stable, the generated code's fit to the runtime is not
-set(TARNBOOSTER_PROTOBUF_URL "https://github.com/protocolbuffers/protobuf/archive/refs/tags/v21.12.tar.gz"
+set(TARNBOOSTER_PROTOBUF_URL "https://github.com/protocolbuffers/protobuf/archive/refs/tags/v3.21.12.tar.gz"
     CACHE STRING "Archive of the protobuf sources, fetched when TARNBOOSTER_PROTOBUF_SOURCE is empty")
+# Of that archive, wherever it comes from; Debian's protobuf_3.21.12.orig.tar.gz is the same.
+set(protobuf_hash SHA256=930c2c3b5ecc6c9c12615cf5ad93f1cd6e12d0aba862b572e076259970ac3a53)
 
 # CMAKE_FIND_ROOT_PATH is for what goes into the result; protoc runs here.
 find_program(TARNBOOSTER_PROTOC protoc REQUIRED NO_CMAKE_FIND_ROOT_PATH
@@ -30,7 +32,8 @@ if(NOT protobuf_source)
     cmake_policy(SET CMP0135 NEW)  # unpacked files are as new as the fetch, so that a changed URL rebuilds
   endif()
   # SOURCE_SUBDIR names no folder of the archive: its sources are wanted, not its build.
-  FetchContent_Declare(tarnbooster_protobuf_source URL "${TARNBOOSTER_PROTOBUF_URL}" SOURCE_SUBDIR sources-only)
+  FetchContent_Declare(tarnbooster_protobuf_source URL "${TARNBOOSTER_PROTOBUF_URL}" URL_HASH ${protobuf_hash}
+    SOURCE_SUBDIR sources-only)
   FetchContent_MakeAvailable(tarnbooster_protobuf_source)
   set(protobuf_source "${tarnbooster_protobuf_source_SOURCE_DIR}")
 endif()

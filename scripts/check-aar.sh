@@ -8,7 +8,7 @@ if [ $# -ne 1 ] || [ "$1" = --help ]; then
 usage: scripts/check-aar.sh AAR
 
 Checks an Android package: its files and no others, the manifest's minimum API level, classes for Java 8 with
-the natives and onData, rules for the shrinker, an arm64 library fit to be loaded (scripts/check-library.sh),
+the natives and onData, rules for the shrinker, for each ABI a library fit to be loaded (scripts/check-library.sh),
 the same one for native code, with the header and descriptions that Prefab reads. Exit status 0 when all is well.
 HELP
   [ $# -eq 1 ]
@@ -22,18 +22,19 @@ tree=$(mktemp -d)
 trap 'rm -rf "$tree"' EXIT
 cd "$tree"
 jar --extract --file "$package" || die "$package is no archive"
+useReadelf
+abis=$(cd jni 2>/dev/null && ls) || die "there is no library in the package"
 
-wanted='AndroidManifest.xml
-R.txt
-classes.jar
-jni/arm64-v8a/libtarnbooster.so
-prefab/modules/tarnbooster/include/tarnbooster/tarnbooster.h
-prefab/modules/tarnbooster/libs/android.arm64-v8a/abi.json
-prefab/modules/tarnbooster/libs/android.arm64-v8a/libtarnbooster.so
-prefab/modules/tarnbooster/module.json
-prefab/prefab.json
-proguard.txt'
-diff <(echo "$wanted") <(find . -type f -printf '%P\n' | LC_ALL=C sort) || die "these files are missing (<) or unwanted (>)"
+module=prefab/modules/tarnbooster
+wanted() {
+  printf '%s\n' AndroidManifest.xml META-INF/com/android/build/gradle/aar-metadata.properties R.txt classes.jar proguard.txt \
+    prefab/prefab.json $module/module.json $module/include/tarnbooster/tarnbooster.h
+  printf 'jni/%s/libtarnbooster.so\n' $abis
+  printf "$module/libs/android.%s/abi.json\n" $abis
+  printf "$module/libs/android.%s/libtarnbooster.so\n" $abis
+}
+diff <(wanted | LC_ALL=C sort) <(find . -type f | sed 's,^\./,,' | LC_ALL=C sort) ||
+  die "these files are missing (<) or unwanted (>)"
 
 grep -q 'android:minSdkVersion="24"' AndroidManifest.xml || die "the manifest has another minimum API level than 24"
 grep -q 'package="com.tarn.performance"' AndroidManifest.xml || die "the manifest names another package"
@@ -48,11 +49,6 @@ natives=$(javap -p -cp classes com.tarn.performance.TarnBoosterJNI)
 grep -q 'static void onData(int, long, int, int, int, byte\[\])' <<<"$natives" || die "the class has no onData"
 grep -q 'native <methods>' proguard.txt && grep -q 'onData' proguard.txt || die "proguard.txt does not keep the natives and onData"
 
-readelf -h jni/arm64-v8a/libtarnbooster.so | grep -q 'Machine: *AArch64' || die "the library is not for arm64"
-"$ROOT/scripts/check-library.sh" --platform android jni/arm64-v8a/libtarnbooster.so
-cmp jni/arm64-v8a/libtarnbooster.so prefab/modules/tarnbooster/libs/android.arm64-v8a/libtarnbooster.so ||
-  die "Prefab has another library than the application"
-
 # json FILE KEY VALUE: the file is an object whose KEY is VALUE.
 cat >json.cmake <<'CMAKE'
 file(READ "${file}" text)
@@ -62,11 +58,21 @@ if(NOT found STREQUAL value)
 endif()
 CMAKE
 json() { cmake -Dfile="$1" -Dkey="$2" -Dvalue="$3" -P json.cmake; }
-abi=prefab/modules/tarnbooster/libs/android.arm64-v8a/abi.json
 json prefab/prefab.json schema_version 2
 json prefab/prefab.json name tarnbooster
-json prefab/modules/tarnbooster/module.json library_name libtarnbooster
-json $abi abi arm64-v8a
-json $abi api 24
-json $abi static OFF
-printf '%s: whole, %d bytes\n' "$package" "$(stat -c %s "$package")"
+json $module/module.json library_name libtarnbooster
+for abi in $abis; do
+  case $abi in
+    arm64-v8a) machine=AArch64 ;;
+    x86_64) machine=X86-64 ;;
+    *) die "no libraries are made for $abi" ;;
+  esac
+  "$READELF" -h "jni/$abi/libtarnbooster.so" | grep -q "Machine: .*$machine" || die "the library is not for $abi"
+  "$ROOT/scripts/check-library.sh" --platform android "jni/$abi/libtarnbooster.so"
+  cmp "jni/$abi/libtarnbooster.so" "$module/libs/android.$abi/libtarnbooster.so" ||
+    die "Prefab has another library than the application"
+  json "$module/libs/android.$abi/abi.json" abi "$abi"
+  json "$module/libs/android.$abi/abi.json" api 24
+  json "$module/libs/android.$abi/abi.json" static OFF
+done
+printf '%s: whole, for %s, %d bytes\n' "$package" "$(echo $abis)" "$(wc -c <"$package")"

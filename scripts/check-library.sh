@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Checks that a built libtarnbooster.so is fit to be loaded into other people's processes.
-set -euo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 export LC_ALL=C  # the words of readelf are compared
 allowedImports=$(dirname "$0")/allowed-imports.txt
 
@@ -45,14 +45,10 @@ while [ $# -gt 0 ]; do
   esac
 done
 [ -n "$library" ] || { usage >&2; exit 2; }
-# On a machine without binutils, the NDK's.
-for readelf in ${READELF:-readelf llvm-readelf "${ANDROID_NDK_HOME:-}"/toolchains/llvm/prebuilt/*/bin/llvm-readelf} ''; do
-  [ -z "$readelf" ] || ! command -v "$readelf" >/dev/null || break
-done
-[ -n "$readelf" ] || { echo "error: readelf is needed (package binutils, or the NDK)" >&2; exit 2; }
-segments=$("$readelf" -lW "$library") && dynamic=$("$readelf" -dW "$library") &&
-  symbols=$("$readelf" --dyn-syms -W "$library") && sections=$("$readelf" -SW "$library") &&
-  notes=$("$readelf" -nW "$library") ||
+useReadelf
+segments=$("$READELF" -lW "$library") && dynamic=$("$READELF" -dW "$library") &&
+  symbols=$("$READELF" --dyn-syms -W "$library") && sections=$("$READELF" -SW "$library") &&
+  notes=$("$READELF" -nW "$library") ||
   { echo "error: cannot read $library" >&2; exit 2; }
 # The tool itself is content with any file.
 grep -q 'Elf file type is DYN' <<<"$segments" ||
@@ -196,8 +192,8 @@ checkIdentity() {
   local problems='' wanted found
   grep -qE 'Build ID: [0-9a-f]{16}' <<<"$notes" || problems='none'
   report build-id "$problems" "$(sed -n 's/.*Build ID: *//p' <<<"$notes")"
-  wanted=$(sed -n 's/^project(tarnbooster VERSION \([0-9.]*\).*/\1/p' "$(dirname "$0")/../CMakeLists.txt")
-  found=$("$readelf" -p .note.tarnbooster "$library" 2>/dev/null | sed -n 's/^ *\[ *[0-9a-f]*\] *\([0-9][0-9.]*\)$/\1/p') || true
+  wanted=$(projectVersion)
+  found=$("$READELF" -p .note.tarnbooster "$library" 2>/dev/null | sed -n 's/^ *\[ *[0-9a-f]*\] *\([0-9][0-9.]*\)$/\1/p') || true
   problems=''
   [ "$found" = "$wanted" ] || problems="it is '$found', the sources are $wanted"
   report version "$problems" "$found"

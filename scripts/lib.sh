@@ -39,16 +39,33 @@ buildPackages=(g++ lld cmake ninja-build protobuf-compiler libprotobuf-dev andro
   openjdk-17-jdk-headless libjetbrains-annotations-java libcli11-dev libfmt-dev nlohmann-json3-dev)
 # What the tests need beside that.
 testPackages=(clang llvm clang-format clang-tidy libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
-  junit4 proguard-cli android-libnativehelper-dev tshark)
+  junit4 proguard-cli android-libnativehelper-dev tshark groff-base man-db pkg-config systemd)
 
-# useJava17: points JAVA_HOME and PATH at Debian's OpenJDK 17, whatever other Java the machine has.
+# useJava17: points JAVA_HOME and PATH at Debian's OpenJDK 17, whatever other Java the machine has; without it at any
+# JDK from 17 on that JAVA_HOME or PATH leads to.
 useJava17() {
   local home
-  for home in /usr/lib/jvm/java-17-openjdk-*; do
+  for home in /usr/lib/jvm/java-17-openjdk-* "${JAVA_HOME:-}"; do
     if [ -x "$home/bin/javac" ]; then
       export JAVA_HOME=$home PATH=$home/bin:$PATH
+      break
+    fi
+  done
+  javac -version 2>/dev/null | grep -qE '^javac (1[7-9]|[2-9][0-9])' ||
+    die "no JDK from 17 on: install openjdk-17-jdk-headless, or set JAVA_HOME"
+}
+
+# useReadelf: sets READELF, unless it is set, to the machine's readelf or to the NDK's.
+useReadelf() {
+  local readelf
+  for readelf in ${READELF:+"$READELF"} readelf llvm-readelf "${ANDROID_NDK_HOME:-}"/toolchains/llvm/prebuilt/*/bin/llvm-readelf; do
+    if command -v "$readelf" >/dev/null; then
+      export READELF=$readelf
       return 0
     fi
   done
-  die "no OpenJDK 17 under /usr/lib/jvm: install openjdk-17-jdk-headless"
+  die "readelf is needed: install binutils, or set ANDROID_NDK_HOME"
 }
+
+# projectVersion: the one version of library, jar and packages.
+projectVersion() { sed -n 's/^project(tarnbooster VERSION \([0-9.]*\).*/\1/p' "$ROOT/CMakeLists.txt"; }

@@ -9,7 +9,8 @@ if [ "${1:-}" = --help ]; then
 usage: scripts/protobuf-source.sh
 
 Fetches the protobuf source that belongs to this machine's protoc into the user's cache and prints its path
-on standard output. The machine's list of package sources stays as it is.
+on standard output; apt checks it against the signed lists of its archive. The machine's list of package sources
+stays as it is.
 HELP
   exit 0
 fi

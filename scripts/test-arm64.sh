@@ -10,7 +10,7 @@ usage: scripts/test-arm64.sh [--asan] [--no-demo]
 On a Debian machine of another processor: installs a cross compiler and qemu, makes a folder of arm64 packages,
 builds the project for 64-bit Arm Linux with the protobuf runtime compiled in, as Android needs it, and runs the
 unit tests, the tests in an arm64 OpenJDK and the demo under qemu. Then checks the library's file, builds it once
-more as an Android compiler and linker see it, checks that too, and assembles an Android package around it.
+more as an Android compiler and linker see it, for emulators on a PC too, checks that, and assembles an Android package.
 
   --asan     also the library's unit tests under AddressSanitizer and UndefinedBehaviorSanitizer
   --no-demo  without the demo
@@ -57,7 +57,7 @@ step "building for 64-bit Arm"
 build arm64 "$ROOT" "${arm64[@]}"
 step "tests under qemu"
 ctest --test-dir "$BUILD/arm64" --output-on-failure --no-tests=error -j"$(nproc)"
-"$ROOT/scripts/check-library.sh" "$BUILD/arm64/jni/libtarnbooster.so"
+"$ROOT/scripts/check-library.sh" "$BUILD/arm64/jni/stripped/libtarnbooster.so"
 
 if [ "$demo" = yes ]; then
   step "the demo in an arm64 virtual machine"
@@ -74,15 +74,19 @@ if [ "$asan" = yes ]; then
   ctest --test-dir "$BUILD/arm64-asan" --output-on-failure --no-tests=error -j"$(nproc)"
 fi
 
-step "the library in Android's shape, as part of an application"
-build android-shape "$ROOT/cmake/application" --toolchain "$ROOT/cmake/android-shape.cmake" \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo
-library=$BUILD/android-shape/tarnbooster/jni/stripped/libtarnbooster.so
-"$ROOT/scripts/check-library.sh" --imports "$library"
+libraries=()
+for abi in arm64-v8a x86_64; do
+  step "the library in Android's shape for $abi, as part of an application"
+  build "shape-$abi" "$ROOT/cmake/application" --toolchain "$ROOT/cmake/android-shape.cmake" \
+    "-DTARNBOOSTER_SHAPE_ABI=$abi" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+  library=$BUILD/shape-$abi/tarnbooster/jni/libtarnbooster.so
+  "$ROOT/scripts/check-library.sh" --imports "${library%/*}/stripped/libtarnbooster.so"
+  libraries+=("$library")
+done
 
-step "the Android package around it"
-"$ROOT/scripts/make-aar.sh" --library "$library" --jar "$BUILD/arm64/java/tarnbooster.jar" \
-  --output "$BUILD/android-shape/tarnbooster.aar"
-"$ROOT/tests/package/aar_test.sh" "$BUILD/android-shape/tarnbooster.aar" "$BUILD/arm64/jni/libtarnbooster.so"
+step "the Android package around them"
+cmake --preset jar -B "$BUILD/jar" >"$BUILD/jar.log" && cmake --build "$BUILD/jar" --target tarnbooster_jar_published >>"$BUILD/jar.log" ||
+  { cat "$BUILD/jar.log"; die "the jars could not be built"; }
+"$ROOT/tests/package/aar_test.sh" "$BUILD/jar/java/tarnbooster.jar" "$BUILD/arm64/jni/stripped/libtarnbooster.so" "${libraries[@]}"
 
 step "64-bit Arm is well"
