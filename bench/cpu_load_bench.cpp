@@ -1,30 +1,21 @@
 // What one sample of a CPU-load trace costs, beside nothing but reading the same two files.
 //
 // The stat file is the real one of this thread, the frequency file a made-up one, so that machines without
-// frequency scaling measure the same thing. "allocations" counts the calls of malloc() per iteration.
+// frequency scaling measure the same thing. "blocks" counts the calls of malloc() per iteration.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "cpuload/ThreadJiffiesMonitor.h"
+#include "support/CountedHeap.h"
+#include "support/Rows.h"
 
 namespace fs = std::filesystem;
-
-static std::atomic<int64_t> g_allocations{0};
-
-// Takes the place of the C library's malloc(), which operator new calls too.
-extern "C" void* __libc_malloc(size_t bytes);
-extern "C" void* malloc(size_t bytes) {
-  g_allocations.fetch_add(1, std::memory_order_relaxed);
-  return __libc_malloc(bytes);
-}
 
 namespace {
 
@@ -54,8 +45,8 @@ class Root {
 };
 
 void reportAllocations(benchmark::State& state, int64_t before) {
-  state.counters["allocations"] =
-      benchmark::Counter(static_cast<double>(g_allocations - before), benchmark::Counter::kAvgIterations);
+  state.counters["blocks"] =
+      benchmark::Counter(static_cast<double>(g_blocks - before), benchmark::Counter::kAvgIterations);
 }
 
 void oneSample(benchmark::State& state) {
@@ -63,7 +54,7 @@ void oneSample(benchmark::State& state) {
   ThreadJiffiesMonitor monitor(gettid(), 0, root.path(), kCpus);
   if (!monitor.prepare()) state.SkipWithError("no stat file");
   monitor.sample();
-  const int64_t before = g_allocations;
+  const int64_t before = g_blocks;
   while (state.KeepRunning()) monitor.sample();
   reportAllocations(state, before);
 }
@@ -86,7 +77,7 @@ void bareReads(benchmark::State& state, Read readFile) {
   const int stat = open(statFile.c_str(), O_RDONLY | O_CLOEXEC);
   const int frequency = open(root.frequencyFile(0).c_str(), O_RDONLY | O_CLOEXEC);
   char buffer[4096];
-  const int64_t before = g_allocations;
+  const int64_t before = g_blocks;
   while (state.KeepRunning()) {
     if (readFile(stat, buffer, sizeof(buffer)) < 1) state.SkipWithError("the stat file gave nothing");
     if (readFile(frequency, buffer, sizeof(buffer)) < 1)
@@ -98,5 +89,10 @@ void bareReads(benchmark::State& state, Read readFile) {
 }
 BENCHMARK_CAPTURE(bareReads, lseek_read, seekAndRead);
 BENCHMARK_CAPTURE(bareReads, pread, readAtStart);
+
+const Row kRows[] = {
+    {"CPU-load sample", "us", "oneSample", "bareReads/pread", "time", atMost(1.10)},
+    {"heap blocks per CPU-load sample", "", "oneSample", "", "blocks", atMost(0)},
+};
 
 }  // namespace

@@ -15,8 +15,8 @@ class Natives {
  public:
   using OnData = void (*)(const jbyte* data, int length);
 
-  Natives() {
-    logFunc = quiet;
+  /// onLoad  JNI_OnLoad of the library
+  explicit Natives(jint (*onLoad)(JavaVM*, void*)) {
     s_invocations.GetEnv = [](JavaVM*, void** env, jint) -> jint { return *env = &s_env, JNI_OK; };
     s_invocations.AttachCurrentThread = [](JavaVM*, void** env, void*) -> jint {
       return *env = &s_env, JNI_OK;
@@ -45,13 +45,14 @@ class Natives {
     s_functions.CallStaticVoidMethodV = [](JNIEnv*, jclass, jmethodID, va_list) {
       if (s_onData != nullptr) s_onData(s_data, s_length);
     };
-    if (JNI_OnLoad(&s_vm, nullptr) != JNI_VERSION_1_6) abort();
-    m_request = call<Request>("native_requestCpuHighFreq");
+    if (onLoad(&s_vm, nullptr) != JNI_VERSION_1_6) abort();
+    if (!s_natives.empty()) m_request = call<Request>("native_requestCpuHighFreq");
   }
 
   /// Called on the callback thread in onData's place, until it is replaced.
   void onData(OnData call) { s_onData = call; }
 
+  JNIEnv* env() { return &s_env; }
   void init(const std::string& service) {
     call<jint (*)(JNIEnv*, jclass, jstring, jint, jstring)>("native_initTarnBooster")(
         &s_env, &s_class, text(service.c_str()), 0, text("bench"));
@@ -61,7 +62,6 @@ class Natives {
   jint request() const { return m_request(&s_env, &s_class, 3, 5, 2, 1000, 1, 1); }
 
  private:
-  static int quiet(int /*priority*/, const char* /*tag*/, const char* /*format*/, ...) { return 0; }
   static jstring text(const char* chars) { return reinterpret_cast<jstring>(const_cast<char*>(chars)); }
   template <class Function>
   Function call(const char* name) const {
@@ -82,7 +82,16 @@ class Natives {
   Request m_request = nullptr;
 };
 
+#ifndef TARN_BENCH_LOADS  // the program is linked with the library
+namespace bench {
+inline int quiet(int /*priority*/, const char* /*tag*/, const char* /*format*/, ...) {
+  return 0;
+}
+}  // namespace bench
+
 inline Natives& natives() {
-  static auto& all = *new Natives;
+  tarnbooster_log = bench::quiet;
+  static auto& all = *new Natives(JNI_OnLoad);
   return all;
 }
+#endif

@@ -23,8 +23,8 @@ extern "C" {
 extern TARN_EXPORT const char* TAG;
 
 /// The log sink, `__android_log_print` at load. Exported; whoever replaces it does so before any other
-/// thread of the library runs, and the replacement must be callable from every thread and must not call back
-/// into the library (some lines are written under its locks).
+/// thread of the library runs, and the replacement must be callable from every thread (few of them are
+/// attached to the VM) and must not call back into the library (some lines are written under its locks).
 extern TARN_EXPORT int (*logFunc)(int priority, const char* tag, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 }
@@ -32,8 +32,9 @@ extern TARN_EXPORT int (*logFunc)(int priority, const char* tag, const char* for
 /// The debug switch (false at load). Relaxed: a change is seen at the next log site a thread reaches.
 extern std::atomic<bool> g_debug;
 
-/// Sets the debug switch; on a desktop it also lets the host's log pass DEBUG lines, which it drops by
-/// default.
+/// Sets the debug switch; on a desktop, switching on also lets the host's log pass DEBUG lines, which it
+/// drops by default: those of the whole process, the application's own too, and switching off does not take
+/// it back.
 void setDebugLogging(bool on);
 
 /// The low 32 bits of an address, as log lines show pointers.
