@@ -9,7 +9,7 @@ Usage: scripts/test.sh [--quick] [--help]
 Installs what the build and the tests need (Debian packages), then runs, in this order:
   format      clang-format over the project's sources
   release     GCC, warnings as errors; every test, those in a real Java virtual machine and the
-              checks of the library file included
+              checks of the library file included; the instructions of its jobs against the committed figures
   asan        AddressSanitizer and UndefinedBehaviorSanitizer; the C++ tests
   tsan        ThreadSanitizer; the C++ tests
   soak        the library in a virtual machine for a minute, and for another under ThreadSanitizer
@@ -63,6 +63,7 @@ find "${folders[@]}" -name '*.h' -o -name '*.c' -o -name '*.cpp' -o -name '*.jav
 buildTree release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNBOOSTER_BUILD_BENCHMARKS=ON
 runTests release
 scripts/check-library.sh "$BUILD/release/jni/libtarnbooster.so"
+scripts/check-instructions.sh "$BUILD/release"
 $quick && exit 0
 
 # The sanitizers' builds are of the C++ side alone; a virtual machine brings too many findings of its own.
