@@ -678,7 +678,6 @@ final class BoosterCore implements TarnBoosterListener {
         enter(() -> natives.setEnabled(false));
         synchronized (lock) {
             enabled = false;
-            ownNotices = 0; // none is delivered while it is off
             forgetConnection();
         }
     }
@@ -720,7 +719,7 @@ final class BoosterCore implements TarnBoosterListener {
             sendOneShot(oneShot);
         } else {
             synchronized (lock) {
-                ownNotices = 0; // whatever had to come has come since the last request
+                ownNotices = 0; // what has not come by now was dropped, as while the library was off
             }
             send(new Request(BoosterCodes.FUNCTION_CHECK_PERMISSION));
         }
