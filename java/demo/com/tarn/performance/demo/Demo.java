@@ -1,45 +1,81 @@
 package com.tarn.performance.demo;
 
+import com.tarn.performance.Boost;
+import com.tarn.performance.BoostRequest;
+import com.tarn.performance.BoosterCodes;
+import com.tarn.performance.BoosterConfig;
+import com.tarn.performance.BoosterListener;
+import com.tarn.performance.CpuLoad;
 import com.tarn.performance.CpuLoadTrace;
-import com.tarn.performance.TarnBoosterJNI;
+import com.tarn.performance.ServiceReport;
+import com.tarn.performance.TarnBooster;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.Arrays;
+import java.util.Collections;
 import java.util.List;
 import java.util.Scanner;
 import java.util.concurrent.CopyOnWriteArrayList;
 
 /**
- * An application of the library, in one sitting: connects, makes every request, is called back, loses the
- * service and finds it again, measures threads.
+ * An application of the library, in one sitting: boosts, events, a service that dies under an open boost, one that
+ * stands still, and the CPU load of threads.
  *
- * <p>The argument is the service's name. A line "@restart" on standard output asks whoever started the demo
- * to restart the service and to answer with a line.
+ * <p>The argument is the service's name. A line with {@code @} on standard output asks whoever started the demo to
+ * do something to the service, and to answer with a line. With {@code --hold} in front, it only keeps one boost
+ * open and tells what becomes of it.
  */
-final class Demo {
-    private record Report(int type, int status, int funcid, int code, String data) {}
+final class Demo implements BoosterListener {
+    private static final int HOLD_MILLIS = BoostRequest.MAX_TIMEOUT_MILLIS;
 
+    private final TarnBooster booster = TarnBooster.get();
     private final Checklist list = new Checklist();
-    private final List<Report> reports = new CopyOnWriteArrayList<>();
-    private final int tid = WorkerThread.currentTid();
-    private int requests;
+    private final List<String> heard = new CopyOnWriteArrayList<>();
+    private final Scanner answers = new Scanner(System.in, StandardCharsets.UTF_8);
 
-    public static void main(String[] args) {
-        boolean complete = new Demo().runAll(args[0]);
+    public static void main(String[] args) throws InterruptedException {
+        Demo demo = new Demo();
+        boolean hold = args.length == 2 && args[0].equals("--hold");
+        if (args.length != 1 && !hold) {
+            System.err.println("usage: Demo [--hold] SERVICE-NAME");
+            System.exit(2);
+        }
+        demo.start(args[args.length - 1]);
+        if (hold) {
+            demo.hold();
+        }
+        boolean complete = demo.runAll();
         // Not by returning: the library's callback thread keeps the virtual machine alive.
         System.exit(complete ? 0 : 1);
     }
 
-    private boolean runAll(String serviceName) {
+    private void start(String serviceName) {
+        // A real application would name its main thread's executor.
+        booster.addListener(this, Runnable::run);
+        booster.start(BoosterConfig.builder(serviceName).retryIntervalSeconds(1).build());
+    }
+
+    private void hold() throws InterruptedException {
+        booster.setServiceEvents(true);
+        while (true) {
+            try (Boost boost = booster.boost(BoostRequest.lasting(HOLD_MILLIS).ioLevel(2).build())) {
+                say("one I/O boost is open for ten minutes; end the service and start it again, or press Ctrl-C");
+                while (boost.remainingMillis() > 0) {
+                    Thread.sleep(Math.min(boost.remainingMillis(), 1000));
+                }
+            }
+        }
+    }
+
+    private boolean runAll() {
         try {
-            connect(serviceName);
-            frequencies();
-            coreBinding();
-            screenAndFiles();
-            callbacks();
-            combinedRequest();
-            traceThreads();
-            restart();
+            firstBoost();
+            sharedBoosts();
+            requestsMadeOnce();
+            killedService();
+            deafService();
+            threadLoads();
         } catch (Throwable e) {
             e.printStackTrace();
             list.note("the demo ran to its end", false);
@@ -48,150 +84,209 @@ final class Demo {
         return list.summary();
     }
 
-    private void connect(String serviceName) {
-        title("The application connects");
-        TarnBoosterJNI.setListener(this::onReport);
-        TarnBoosterJNI.setRetryConnectInterval(1);
-        TarnBoosterJNI.initTarnBooster(serviceName, 0, "demo");
-        list.note("a connection to the service", TarnBoosterJNI.isRunning() == 1);
-        int pid = (int) ProcessHandle.current().pid();
-        request("checkPermission", TarnBoosterJNI.checkPermission(pid, 0, tid, now()));
-    }
-
-    /** On the library's callback thread: writes down and leaves the rest to the main thread. */
-    private void onReport(int type, long timestamp, int status, int funcid, int code, byte[] data) {
-        Report report = new Report(type, status, funcid, code, new String(data, StandardCharsets.UTF_8));
-        reports.add(report);
-        if (type == TarnBoosterJNI.TYPE_DATA) {
-            say("onData: the service pushes code " + code + " \"" + report.data + "\"");
-        } else if (status != TarnBoosterJNI.STATUS_NO_ENGINE) {
-            say("onData: the service answers " + funcid + " with status " + status);
-        }
-    }
-
-    private void frequencies() {
-        title("CPU and I/O frequency");
-        request("requestCpuHighFreq", TarnBoosterJNI.requestCpuHighFreq(1, 1, 2, 2000, tid, now()));
-        request("cancelCpuHighFreq", TarnBoosterJNI.cancelCpuHighFreq(tid, now()));
-        request("requestHighIOFreq", TarnBoosterJNI.requestHighIOFreq(1, 1, 2, 2000, tid, now()));
-        request("cancelHighIOFreq", TarnBoosterJNI.cancelHighIOFreq(tid, now()));
-    }
-
-    private void coreBinding() throws InterruptedException {
-        title("A thread is bound to a core");
+    private void firstBoost() throws InterruptedException {
+        title("1. A boost: one thread gets a core of its own, for as long as a block of code runs");
+        list.await("a connection to the service",
+                () -> booster.connectionState() == BoosterCodes.CONNECTION_CONNECTED);
+        booster.setServiceEvents(true);
         try (WorkerThread worker = new WorkerThread("worker", false)) {
-            int[] tids = {worker.tid()};
             String before = worker.affinity();
-            say("the worker may run on CPUs " + before + " before");
-            if (before.matches("\\d+")) {
+            say("the worker may run on CPUs " + before);
+            boolean one = before.matches("\\d+");
+            if (one) {
                 say("this machine gives it one CPU only, so there will be no change to see");
             }
-            request("requestCpuCoreForThread",
-                    TarnBoosterJNI.requestCpuCoreForThread(1, 1, tids, 60000, tid, now()));
-            list.await("the worker's binding to a core", () -> !worker.affinity().equals(before));
-            say("the worker may run on CPUs " + worker.affinity() + " during the boost");
-            request("cancelCpuCoreForThread", TarnBoosterJNI.cancelCpuCoreForThread(tids, tid, now()));
+            try (Boost boost = booster.boost(BoostRequest.lasting(60_000).threads(worker.tid()).build())) {
+                list.await("a boost that was sent and not refused",
+                        () -> boost.state() == BoosterCodes.BOOST_SENT);
+                list.await("the worker's binding to a core", () -> one || !worker.affinity().equals(before));
+                say("inside the block it may run on CPUs " + worker.affinity());
+            }
             list.await("the end of that binding", () -> worker.affinity().equals(before));
-            say("the worker may run on CPUs " + worker.affinity() + " after");
+            say("after the block it may run on CPUs " + worker.affinity());
         }
+        list.await("an event from the service", () -> heard.stream().anyMatch(w -> w.startsWith("event 7")));
     }
 
-    private void screenAndFiles() {
-        title("Screen resolution and preloading");
-        request("requestScreenResolution", TarnBoosterJNI.requestScreenResolution(2, "gallery", tid, now()));
-        request("resetScreenResolution", TarnBoosterJNI.resetScreenResolution(tid, now()));
-        String[] files = {"/etc/os-release", "/etc/passwd"};
-        request("registerBootPreloadResource", TarnBoosterJNI.registerBootPreloadResource(files, tid, now()));
+    private void sharedBoosts() throws InterruptedException {
+        title("2. Two boosts of one kind: the protocol cancels both, the interface asks again for the other");
+        try (Boost longer = booster.boost(BoostRequest.lasting(60_000).ioLevel(1).build())) {
+            try (Boost shorter = booster.boost(BoostRequest.lasting(30_000).ioLevel(3).build())) {
+                list.await("two boosts of one kind at once", () -> isSent(longer) && isSent(shorter));
+                moment();
+                say("the shorter one closes");
+            }
+            moment();
+            list.note("one of them outliving the other", isSent(longer));
+        }
+        moment();
+        say("on CPU frequency, alone and with the rest:");
+        try (WorkerThread worker = new WorkerThread("worker", false);
+                Boost cpu = booster.boost(BoostRequest.lasting(5000).cpuLevel(2).build());
+                Boost all = booster.boost(
+                        BoostRequest.lasting(5000).cpuLevel(2).ioLevel(2).threads(worker.tid()).build())) {
+            list.await("an answer about CPU frequency", () -> isAnswered(cpu) && isAnswered(all));
+            moment();
+        }
+        moment();
     }
 
-    private void callbacks() throws InterruptedException {
-        title("The service calls back");
-        request("registerANRCallback", TarnBoosterJNI.registerANRCallback(tid, now()));
-        list.await("a data push in onData", () -> hasReport(TarnBoosterJNI.TYPE_DATA, 0, 1010));
+    private void requestsMadeOnce() throws InterruptedException {
+        title("3. Requests that are made once, and a refusal");
+        booster.checkPermission();
+        booster.requestScreenResolution(2, "gallery");
+        booster.resetScreenResolution();
+        booster.preload(List.of("/etc/os-release", "/etc/passwd"));
         // The service was not started with the flag that allows it.
-        request("terminateApp", TarnBoosterJNI.terminateApp(tid, now()));
-        list.await("a refused status in onData",
-                () -> reports.stream().anyMatch(report -> report.funcid == 1012 && report.status != 0));
+        booster.terminateApp();
+        list.await("a refusal, in words",
+                () -> heard.stream().anyMatch(what -> what.startsWith("termination refused")));
     }
 
-    private void combinedRequest() throws InterruptedException {
-        title("All of it in one request");
-        try (WorkerThread worker = new WorkerThread("worker", false)) {
-            int[] tids = {worker.tid()};
-            request("requestUnifyCpuIOThreadCore",
-                    TarnBoosterJNI.requestUnifyCpuIOThreadCore(1, 1, 2, 2, tids, 60000, tid, now()));
-            request("cancelUnifyCpuIOThreadCore",
-                    TarnBoosterJNI.cancelUnifyCpuIOThreadCore(true, true, true, tids, tid, now()));
+    private void killedService() throws InterruptedException {
+        moment();
+        title("4. The service is killed under an open boost");
+        try (Boost open = booster.boost(BoostRequest.lasting(60_000).ioLevel(2).build())) {
+            list.await("a boost that is open", () -> isSent(open));
+            moment();
+            heard.clear();
+            control("@kill");
+            say("nobody has told the library. The next request counts as queued, and is lost:");
+            try (Boost lost = booster.boost(BoostRequest.lasting(60_000).ioLevel(3).build())) {
+                list.await(
+                        "the lost request noticed", () -> heard.contains("the connection is disconnected"));
+                say("both boosts wait: " + words(open) + ", " + words(lost));
+                control("@start");
+                list.await(
+                        "both boosts asked for again, by nobody's doing", () -> isSent(open) && isSent(lost));
+                list.await("the registration for events renewed",
+                        () -> heard.stream().anyMatch(what -> what.startsWith("event 8")));
+                say("asked for again, with the time they have left: " + open.remainingMillis() / 1000
+                        + " s and " + lost.remainingMillis() / 1000 + " s of 60");
+                moment();
+            }
         }
-        list.note("fourteen requests made and queued", requests == 14);
+        moment();
     }
 
-    private void traceThreads() throws InterruptedException {
-        title("CPU load of a busy and an idle thread");
+    private void deafService() throws InterruptedException {
+        title("5. The service stands still: it accepts requests and reads none");
+        control("@stop");
+        // One request that is larger than a socket holds, and more than the library queues behind it.
+        booster.preload(Collections.nCopies(256,
+                "/etc/"
+                        + "../etc/".repeat(150) + "os-release"));
+        for (int i = 0; i < 8; i++) {
+            booster.resetScreenResolution();
+        }
+        list.await("the library waiting for the service",
+                () -> heard.contains("the connection is unresponsive"));
+        long[] nanos = new long[100];
+        for (int i = 0; i < nanos.length; i++) {
+            long start = System.nanoTime();
+            booster.boost(BoostRequest.lasting(1000).ioLevel(1).build()).close();
+            nanos[i] = System.nanoTime() - start;
+        }
+        Arrays.sort(nanos);
+        say(String.format(
+                "the library waits for it; opening and closing a boost takes the application %.0f µs",
+                nanos[50] / 1e3));
+        list.note("an application that nobody holds up", nanos[50] < 5_000_000);
+        control("@continue");
+        list.await("a service that is well again",
+                () -> booster.connectionState() == BoosterCodes.CONNECTION_CONNECTED);
+        moment();
+    }
+
+    private void threadLoads() throws InterruptedException {
+        title("6. The CPU load of a busy and of an idle thread, for one second");
         boolean frequencies =
                 Files.isReadable(Path.of("/sys/devices/system/cpu/cpu0/cpufreq/scaling_cur_freq"));
         if (!frequencies) {
-            say("this machine has no cpufreq: every tick counts -1, so the sum is the ticks, negative");
+            say("this machine does not tell its CPU frequencies, so these are seconds of CPU time");
         }
         try (WorkerThread busy = new WorkerThread("busy", true);
-                WorkerThread idle = new WorkerThread("idle", false)) {
-            CpuLoadTrace busyTrace = CpuLoadTrace.start(busy.tid(), 20);
-            CpuLoadTrace idleTrace = CpuLoadTrace.start(idle.tid(), 20);
+                WorkerThread idle = new WorkerThread("idle", false);
+                CpuLoadTrace busyTrace = CpuLoadTrace.startOrNull(busy.tid(), 20);
+                CpuLoadTrace idleTrace = CpuLoadTrace.startOrNull(idle.tid(), 20)) {
+            if (busyTrace == null || idleTrace == null) {
+                list.note("threads that can be traced", false);
+                return;
+            }
             Thread.sleep(1000);
-            busyTrace.close();
-            idleTrace.close();
-            describe("busy", busyTrace, frequencies);
-            describe("idle", idleTrace, frequencies);
+            CpuLoad busyLoad = busyTrace.stop();
+            CpuLoad idleLoad = idleTrace.stop();
+            describe("busy", busyLoad, frequencies);
+            describe("idle", idleLoad, frequencies);
             list.note("more load on the busy thread than on the idle one",
-                    Math.abs(busyTrace.khzSeconds()) > Math.abs(idleTrace.khzSeconds()));
+                    Math.abs(busyLoad.khzSeconds()) > Math.abs(idleLoad.khzSeconds()));
         }
     }
 
-    private static void describe(String name, CpuLoadTrace trace, boolean frequencies) {
-        say(String.format(
-                    "%s thread: %d kHz·ticks in %.2f s; ", name, trace.khzTicks(), trace.elapsedSeconds())
-                + (frequencies ? String.format("as %.3f s on a CPU of 1 GHz", trace.secondsAt(1_000_000))
-                               : String.format("%.2f s of CPU time", Math.abs(trace.secondsAt(-1)))));
+    private static void describe(String name, CpuLoad load, boolean frequencies) {
+        say(String.format("the %s thread in %.2f s: ", name, load.elapsedSeconds())
+                + (frequencies ? String.format("as %.3f s on a CPU of 1 GHz", load.secondsAt(1_000_000))
+                               : String.format("%.2f s", Math.abs(load.secondsAt(-1)))));
     }
 
-    private void restart() throws InterruptedException {
-        title("The service is restarted");
-        reports.clear();
-        System.out.println("@restart");
-        new Scanner(System.in, StandardCharsets.UTF_8).nextLine();
-        // The first request into the broken connection still counts as queued; the next ones find no engine.
-        list.await("the report that the connection was lost", () -> {
-            TarnBoosterJNI.checkPermission(1, 1, tid, now());
-            return hasReport(TarnBoosterJNI.TYPE_STATUS, TarnBoosterJNI.STATUS_NO_ENGINE, 0);
-        });
-        say("onData: no connection (status " + TarnBoosterJNI.STATUS_NO_ENGINE + ")");
-        list.await("the new service found",
-                () -> { return TarnBoosterJNI.registerANRCallback(tid, now()) != TarnBoosterJNI.NO_ENGINE; });
-        list.await("a data push of the new service", () -> hasReport(TarnBoosterJNI.TYPE_DATA, 0, 1010));
+    @Override
+    public void onConnectionChanged(int state) {
+        hear("the connection is " + BoosterCodes.connectionName(state));
     }
 
-    private boolean hasReport(int type, int status, int funcid) {
-        return reports.stream().anyMatch(
-                report -> report.type == type && report.status == status && report.funcid == funcid);
+    @Override
+    public void onBoostChanged(Boost boost, int state) {
+        hear(boost.request() + ": " + BoosterCodes.boostName(state) + reason(boost.status()));
     }
 
-    /** Prints a request's result; then the service gets a moment, so that its lines stand beside ours. */
-    private void request(String name, int result) {
-        if (result == TarnBoosterJNI.NO_ENGINE) {
-            say(name + ": no connection");
-        } else {
-            requests++;
-            say(name + ": queued (" + Integer.toUnsignedString(result) + ")");
-        }
-        try {
-            Thread.sleep(100);
-        } catch (InterruptedException e) {
-            Thread.currentThread().interrupt();
-        }
+    @Override
+    public void onServiceEvent(ServiceReport event) {
+        hear("event " + event.code() + ": " + new String(event.data(), StandardCharsets.UTF_8));
     }
 
-    private static long now() {
-        return System.nanoTime();
+    @Override
+    public void onRefused(ServiceReport report) {
+        hear(BoosterCodes.functionName(report.functionId()) + " refused" + reason(report.status()));
+    }
+
+    private void hear(String what) {
+        heard.add(what);
+        say(what);
+    }
+
+    private static boolean isSent(Boost boost) {
+        return boost.state() == BoosterCodes.BOOST_SENT;
+    }
+
+    private static boolean isAnswered(Boost boost) {
+        return isSent(boost) || boost.state() == BoosterCodes.BOOST_REFUSED;
+    }
+
+    private static String words(Boost boost) {
+        return BoosterCodes.boostName(boost.state());
+    }
+
+    /** What the reference service means; another service has numbers of its own. */
+    private static String reason(int status) {
+        return switch (status) {
+            case 0 -> "";
+            case 1 -> " in part: some of it cannot be had here";
+            case 3 -> ": an argument that it does not take";
+            case 4 -> ": this machine has nothing to set for it";
+            case 5 -> ": not permitted";
+            case 6 -> ": not a thread of this application";
+            default -> ", status " + status;
+        };
+    }
+
+    private void control(String what) {
+        System.out.println(what);
+        answers.nextLine();
+    }
+
+    /** So that the service's lines stand beside ours. */
+    private static void moment() throws InterruptedException {
+        Thread.sleep(200);
     }
 
     private static void title(String text) {

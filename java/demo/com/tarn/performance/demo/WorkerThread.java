@@ -1,5 +1,6 @@
 package com.tarn.performance.demo;
 
+import com.tarn.performance.TarnBooster;
 import java.io.IOException;
 import java.io.UncheckedIOException;
 import java.nio.file.Files;
@@ -21,7 +22,7 @@ final class WorkerThread implements AutoCloseable {
     }
 
     private void work(boolean busy) {
-        tid = currentTid();
+        tid = TarnBooster.currentThreadId();
         started.countDown();
         while (!ended) {
             if (busy) {
@@ -60,15 +61,5 @@ final class WorkerThread implements AutoCloseable {
     @Override
     public void close() {
         ended = true;
-    }
-
-    /** The kernel's id of the calling thread; Java has none of its own for it. */
-    static int currentTid() {
-        try {
-            return Integer.parseInt(
-                    Files.readSymbolicLink(Path.of("/proc/thread-self")).getFileName().toString());
-        } catch (IOException e) {
-            throw new UncheckedIOException(e);
-        }
     }
 }
