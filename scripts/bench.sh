@@ -52,7 +52,7 @@ while [ $# -gt 0 ]; do
   esac
 done
 
-installPackages "${buildPackages[@]}" libbenchmark-dev libenet-dev python3 ${plots:+gnuplot-nox}
+installPackages "${buildPackages[@]}" libbenchmark-dev libenet-dev zlib1g-dev python3 ${plots:+gnuplot-nox}
 useJava17
 tree=$BUILD/bench
 say "building"
