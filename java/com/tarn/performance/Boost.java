@@ -59,8 +59,9 @@ public final class Boost implements Closeable {
     }
 
     /**
-     * Ends the boost. The service is told to take back everything of the same kind, and then asked again for
-     * the other open boosts of that kind, for the time that each has left. A second call changes nothing.
+     * Ends the boost. A cancel of the protocol names no boost: the service is told to take back everything of
+     * the same kind that shares something with this one (the CPU, I/O, or a thread), and is at once asked
+     * again for what is still open of that, for the time it has left. A second call changes nothing.
      */
     @Override
     @NonBlocking

@@ -10,9 +10,9 @@ import org.jetbrains.annotations.NotNull;
  * BoostRequest scrolling = BoostRequest.lasting(2000).cpuLevel(2).threads(renderTid).build();
  * }</pre>
  *
- * <p>Scenes, actions and levels are codes of the service. A request that asks for one thing (the CPU frequency,
- * the I/O frequency, or cores for threads) goes out as the request for that thing; one that asks for several
- * goes out as the unified request.
+ * <p>Scenes, actions and levels are codes of the service. A request that asks for one thing (the CPU
+ * frequency, the I/O frequency, or cores for threads) goes out as the request for that thing; one that asks
+ * for several goes out as the unified request.
  */
 public final class BoostRequest {
     /** Longest duration, milliseconds: ten minutes. */

@@ -10,8 +10,8 @@ import java.util.function.Consumer;
  * The open boosts, and those that ended and are still to be cancelled. Guarded by the core's lock.
  *
  * <p>A cancel does not name a boost: it takes back parts (CPU, I/O, threads) of everything that was asked by
- * requests of the same kind. So whatever shares a part with a boost that ends is taken back wholly in the same
- * cancel, and what is still open of it is asked for again: the service never holds anything twice.
+ * requests of the same kind. So whatever shares a part with a boost that ends is taken back wholly in the
+ * same cancel, and what is still open of it is asked for again: the service never holds anything twice.
  *
  * <p>Its size is bounded. At most {@link #MAX_OPEN} boosts are open; only open ones are ever asked for, and
  * nothing is asked for before all cancels that are due are done, so at most as many wait for a cancel.

@@ -16,9 +16,9 @@ import java.util.function.LongSupplier;
  * The booster's state and rules, without a thread of its own: {@link BoosterThread} calls {@link #step} again
  * and again, and each step enters the library at most once.
  *
- * <p>What is wanted stands in the table of boosts and a few flags, which public methods change under the lock.
- * What was sent stands beside it. A step compares the two and makes the next request that brings them together:
- * cancels first, then boosts, the registration for events, one-shot requests, and a sign of life.
+ * <p>What is wanted stands in the table of boosts and a few flags, which public methods change under the
+ * lock. What was sent stands beside it. A step compares the two and makes the next request that brings them
+ * together: cancels first, then boosts, the registration for events, one-shot requests, and a sign of life.
  *
  * <p>What the library does not tell is found out:
  *
@@ -27,10 +27,11 @@ import java.util.function.LongSupplier;
  *       request the connection is looked at again ({@link #CHECKS}); when it has ended, the service holds
  *       nothing any more, and all that is still wanted is asked for again.
  *   <li>A connection breaks without a word while no request is made. So a permission check goes out as a sign
- *       of life, once in a retry interval, while the service is to hold something.
+ *       of life, once in a retry interval, while the service is to hold something; and before a one-shot
+ *       request after a silence, since that must neither be lost nor made twice.
  *   <li>Somebody else in the process may make requests and so restart the connection unseen. Then the library
- *       reports {@link TarnBoosterJNI#STATUS_NO_ENGINE}; after a report that none of our own attempts explains,
- *       everything is cancelled and asked for again, which is right in either case.
+ *       reports {@link TarnBoosterJNI#STATUS_NO_ENGINE}; after a report that none of our own attempts
+ *       explains, everything is cancelled and asked for again, which is right in either case.
  * </ul>
  *
  * <p>The lock is never held while the library, a listener or an executor is called, so whoever waits for it
@@ -47,6 +48,8 @@ final class BoosterCore implements TarnBoosterListener {
     static final long ONE_SHOT_NANOS = 5000 * MS;
     /** When the connection is looked at after a request: a write that fails ends it within moments. */
     private static final long[] CHECKS = {10 * MS, 100 * MS, 1000 * MS};
+    /** A request that is made once goes over a connection that was found alive no longer ago than this. */
+    private static final long PROOF_LASTS = 1000 * MS;
     /** The library counts its interval on another clock, in whole milliseconds. */
     private static final long INTERVAL_MARGIN = 50 * MS;
     /** Refusals may come for the latest so many requests that were no boosts. */
@@ -116,6 +119,7 @@ final class BoosterCore implements TarnBoosterListener {
     private long attemptAt; // no attempt to connect before
     private long lastSent;
     private int check = CHECKS.length; // the next of CHECKS
+    private long provenAt; // the connection carried something then, as far as can be told
     private boolean inside; // the library has been entered
     private long enteredAt;
     private boolean watched; // a watchman lives
@@ -542,16 +546,23 @@ final class BoosterCore implements TarnBoosterListener {
     }
 
     private boolean requestDue(long now) {
-        return table.cancelDue(takeBack) || table.nextToAsk(now) != null || eventsToAsk()
-                || !oneShots.isEmpty() || signOfLifeDue(now);
+        return table.cancelDue(takeBack) || table.nextToAsk(now) != null || eventsToAsk() || oneShotDue(now)
+                || signOfLifeDue(now);
+    }
+
+    private boolean oneShotDue(long now) {
+        return !oneShots.isEmpty() && now - provenAt < PROOF_LASTS;
     }
 
     private boolean eventsToAsk() {
         return eventsWanted && !eventsRefused && !eventsAsked;
     }
 
-    /** Only what the service shall still hold by then makes a sign of life worth while. */
+    /** Only what the service shall still hold by then makes a sign of life worth while, or a one-shot request. */
     private boolean signOfLifeDue(long now) {
+        if (!oneShots.isEmpty() && check > 0) {
+            return true; // with 0 one is on its way
+        }
         long due = lastSent + interval;
         boolean worthWhile = eventsWanted && eventsAsked && !eventsRefused || table.wantsAny(due);
         if (worthWhile && now - due < 0) {
@@ -652,6 +663,11 @@ final class BoosterCore implements TarnBoosterListener {
             if (connected && !running[0]) {
                 forgetConnection();
             }
+            if (!connected) {
+                provenAt = now; // if it stands now, it is new
+            } else if (now - lastSent >= CHECKS[0] && lastSent - provenAt > 0) {
+                provenAt = lastSent;
+            }
             connected = running[0];
             if (noEngine) {
                 muteUntil = now + interval;
@@ -705,7 +721,7 @@ final class BoosterCore implements TarnBoosterListener {
             cancel = table.cancelDue(everything);
             boost = cancel ? null : table.nextToAsk(clock.getAsLong());
             events = !cancel && boost == null && eventsToAsk();
-            if (!cancel && boost == null && !events && !oneShots.isEmpty()) {
+            if (!cancel && boost == null && !events && oneShotDue(clock.getAsLong())) {
                 oneShot = takeOneShot();
             }
         }

@@ -6,10 +6,10 @@ import org.jetbrains.annotations.NotNull;
  * What an application implements to hear of its boosts, the connection and the service; see {@link
  * TarnBooster#addListener}. Every method may be left out.
  *
- * <p>Calls come through the executor that the listener was added with, in the order in which things happened as
- * far as that executor keeps it. Every method of {@link TarnBooster} and {@link Boost} may be called here. What a
- * listener throws is the executor's business, like anything else that a task throws there; with an executor
- * that runs tasks at once it goes to the uncaught exception handler.
+ * <p>Calls come through the executor that the listener was added with, in the order in which things happened
+ * as far as that executor keeps it. Every method of {@link TarnBooster} and {@link Boost} may be called here.
+ * What a listener throws is the executor's business, like anything else that a task throws there; with an
+ * executor that runs tasks at once it goes to the uncaught exception handler.
  */
 public interface BoosterListener {
     /**

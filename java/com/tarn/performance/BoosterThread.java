@@ -32,8 +32,11 @@ final class BoosterThread {
                 if (!core.step()) {
                     core.await();
                 }
-            } catch (Throwable lowOnMemory) {
-                // An interrupt is nobody's business here. Anything else is a lack of memory, which may pass.
+            } catch (InterruptedException ignored) {
+                // Nobody has a reason to interrupt this thread.
+            } catch (Throwable thrown) {
+                // A lack of memory, which may pass. The thread goes on, since nobody else does its work.
+                printQuietly(thrown);
                 pause(AFTER_A_FAULT_MS);
             }
         }
@@ -43,6 +46,14 @@ final class BoosterThread {
     private static void watch(BoosterCore core) {
         for (long nanos = core.watch(); nanos >= 0; nanos = core.watch()) {
             pause(nanos / BoosterCore.MS + 1);
+        }
+    }
+
+    private static void printQuietly(Throwable thrown) {
+        try {
+            thrown.printStackTrace();
+        } catch (Throwable alsoThrown) {
+            // There is no one to tell.
         }
     }
 

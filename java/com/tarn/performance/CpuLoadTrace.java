@@ -18,6 +18,10 @@ import org.jetbrains.annotations.Nullable;
  * }
  * }</pre>
  *
+ * <p>What a period costs: each wakes the sampling thread once, which reads two small files. Some 30 µs of CPU
+ * time on a busy desktop, so at 100 ms less than a thousandth of one CPU; and {@link #stop} waits for the end
+ * of the running period.
+ *
  * <p>What the measurement can and cannot tell:
  *
  * <ul>

@@ -4,8 +4,8 @@ import org.jetbrains.annotations.Blocking;
 import org.jetbrains.annotations.NotNull;
 
 /**
- * How the native library comes into the process, see {@link BoosterConfig.Builder#libraryLoader}. Unless one is
- * given it is {@link System#loadLibrary}.
+ * How the native library comes into the process, see {@link BoosterConfig.Builder#libraryLoader}. Unless one
+ * is given it is {@link System#loadLibrary}.
  */
 public interface LibraryLoader {
     /**

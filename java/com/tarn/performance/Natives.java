@@ -1,8 +1,8 @@
 package com.tarn.performance;
 
 /**
- * The library as the booster sees it. Everything but the callbacks runs on the thread "TarnBooster" alone, and
- * any of it may block for as long as the service likes.
+ * The library as the booster sees it. Everything but the callbacks runs on the thread "TarnBooster" alone,
+ * and any of it may block for as long as the service likes.
  */
 interface Natives {
     /**

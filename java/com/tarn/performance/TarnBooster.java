@@ -22,24 +22,26 @@ import org.jetbrains.annotations.Nullable;
  * }</pre>
  *
  * <p>Every method may be called on any thread and returns at once: it only notes what is wanted. One daemon
- * thread, "TarnBooster", loads the library, makes every request, and keeps what was asked of the service equal
- * to what is wanted. Where the library or the service is missing nothing is thrown and nothing waits; {@link
- * #connectionState} and {@link Boost#state} tell. What is thrown is what the caller's code does wrong.
+ * thread, "TarnBooster", loads the library, makes every request, and keeps what was asked of the service
+ * equal to what is wanted. Where the library or the service is missing nothing is thrown and nothing waits;
+ * {@link #connectionState} and {@link Boost#state} tell. What is thrown is what the caller's code does wrong.
  *
- * <p>A service that goes and comes back is asked again for every boost that is still open, for the time that it
- * has left, and for its events; not for what it refused, nor for requests that are made once. To notice such a
- * restart, a permission check goes out as a sign of life each {@linkplain
- * BoosterConfig.Builder#retryIntervalSeconds retry interval}, as long as a boost is open or events are wanted.
- * Without a connection one attempt is made in each such interval, as long as something is wanted.
+ * <p>A service that goes and comes back is asked again for every boost that is still open, for the time that
+ * it has left, and for its events; not for what it refused, nor for requests that are made once. To notice
+ * such a restart, a permission check goes out as a sign of life each {@linkplain
+ * BoosterConfig.Builder#retryIntervalSeconds retry interval}, as long as a boost is open or events are
+ * wanted. Without a connection one attempt is made in each such interval, as long as something is wanted.
+ * The library counts that interval on the wall clock: after the clock was set back it connects again only
+ * when the clock has caught up.
  *
  * <p>What is kept is bounded: 256 open boosts, 32 requests that are made once, a million characters in them.
  *
- * <p>Text (names of files and user interfaces) reaches the service in Java's modified UTF-8: characters beyond
- * 16 bits, most emoji for example, arrive as two times three bytes, which is not their UTF-8.
+ * <p>Text (names of files and user interfaces) reaches the service in Java's modified UTF-8: characters
+ * beyond 16 bits, most emoji for example, arrive as two times three bytes, which is not their UTF-8.
  *
  * <p>The library's callback thread is attached to the virtual machine, so on a desktop a program ends with
- * {@link System#exit}; it may do so at any time. The static methods of {@link TarnBoosterJNI} stand beside this
- * class and should not be mixed with it: they block, and their cancels end boosts of this class.
+ * {@link System#exit}; it may do so at any time. The static methods of {@link TarnBoosterJNI} stand beside
+ * this class and should not be mixed with it: they block, and their cancels end boosts of this class.
  */
 public final class TarnBooster {
     /** Longest name of a file or user interface, characters. */
@@ -92,7 +94,7 @@ public final class TarnBooster {
     }
 
     /**
-     * Removes a listener. No call of it begins after this has returned.
+     * Removes a listener. No call of it begins after this has returned; one that has begun runs to its end.
      *
      * @param listener one that was added; any other is ignored
      */
@@ -105,8 +107,8 @@ public final class TarnBooster {
      * Asks for a boost. The request goes out as soon as there is a connection and time left.
      *
      * @param request what is wanted, and for how long
-     * @return the boost, to be closed when it is no longer wanted. {@link BoosterCodes#BOOST_NOT_SENT} at once
-     *     if the booster was not started, has no library, or 256 boosts are open.
+     * @return the boost, to be closed when it is no longer wanted. {@link BoosterCodes#BOOST_NOT_SENT} at
+     *     once if the booster was not started, has no library, or 256 boosts are open.
      */
     @NonBlocking
     public @NotNull Boost boost(@NotNull BoostRequest request) {

@@ -1,8 +1,9 @@
 package com.tarn.performance;
 
 /**
- * The application's door to the system performance service: loads the native library {@code tarnbooster},
- * makes requests and delivers what the service reports.
+ * The native library {@code tarnbooster} as it is: loads it, makes single requests and delivers what the
+ * service reports. An application wants {@link TarnBooster} instead, which never waits, outlives restarts of
+ * the service and does not end other boosts with its cancels.
  *
  * <pre>{@code
  * TarnBoosterJNI.setListener(listener);
@@ -17,22 +18,36 @@ package com.tarn.performance;
  * request, and a status report about the request brings the time stamp back. Scenes, actions and levels are
  * codes of the service.
  *
+ * <p>Text reaches the service as Java's modified UTF-8. Characters beyond 16 bits (most emoji) arrive as two
+ * surrogates of three bytes each, and NUL as the bytes C0 80: neither is what UTF-8 has for them, so a file
+ * with such a character in its name is not found.
+ *
  * <h2>Results</h2>
  *
- * A request is queued, not answered: its result says whether it was queued, and what the service makes of it
- * comes to the listener. The result is {@link #NO_ENGINE} when there is no connection and none could be made
- * (or the library is disabled), otherwise the low 32 bits of the time at which the request was packed, in
- * microseconds since 1970. These bits may be any number, also a negative one: compare with the constants, not
- * with 0. A request that finds no connection starts one attempt to connect, at most one per retry interval
- * (30 seconds unless
- * {@link #setRetryConnectInterval} says otherwise), and reports {@link #STATUS_NO_ENGINE} to the listener.
+ * The result of a request says whether it was queued, and what the service makes of it comes to the listener.
+ * It is {@link #NO_ENGINE} when there is no connection and none could be made (or the library is disabled),
+ * otherwise the low 32 bits of the time at which the request was packed, in microseconds since 1970. These
+ * bits may be any number, negative ones included: -1 is a result like any other, and once in four thousand
+ * million requests a request that was queued has the result {@link #NO_THREADS} or {@link #NO_ENGINE}. Never
+ * compare with 0.
+ *
+ * <p>Queued is not sent. When the service has gone, the next request still counts as queued and is lost: only
+ * its failing write tells the library that the connection has broken, and {@link #isRunning} tells that soon
+ * after. A request that finds no connection reports {@link #STATUS_NO_ENGINE} to the listener and makes one
+ * attempt to connect, at most one per retry interval (30 seconds unless {@link #setRetryConnectInterval} says
+ * otherwise). If that succeeds the request is sent: the report does not mean that it was lost, its result
+ * tells.
+ *
+ * <p>The retry interval is counted on the wall clock: after the clock was set back, no attempt is made until
+ * it has caught up and the interval has passed.
  *
  * <h2>Threads</h2>
  *
- * Every method may be called on any thread, several at once. Requests do not wait for the service, but they
- * wait for a place while five packets are queued on the connection; when the connection ends, they come back.
- * A request that finds no connection waits for a place while 65535 reports are pending. {@link
- * #stopTraceCpuLoad} waits up to one sampling period. Nothing else blocks.
+ * Every method may be called on any thread, several at once. <b>A request waits</b> while five packets are
+ * queued on the connection, until one of them is written or the connection ends. A service that accepts
+ * connections and does not read makes it wait for as long as that service likes. A request that finds no
+ * connection waits while 65535 reports, or 64 MiB of them, are pending. {@link #stopTraceCpuLoad} waits up to
+ * one sampling period. Nothing else blocks.
  *
  * <p>The listener is called on one thread of the library's own, which {@link #initTarnBooster} starts and
  * which lives as long as the process. It is attached to the virtual machine, so it keeps a desktop virtual
@@ -203,7 +218,7 @@ public final class TarnBoosterJNI {
      *
      * @param scene the service's code of the situation
      * @param action the service's code of the action
-     * @param bindtids kernel ids of the threads; null means none, and is sent as an empty list
+     * @param bindtids kernel ids of the threads, copied; null means none, and is sent as an empty list
      * @param timeout how long, in the service's unit
      * @param tid kernel id of the calling thread
      * @param timestamp nanoseconds
@@ -217,7 +232,7 @@ public final class TarnBoosterJNI {
     /**
      * Cancels the binding of threads (1005).
      *
-     * @param bindtids kernel ids of the threads; null means none
+     * @param bindtids kernel ids of the threads, copied; null means none
      * @param tid kernel id of the calling thread
      * @param timestamp nanoseconds
      * @return see the class; {@link #NO_THREADS} when there is a connection and {@code bindtids} is null or
@@ -332,7 +347,7 @@ public final class TarnBoosterJNI {
      * @param action the service's code of the action
      * @param cpulevel the service's code of the CPU level
      * @param iolevel the service's code of the I/O level
-     * @param bindtids kernel ids of the threads; null means none, and is sent as an empty list
+     * @param bindtids kernel ids of the threads, copied; null means none, and is sent as an empty list
      * @param timeout how long, in the service's unit
      * @param tid kernel id of the calling thread
      * @param timestamp nanoseconds
@@ -350,7 +365,7 @@ public final class TarnBoosterJNI {
      * @param cancelcpu whether to cancel the CPU frequency
      * @param cancelio whether to cancel the I/O frequency
      * @param cancelthread whether to cancel the binding of threads
-     * @param bindtids kernel ids of the threads; null means none, and is sent as an empty list
+     * @param bindtids kernel ids of the threads, copied; null means none, and is sent as an empty list
      * @param tid kernel id of the calling thread
      * @param timestamp nanoseconds
      * @return see the class
@@ -373,7 +388,7 @@ public final class TarnBoosterJNI {
     }
 
     /**
-     * Sets the least time between two attempts to connect, 30 seconds at load.
+     * Sets the least time between two attempts to connect, 30 seconds at load, by the wall clock.
      *
      * @param seconds seconds; 0 and less are ignored
      */
@@ -382,8 +397,11 @@ public final class TarnBoosterJNI {
     }
 
     /**
-     * Switches the library's debug log lines on or off (as at load). They go to the Android log under the tag
-     * TARNBOOSTER, on a desktop to standard error.
+     * Switches the library's debug log lines on or off (as at load). On Android they go to the log under the
+     * tag TARNBOOSTER. On a desktop they go to standard error; there, switching on also sets the least
+     * priority that the whole process logs to "debug" ({@code __android_log_set_minimum_priority}), and
+     * switching off leaves it so: other users of {@code liblog} in the process log their debug lines from
+     * then on.
      *
      * @param on true for on
      */
@@ -393,7 +411,7 @@ public final class TarnBoosterJNI {
 
     /**
      * Tells whether a connection stands, without trying to make one. A service that has gone is noticed with
-     * the first request that cannot be sent. Does not look at {@link #setHCEnable}.
+     * the first request that cannot be written, which is lost. Does not look at {@link #setHCEnable}.
      *
      * @return 1 if so, otherwise 0
      */

@@ -19,12 +19,12 @@ import java.util.Scanner;
 import java.util.concurrent.CopyOnWriteArrayList;
 
 /**
- * An application of the library, in one sitting: boosts, events, a service that dies under an open boost, one that
- * stands still, and the CPU load of threads.
+ * An application of the library, in one sitting: boosts, events, a service that dies under an open boost, one
+ * that stands still, and the CPU load of threads.
  *
- * <p>The argument is the service's name. A line with {@code @} on standard output asks whoever started the demo to
- * do something to the service, and to answer with a line. With {@code --hold} in front, it only keeps one boost
- * open and tells what becomes of it.
+ * <p>The argument is the service's name. A line with {@code @} on standard output asks whoever started the
+ * demo to do something to the service, and to answer with a line. With {@code --hold} in front, it only keeps
+ * one boost open and tells what becomes of it.
  */
 final class Demo implements BoosterListener {
     private static final int HOLD_MILLIS = BoostRequest.MAX_TIMEOUT_MILLIS;
