@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/bytes.h"
+#include "base/thread.h"
 #include "wire/header.h"
 
 #define LOG_FILE_NAME "udp.cpp"
@@ -34,6 +35,7 @@ int UdpClient::start() {
 
 void* udpClientThread(void* client) {
   auto& engine = *static_cast<UdpClient*>(client);
+  nameThisThread("tarn-udp");
   const int result = engine.loop();
   LOG_DEBUG("socket:%d finish. tid:%d", result, static_cast<int>(gettid()));
   engine.m_running.fetch_sub(1);
@@ -47,8 +49,7 @@ int64_t UdpClient::sendReq(uint32_t funcid, const uint8_t* data, uint32_t dataLe
   const int64_t sendTime =
       genReqPack(funcid, data, static_cast<int32_t>(dataLen), &packet, &length, callertid, timestamp);
   if (sendTime < 1) return sendTime;
-  send(m_peer, packet, length);
-  delete[] packet;
+  send(m_peer, std::unique_ptr<uint8_t[]>(packet), length);
   return sendTime;
 }
 

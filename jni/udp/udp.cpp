@@ -2,6 +2,7 @@
 #include "udp/udp.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -52,6 +53,8 @@ void UDP::stop() {
   m_requests.close();
   m_stopping.store(true);
   m_wake.wake();
+  if (m_loopThread.load() == gettid()) return;  // the loop ends when this event is handled
+  const std::lock_guard<std::mutex> stopping(m_stopLock);
   if (m_threadStarted) pthread_join(m_thread, nullptr);
   m_threadStarted = false;
   {
@@ -71,6 +74,10 @@ bool UDP::trySend(const sockaddr_in& peer, const uint8_t* data, uint32_t length)
   return hand(makeSendPack(peer, data, length), false);
 }
 
+bool UDP::send(const sockaddr_in& peer, std::unique_ptr<uint8_t[]> data, uint32_t length) {
+  return queueMessage(makeSendPack(peer, std::move(data), length));
+}
+
 bool UDP::queueMessage(std::unique_ptr<SendPack> message) {
   return hand(std::move(message), true);
 }
@@ -81,7 +88,10 @@ bool UDP::hand(std::unique_ptr<SendPack> message, bool wait) {
     ++m_callers;
   }
   const bool queued = wait ? m_requests.push(std::move(message)) : m_requests.tryPush(std::move(message));
-  if (queued) m_wake.wake();
+  if (queued) {
+    m_pushes.fetch_add(1);
+    m_wake.wakeSleeper();
+  }
   // Under the lock: once it is released and the count is 0, stop() returns and this object may be gone.
   std::lock_guard<std::mutex> lock(m_callersLock);
   --m_callers;
@@ -89,15 +99,21 @@ bool UDP::hand(std::unique_ptr<SendPack> message, bool wait) {
   return queued;
 }
 
-std::unique_ptr<UDP::SendPack> UDP::makeSendPack(const sockaddr_in& peer, const uint8_t* data,
+std::unique_ptr<UDP::SendPack> UDP::makeSendPack(const sockaddr_in& peer, std::unique_ptr<uint8_t[]> data,
                                                  uint32_t length) {
   auto message = std::make_unique<SendPack>();
   message->peer = peer;
   message->sessionId = nowUs();
-  message->data.reset(new uint8_t[length]);
-  if (length != 0) memcpy(message->data.get(), data, length);
+  message->data = std::move(data);
   message->length = length;
   return message;
+}
+
+std::unique_ptr<UDP::SendPack> UDP::makeSendPack(const sockaddr_in& peer, const uint8_t* data,
+                                                 uint32_t length) {
+  std::unique_ptr<uint8_t[]> copy(new uint8_t[length]);
+  if (length != 0) memcpy(copy.get(), data, length);
+  return makeSendPack(peer, std::move(copy), length);
 }
 
 const char* UDP::stateName(uint32_t state) {

@@ -25,11 +25,15 @@
 //   any        FIN, sequence = s          ack, forgotten; "R_CLOSE RECEIVER:%s"
 //   any        FIN, any other             dropped; "R_IGNORERecvSEQ [%d,%d] %s RS:%s"
 //
-// Reassembly of a piece that was taken in sequence (it is acknowledged in every case)
+// Reassembly of a piece that is next in sequence
 //   next piece of its message             kept; a whole message is handed to recvEvent(), then freed
-//   another offset or tl, or past its tl  dropped; ERROR "session:%d offset error:%u local:%u"
-//   no such message, and of is not 0,     dropped; ERROR
-//   dl is beyond tl, or 16 are there      "Not session:%d sessionPair:%d first package offset:%u"
+//   another offset or tl, or past its tl  dropped, ack; ERROR "session:%d offset error:%u local:%u"
+//   no such message, and of is not 0 or   dropped, ack; ERROR
+//   dl is beyond tl                       "Not session:%d sessionPair:%d first package offset:%u"
+//   more than we allow or have            refused: no ack, s stays, so that the sender tries again or gives
+//   up.
+//                                         DEBUG "session:%d tl:%u not acknowledged, %s: ...", then one of the
+//                                         two lines above
 //
 // Sender (s: the last sequence number used)
 //   state      packet                     outcome
@@ -67,13 +71,16 @@
 // never sends a FIN; the first message in the queue whose sender is still busy holds up all behind it,
 // whoever they are for.
 //
-// What a peer can make us hold: a receiver of about 250 bytes per address it speaks from, 65,536 at most
-// (then the one that was silent for longest is forgotten, "R_FORGET RECEIVER:%s"), 16 messages in the making
-// per receiver, and of these no more than twice the bytes that it has sent.
+// What peers can make us hold. A receiver of about 200 bytes per address that something comes from, 65,536 at
+// most; then one is forgotten, "R_FORGET RECEIVER:%s": of those that have never completed a message the one
+// silent for longest, and only without any such of the others. Unfinished messages: 16 for each receiver, of
+// each no more than twice the bytes that have come, and in all no more than the transport's budget. When that
+// is reached those of the peer silent for longest are dropped, and after 60 s without a piece any is ("R_DROP
+// ..."). What then still comes of it meets "no such message" above: the sender is not told.
 //
 // Threads. One thread, started by startThread(), runs loop() and owns everything but the message queue and
 // the stop request. recvEvent() is called on it. send() and queueMessage() are for any other thread: on a
-// full queue they wait for the transport thread, which would wait for itself.
+// full queue they wait for the transport thread, which would wait for itself. stop() is for any thread.
 //
 // Signals: datagram sockets raise no SIGPIPE, and both ends of the wake-up pipe are ours.
 #pragma once
@@ -84,16 +91,15 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
-#include <list>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 
 #include "base/BoundedQueue.h"
 #include "base/SelectSet.h"
 #include "base/WakePipe.h"
+#include "udp/udp_list.h"
 #include "udp/udp_packet.h"
 #include "udp/udp_reassembly.h"
 #include "udp/udp_timers.h"
@@ -125,28 +131,38 @@ class UDP {
     uint32_t length = 0;  // bytes at `data`
   };
 
-  /// The sending end of the direction to one peer.
-  struct Sender {
+  /// The sending end of the direction to one peer. Linked while the pump has to visit it.
+  struct Sender : Linked<Sender> {
     sockaddr_in peer{};
     State state = SYN_SENT;  // never OPENING
     uint32_t s = udp::kFirstSequence;
     TimeoutEvent finTimeoutEvent;
     TimeoutEvent synTimeoutEvent;
     SendWindow win;
-    std::deque<std::unique_ptr<UdpPkg>> q;  // DATA that waits for a place in the window
+    std::unique_ptr<SendPack> message;  // of which pieces wait for a place in the window; else null
+    uint32_t cut = 0;                   // bytes of it that have got one
+
+    /// The DATA packets that wait for a place in the window: they are cut when they get one.
+    uint32_t queued() const;
   };
 
-  /// The receiving end of the direction from one peer.
-  struct Receiver {
-    sockaddr_in peer{};
+  struct Heard;
+  struct Unfinished;
+
+  /// The receiving end of the direction from one peer. Linked in the order of being heard, among those that
+  /// have completed a message or among the others; and among those with unfinished messages.
+  struct Receiver : Linked<Heard>, Linked<Unfinished> {
+    Receiver(ReceiveMemory& memory, const sockaddr_in& peer) : peer(peer), messages(memory, peerKey(peer)) {}
+    const sockaddr_in peer;
     State state = SYN_SENT;  // OPENING or OPEN once it is in the table
     uint32_t s = 0;
-    Reassembly sessions;
-    std::list<uint64_t>::iterator heard;  // its place in m_heard
+    bool completed = false;  // a message has come from this peer, if not to this receiver
+    Reassembly messages;
   };
 
-  explicit UDP(const UdpTiming& timing = UdpTiming())
-      : m_timing(timing), m_requests(udp::kSendQueueMessages) {}
+  /// receiveBudget  bytes that unfinished messages may hold; a message of more is refused
+  explicit UDP(const UdpTiming& timing = UdpTiming(), size_t receiveBudget = udp::kReceiveBudget)
+      : m_memory(receiveBudget), m_timing(timing), m_requests(udp::kSendQueueMessages) {}
 
   /// An event of the transport, a UdpEvent. Transport thread: while it runs, nothing is sent or received.
   ///
@@ -154,8 +170,7 @@ class UDP {
   /// sessionId  of the message; in UDP_EVENT_TIMEOUT of the packet (0 of a SYN)
   /// data, len  UDP_EVENT_DATA: the message, freed when this returns; otherwise null and 0
   ///
-  /// Returns 0, or -1 for an unknown event; the transport does not look at it. Must not call stop() or
-  /// send().
+  /// Returns 0, or -1 for an unknown event; the transport does not look at it. Must not call send().
   virtual int recvEvent(int event, const sockaddr_in& peer, int64_t sessionId, const uint8_t* data,
                         uint32_t len) = 0;
 
@@ -183,15 +198,19 @@ class UDP {
 
   /// Ends the transport at once: refuses further messages, wakes callers that wait for a place in the queue
   /// and waits until they have left, stops the thread and joins it, closes the descriptors. Timers are
-  /// dropped, nothing is waited for but a recvEvent() that is running. Owner's thread; a second call does
-  /// nothing.
+  /// dropped, nothing is waited for but a recvEvent() that is running. Any thread, any number of times: all
+  /// return when it has ended, but from within recvEvent() it only asks for the end, and the owner's stop()
+  /// still has to follow.
   void stop();
 
   /// Queues a copy of a message for a peer. Any thread but the transport's; waits while 10 messages are
   /// queued. False when the transport has ended or is stopped. Success says nothing of its delivery.
   bool send(const sockaddr_in& peer, const uint8_t* data, uint32_t length);
 
-  /// The same, but never waits: false also while the queue is full.
+  /// The same of an array that is handed over.
+  bool send(const sockaddr_in& peer, std::unique_ptr<uint8_t[]> data, uint32_t length);
+
+  /// As the first, but never waits: false also while the queue is full.
   bool trySend(const sockaddr_in& peer, const uint8_t* data, uint32_t length);
 
   /// As send(), of a message that is ready.
@@ -206,6 +225,8 @@ class UDP {
   /// A message with a copy of the data and a session id of this moment.
   static std::unique_ptr<SendPack> makeSendPack(const sockaddr_in& peer, const uint8_t* data,
                                                 uint32_t length);
+  static std::unique_ptr<SendPack> makeSendPack(const sockaddr_in& peer, std::unique_ptr<uint8_t[]> data,
+                                                uint32_t length);
 
  protected:
   // Everything from here on: transport thread only.
@@ -219,7 +240,7 @@ class UDP {
   Sender& getSender(const sockaddr_in& addr);
 
   /// Disarms a timer.
-  void deleteTimeoutEvent(const TimeoutEvent& record);
+  void deleteTimeoutEvent(TimeoutEvent& record);
 
   /// One round of the queue: takes at most one message and sends what the windows admit. Returns 1 when a
   /// message was taken, else 0.
@@ -228,42 +249,55 @@ class UDP {
   /// Reads and handles one datagram. Returns 0.
   int processReceive();
 
-  /// Handles the timer at the front of the list, without unlinking it. Returns 0, or -1 when the record is
-  /// not where its packet belongs.
+  /// One round of the loop. Returns 0, or -1 when that ends.
+  int startLoop();
+
+  /// Handles a timer that has fallen due and is no longer pending. Returns 0, or -1 when the record is not
+  /// where its packet belongs.
   int processTimeout(TimeoutEvent& record);
 
-  /// Adds one piece, taken in sequence, to its message, and hands a whole message to recvEvent().
-  void dataRecv(const UdpPkg& packet, Receiver& receiver);
+  /// Adds one piece, next in sequence, to its message, and hands a whole message to recvEvent(). False when
+  /// the piece is refused: it must then come again.
+  bool dataRecv(const UdpPkg& packet, Receiver& receiver);
 
+  // The transport thread's while it runs, else the owner's. What is linked leaves the lists by itself.
   TimerList m_timers;
+  ReceiveMemory m_memory;
 
  private:
   bool hand(std::unique_ptr<SendPack> message, bool wait);
 
   // udp_loop.cpp
-  int startLoop();
-  int eventloop(int64_t timeout, int64_t roundStart);
+  int64_t waitLimit(int64_t timeout, int64_t now) const;
+  int eventloop(int64_t timeout, int64_t roundStart, int64_t wait);
   int handleFrontTimer(int64_t roundStart);
   bool isArmedRightly(const TimeoutEvent& record, Sender& sender);
 
   // udp_sender.cpp
   int takeMessage();
+  void makeReady(Sender& sender);
   void fillWindow(Sender& sender);
+  std::unique_ptr<UdpPkg> cutPiece(Sender& sender);
   Sender* findSender(const sockaddr_in& addr);
   TimeoutEvent* timerFor(Sender& sender, PacketType type, uint32_t sequence);
   void receiveForSender(const sockaddr_in& from, const UdpPkg& packet);
   void ackRecv(Sender& sender, const UdpPkg& packet);
   void ackInWindow(Sender& sender, const UdpPkg& packet);
-  void removeSender(Sender& sender);
   std::string senderText(const Sender& sender) const;
 
   // udp_receiver.cpp
+  bool receiveOne(bool expected);
+  void dispatch(const sockaddr_in& from, UdpPkg& packet);
   void synRecv(const sockaddr_in& from, UdpPkg& packet, Receiver* receiver);
   void dataPackageRecv(const sockaddr_in& from, UdpPkg& packet, Receiver* receiver);
   void finRecv(const sockaddr_in& from, UdpPkg& packet, Receiver* receiver);
   void acknowledge(const sockaddr_in& from, UdpPkg& packet);
-  Receiver& createReceiver(const sockaddr_in& from);
+  void logDropped(const UdpPkg& packet, const Receiver& receiver, Reassembly::Outcome outcome) const;
+  bool dropMessagesOfSilentest(const Receiver& except);
+  void dropExpiredMessages(int64_t now);
+  Receiver& createReceiver(const sockaddr_in& from, bool completed);
   Receiver* findReceiver(const sockaddr_in& from);
+  void heard(Receiver& receiver);
   void removeReceiver(const Receiver& receiver);
 
   const UdpTiming m_timing;
@@ -272,20 +306,29 @@ class UDP {
   BoundedQueue<std::unique_ptr<SendPack>> m_requests;  // 10 messages; guards itself
   WakePipe m_wake;                                     // guards itself
   std::atomic<bool> m_stopping{false};
+  std::atomic<pid_t> m_loopThread{0};  // who runs loop(), or 0
+  std::atomic<unsigned> m_pushes{0};   // messages queued so far
   std::mutex m_callersLock;
   std::condition_variable m_callersGone;
   int m_callers = 0;  // callers inside queueMessage(); guarded by m_callersLock
 
-  // The owner's, until the thread starts and after it was joined; read by the thread in between.
+  // The owner's, until the thread starts; read by any thread from then on.
   sockaddr_in m_local{};
-  pthread_t m_thread{};
-  bool m_threadStarted = false;
+
+  std::mutex m_stopLock;
+  pthread_t m_thread{};          // written by the owner before stop(); then guarded by m_stopLock
+  bool m_threadStarted = false;  // the same
 
   // The transport thread's while it runs, else the owner's.
   int m_fd = 0;        // the socket; 0 = none
   int m_interval = 0;  // milliseconds between two sends of a packet
   SelectSet m_readable;
-  std::map<uint64_t, std::unique_ptr<Sender>> m_senders;      // by peerKey()
-  std::map<uint64_t, std::unique_ptr<Receiver>> m_receivers;  // by peerKey()
-  std::list<uint64_t> m_heard;  // the receivers' keys, the one silent for longest in front
+  bool m_moreDatagrams = false;  // one was just received, so that the next may well be there
+  PacketPool m_packets;
+  std::unordered_map<uint64_t, Sender, PeerHash> m_senders;      // by peerKey()
+  std::unordered_map<uint64_t, Receiver, PeerHash> m_receivers;  // by peerKey()
+  LinkedList<Sender> m_ready;                     // may have something to send now; by peerKey()
+  LinkedList<Receiver, Heard> m_strangers;        // have never completed a message; the silentest in front
+  LinkedList<Receiver, Heard> m_proven;           // all other receivers, likewise
+  LinkedList<Receiver, Unfinished> m_unfinished;  // have unfinished messages, likewise
 };

@@ -4,7 +4,9 @@
 // the queue), "sq" the messages queued and the number behind it whether one was taken; "diff" is the time in
 // select beyond what was asked for, and "run" again.
 #include <sys/select.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "base/descriptor.h"
@@ -14,6 +16,7 @@
 #include "base/log.h"
 
 int UDP::loop() {
+  m_loopThread.store(gettid());
   int result = 0;
   while (result == 0 && (m_fd > 0 || !m_timers.empty())) {
     if (!m_stopping.load()) {
@@ -25,42 +28,72 @@ int UDP::loop() {
   }
   LOG_DEBUG("end loop , fd:%d timer:%d", m_fd, m_timers.size());
   m_requests.close();
+  m_loopThread.store(0);
   return result;
 }
 
 // One round: the queue, then either the timer that is due or the socket and the pipe.
 int UDP::startLoop() {
   const int64_t now = m_timing.now();
+  dropExpiredMessages(now);
+  const unsigned pushes = m_pushes.load();
   const int taken = pumpSendQueue();
-  const int64_t timeout = m_timers.empty() ? -1 : (*m_timers.front())->expiry - now;
+  const int64_t timeout = m_timers.empty() ? -1 : m_timers.front().expiry - now;
   LOG_DEBUG("startLoop ,timeout:%d timer:%d sender:%d checkcnt:[sq:%d %d run:%d] ", static_cast<int>(timeout),
             m_timers.size(), static_cast<int>(m_senders.size()), static_cast<int>(m_requests.size()), taken,
             static_cast<int>(m_timing.now() - now));
-  return m_timers.empty() || timeout >= 1 ? eventloop(timeout, now) : handleFrontTimer(now);
+  if (!m_timers.empty() && timeout < 1) return handleFrontTimer(now);
+  if (m_moreDatagrams && !g_debug.load(std::memory_order_relaxed)) {
+    // What select would say is known more cheaply by trying; it is asked once nothing is there. The traces
+    // show every round in full.
+    m_moreDatagrams = receiveOne(false);
+    if (m_moreDatagrams) return 0;
+  }
+  // What was taken may have been empty and so have started nothing that would wake us for the next message.
+  bool again = taken != 0 && m_requests.front() != nullptr;
+  if (!again) {
+    m_wake.goToSleep();
+    again = m_pushes.load() != pushes;  // queued since the pump looked, and nobody may have woken us
+  }
+  return eventloop(timeout, now, again ? 0 : waitLimit(timeout, now));
 }
 
-// Waits for the socket, the pipe or the nearest timer, and handles the first two.
-int UDP::eventloop(int64_t timeout, int64_t roundStart) {
+// The longest wait of a round in milliseconds, -1 without limit: until the nearest timer falls due, or until
+// the oldest unfinished message is to be dropped.
+int64_t UDP::waitLimit(int64_t timeout, int64_t now) const {
+  const RecvSession* oldest = m_memory.byLastPiece.front();
+  if (oldest == nullptr) return timeout;
+  const int64_t expiry = std::max<int64_t>(oldest->heard + udp::kPartialMessageMs - now, 0);
+  return timeout < 0 ? expiry : std::min(timeout, expiry);
+}
+
+// Waits for the socket and the pipe, no longer than `wait` (-1 is for ever), and handles them. `timeout` is
+// what the traces tell: the time until the nearest timer.
+int UDP::eventloop(int64_t timeout, int64_t roundStart, int64_t wait) {
   const auto sinceRoundStart = [&] { return static_cast<int>(m_timing.now() - roundStart); };
+  const bool traced = g_debug.load(std::memory_order_relaxed);  // only then the time is taken
   const int pipe = m_wake.readEnd();
   m_readable.clear();
   m_readable.add(m_fd);
   m_readable.add(pipe);
   timeval limit{};
-  limit.tv_sec = timeout / 1000;
-  limit.tv_usec = timeout % 1000 * 1000;
-  const int64_t before = m_timing.now();
+  limit.tv_sec = wait / 1000;
+  limit.tv_usec = wait % 1000 * 1000;
+  const int64_t before = traced ? m_timing.now() : 0;
   const int ready =
-      SelectSet::select(m_fd > pipe ? m_fd : pipe, &m_readable, nullptr, m_timers.empty() ? nullptr : &limit);
+      SelectSet::select(m_fd > pipe ? m_fd : pipe, &m_readable, nullptr, wait < 0 ? nullptr : &limit);
   const int error = ready < 0 ? errno : 0;
-  const auto waited = static_cast<int>(m_timing.now() - before);
-  LOG_DEBUG("SelectRet:%d err:%d time:%d realTime:%d diff[%d %d]", ready, error, static_cast<int>(timeout),
-            waited, static_cast<int>(waited - timeout), sinceRoundStart());
+  if (traced) {
+    const auto waited = static_cast<int>(m_timing.now() - before);
+    LOG_DEBUG("SelectRet:%d err:%d time:%d realTime:%d diff[%d %d]", ready, error, static_cast<int>(timeout),
+              waited, static_cast<int>(waited - timeout), sinceRoundStart());
+  }
   if (ready == -1 && error != EINTR) {
     LOG_DEBUG("eventloop: select errno:%d", error);
     return 0;
   }
-  if (m_readable.contains(m_fd)) {
+  m_moreDatagrams = m_readable.contains(m_fd);
+  if (m_moreDatagrams) {
     const int result = processReceive();
     LOG_DEBUG("eventloop: processReceive ret:%d  run:%d", result, sinceRoundStart());
     if (result < 0) return -1;
@@ -73,13 +106,12 @@ int UDP::eventloop(int64_t timeout, int64_t roundStart) {
 }
 
 int UDP::handleFrontTimer(int64_t roundStart) {
-  const TimerList::Node node = m_timers.front();
-  TimeoutEvent& record = **node;
+  TimeoutEvent& record = m_timers.front();
+  record.unlink();
   const auto timeout = static_cast<int>(record.expiry - roundStart);
   const int result = processTimeout(record);
   LOG_DEBUG_IN("processTimeout", __LINE__, "processTimeout: timeout:%d ret:%d run:%d %s", timeout, result,
                static_cast<int>(m_timing.now() - roundStart), timeoutText(record, m_timing.now()).c_str());
-  m_timers.erase(node);
   return result;
 }
 

@@ -2,25 +2,17 @@
 
 #include <arpa/inet.h>
 
-#include <array>
 #include <cstdio>
 #include <cstring>
+#include <utility>
+
+#include "base/clock.h"
+#include "udp/crc32.h"
 
 #define LOG_FILE_NAME "udp.cpp"
 #include "base/log.h"
 
 namespace {
-
-constexpr std::array<uint32_t, 256> makeCrcTable() {
-  std::array<uint32_t, 256> table{};
-  for (uint32_t index = 0; index < table.size(); ++index) {
-    uint32_t entry = index;
-    for (int bit = 0; bit < 8; ++bit) entry = (entry & 1) != 0 ? entry >> 1 ^ 0xEDB88320 : entry >> 1;
-    table[index] = entry;
-  }
-  return table;
-}
-constexpr std::array<uint32_t, 256> kCrcTable = makeCrcTable();
 
 uint32_t packetCrc(const UdpPkg& packet) {
   return crc32(reinterpret_cast<const uint8_t*>(&packet), packet.wireLength());
@@ -63,6 +55,18 @@ std::unique_ptr<UdpPkg> newPacket() {
   return packet;
 }
 
+std::unique_ptr<UdpPkg> PacketPool::take() {
+  if (m_spare.empty()) return newPacket();
+  std::unique_ptr<UdpPkg> packet = std::move(m_spare.back());
+  m_spare.pop_back();
+  clearHeader(*packet);
+  return packet;
+}
+
+void PacketPool::giveBack(std::unique_ptr<UdpPkg> packet) {
+  if (m_spare.size() < udp::kSparePackets) m_spare.push_back(std::move(packet));
+}
+
 void clearHeader(UdpPkg& packet) {
   memset(&packet, 0, udp::kHeaderLength);
 }
@@ -75,22 +79,25 @@ void sealPacket(UdpPkg& packet, PacketType type, uint32_t sequence) {
   packet.checksum = packetCrc(packet);
 }
 
-bool isIntact(const UdpPkg& packet, int64_t received) {
+bool isIntact(UdpPkg& packet, int64_t received) {
   if (received < 1 || packet.dataLength > udp::kMaxPayload || packet.wireLength() > received) return false;
-  UdpPkg unsealed;
-  memcpy(&unsealed, &packet, packet.wireLength());
-  unsealed.checksum = 0;
-  return packetCrc(unsealed) == packet.checksum;
-}
-
-uint32_t crc32(const uint8_t* bytes, uint32_t length) {
-  uint32_t crc = 0xFFFFFFFF;
-  for (uint32_t index = 0; index < length; ++index) crc = kCrcTable[(crc ^ bytes[index]) & 0xFF] ^ crc >> 8;
-  return crc ^ 0xFFFFFFFF;
+  const uint32_t checksum = packet.checksum;
+  packet.checksum = 0;
+  if (packetCrc(packet) == checksum) return true;
+  packet.checksum = checksum;
+  return false;
 }
 
 uint64_t peerKey(const sockaddr_in& peer) {
   return static_cast<uint64_t>(peer.sin_port) << 32 | peer.sin_addr.s_addr;
+}
+
+PeerHash::PeerHash() : m_seed(static_cast<uint64_t>(nowUs()) << 20 ^ reinterpret_cast<uintptr_t>(this)) {}
+
+size_t PeerHash::operator()(uint64_t key) const {
+  uint64_t mixed = (key ^ m_seed) * 0x9E3779B97F4A7C15;
+  mixed = (mixed ^ mixed >> 32) * 0xD6E8FEB86659FD93;
+  return mixed ^ mixed >> 32;
 }
 
 std::string addressText(const sockaddr_in& address) {

@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 // ---- The protocol's numbers ----
 namespace udp {
@@ -35,8 +36,13 @@ constexpr uint32_t kReacknowledged = 5;      // sequence numbers back from the e
 constexpr int kRetransmitMs = 500;           // milliseconds from a send to the next send of the same packet
 constexpr int kMaxRetransmissions = 5;       // after the first send: six sends in all
 constexpr unsigned kSendQueueMessages = 10;  // messages that may wait for the transport thread
-constexpr size_t kMaxReceivers = 65536;      // peers; beyond, the one silent for longest is forgotten
+constexpr size_t kMaxReceivers = 65536;      // peers; beyond, one is forgotten
 constexpr size_t kMaxPartialMessages = 16;   // per peer; a well-formed sender never has more than one
+constexpr size_t kReceiveBudget =
+    64 << 20;  // bytes of unfinished messages in a transport, unless told otherwise
+constexpr size_t kPartialMessageCost = 128;  // bytes that an unfinished message counts beside its buffer
+constexpr int kPartialMessageMs = 60000;     // milliseconds without a piece, then it is dropped
+constexpr size_t kSparePackets = 16;         // kept by a transport for its next DATA
 }  // namespace udp
 
 /// A datagram's type, as sent. 3 is unused; every number that is not listed is PACKET_OTHER.
@@ -81,6 +87,19 @@ const char* packetTypeName(uint8_t number);
 /// A packet with a zeroed header; its payload bytes are not initialised.
 std::unique_ptr<UdpPkg> newPacket();
 
+/// Packets that have been acknowledged, kept for the next ones: sending takes no memory from the heap once a
+/// few are there.
+class PacketPool {
+ public:
+  PacketPool() { m_spare.reserve(udp::kSparePackets); }
+  /// As newPacket().
+  std::unique_ptr<UdpPkg> take();
+  void giveBack(std::unique_ptr<UdpPkg> packet);
+
+ private:
+  std::vector<std::unique_ptr<UdpPkg>> m_spare;
+};
+
 /// Zeroes the header.
 void clearHeader(UdpPkg& packet);
 
@@ -88,14 +107,23 @@ void clearHeader(UdpPkg& packet);
 void sealPacket(UdpPkg& packet, PacketType type, uint32_t sequence);
 
 /// Whether `received` bytes (a receive call's result) hold an intact datagram: header and stated payload have
-/// arrived, the payload is at most 1000 bytes, and the checksum is right. Bytes beyond are ignored.
-bool isIntact(const UdpPkg& packet, int64_t received);
-
-/// The CRC-32 of IEEE 802.3 (reflected, 0xEDB88320) of `length` bytes; 0 of none.
-uint32_t crc32(const uint8_t* bytes, uint32_t length);
+/// arrived, the payload is at most 1000 bytes, and the checksum is right. Bytes beyond are ignored. Of an
+/// intact datagram the checksum field is then 0, as it was for the computation; any other is left as it is.
+bool isIntact(UdpPkg& packet, int64_t received);
 
 /// The key of a peer in the tables of senders and receivers: port << 32 | address, both in network order.
 uint64_t peerKey(const sockaddr_in& peer);
+
+/// Hashes such keys. Each object spreads them in a way of its own, by the time and its place in memory:
+/// whoever chooses addresses and ports from afar cannot choose that they meet.
+class PeerHash {
+ public:
+  PeerHash();
+  size_t operator()(uint64_t key) const;
+
+ private:
+  uint64_t m_seed;
+};
 
 /// "127.0.0.1:4000".
 std::string addressText(const sockaddr_in& address);

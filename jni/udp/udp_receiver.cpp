@@ -15,27 +15,40 @@ std::string receiverText(const UDP::Receiver* receiver) {
   char text[512];
   snprintf(text, sizeof(text), "R[%x %s %s s:%d m:%d]", addressBits(receiver),
            addressText(receiver->peer).c_str(), UDP::stateName(receiver->state),
-           static_cast<int>(receiver->s), receiver->sessions.size());
+           static_cast<int>(receiver->s), receiver->messages.size());
   return text;
 }
 
 }  // namespace
 
 int UDP::processReceive() {
+  receiveOne(true);
+  return 0;
+}
+
+// Reads and handles one datagram. False when none was there, which is told in the log only when it is
+// `expected`.
+bool UDP::receiveOne(bool expected) {
   UdpPkg packet;
   clearHeader(packet);
   sockaddr_in from{};
   socklen_t length = sizeof(from);
   const auto received = static_cast<int>(
       recvfrom(m_fd, &packet, sizeof(packet), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &length));
-  LOG_DEBUG("RECV ret:%d from:%s fd:%d %s", received, addressText(from).c_str(), m_fd,
-            packetText(packet).c_str());
+  if (received < 0 && !expected) return false;
+  LOG_DEBUG_IN("processReceive", __LINE__, "RECV ret:%d from:%s fd:%d %s", received,
+               addressText(from).c_str(), m_fd, packetText(packet).c_str());
   if (!isIntact(packet, received)) {
-    LOG_ERROR("IGNORERecv FAULTPkg ret:%d datalen:%d datacrc:0x%x", received, packet.dataLength,
-              static_cast<unsigned>(packet.checksum));
-    return 0;
+    LOG_ERROR_IN("processReceive", __LINE__, "IGNORERecv FAULTPkg ret:%d datalen:%d datacrc:0x%x", received,
+                 packet.dataLength, static_cast<unsigned>(packet.checksum));
+    return received >= 0;
   }
-  packet.checksum = 0;  // as while it was being checked; the texts below show it so, and an ACK gets its own
+  // The checksum is 0 now, as while it was being checked: the texts below show it so, an ACK gets its own.
+  dispatch(from, packet);
+  return true;
+}
+
+void UDP::dispatch(const sockaddr_in& from, UdpPkg& packet) {
   Receiver* receiver = findReceiver(from);
   switch (packetType(packet.type)) {
     case PACKET_SYN:
@@ -52,17 +65,17 @@ int UDP::processReceive() {
       receiveForSender(from, packet);
       break;
   }
-  return 0;
 }
 
 void UDP::synRecv(const sockaddr_in& from, UdpPkg& packet, Receiver* receiver) {
+  const bool completed = receiver != nullptr && receiver->completed;
   if (receiver != nullptr && receiver->state != OPENING) {
     LOG_WARN_IN("processReceive", __LINE__, "R_CLEANNewSync %s RS:%s", packetText(packet).c_str(),
                 receiverText(receiver).c_str());
     removeReceiver(*receiver);
     receiver = nullptr;
   }
-  if (receiver == nullptr) receiver = &createReceiver(from);
+  if (receiver == nullptr) receiver = &createReceiver(from, completed);
   receiver->state = OPENING;
   receiver->s = packet.sequence + 1;
   acknowledge(from, packet);
@@ -83,9 +96,10 @@ void UDP::dataPackageRecv(const sockaddr_in& from, UdpPkg& packet, Receiver* rec
     return;
   }
   if (packet.sequence == expected) {
+    // What is refused changes nothing: the sender tries again, or gives up.
+    if (!dataRecv(packet, *receiver)) return;
     receiver->state = OPEN;
     ++receiver->s;
-    dataRecv(packet, *receiver);
   }
   packet.offset += packet.dataLength;
   acknowledge(from, packet);
@@ -115,37 +129,81 @@ void UDP::acknowledge(const sockaddr_in& from, UdpPkg& packet) {
   sendPackage(&from, PACKET_ACK, packet.sequence, &packet);
 }
 
-void UDP::dataRecv(const UdpPkg& packet, Receiver& receiver) {
-  const int64_t sessionId = packet.sessionId;
-  const auto outcome = receiver.sessions.add(packet);
-  const RecvSession* session = receiver.sessions.find(sessionId);
-  switch (outcome) {
-    case Reassembly::Outcome::STORED:
-      return;
-    case Reassembly::Outcome::COMPLETE:
-      recvEvent(UDP_EVENT_DATA, receiver.peer, sessionId, session->buffer.get(), session->total);
-      receiver.sessions.erase(sessionId);
-      return;
-    case Reassembly::Outcome::WRONG_OFFSET:
-      LOG_ERROR("session:%d offset error:%u local:%u", static_cast<int>(sessionId),
-                static_cast<unsigned>(packet.offset), session->received);
-      return;
-    case Reassembly::Outcome::WRONG_FIRST:
-      LOG_ERROR("Not session:%d sessionPair:%d first package offset:%u", static_cast<int>(sessionId), 0,
-                static_cast<unsigned>(packet.offset));
-      return;
+bool UDP::dataRecv(const UdpPkg& packet, Receiver& receiver) {
+  using Outcome = Reassembly::Outcome;
+  const int64_t now = m_timing.now();
+  Outcome outcome = receiver.messages.add(packet, now);
+  while (outcome == Outcome::NO_ROOM && dropMessagesOfSilentest(receiver)) {
+    outcome = receiver.messages.add(packet, now);
+  }
+  if (outcome == Outcome::COMPLETE) {
+    receiver.completed = true;
+    m_proven.pushBack(receiver);
+    recvEvent(UDP_EVENT_DATA, receiver.peer, packet.sessionId, receiver.messages.message(packet),
+              packet.totalLength);
+    receiver.messages.erase(packet.sessionId);
+  } else if (outcome != Outcome::STORED) {
+    logDropped(packet, receiver, outcome);
+  }
+  if (receiver.messages.size() != 0) {
+    m_unfinished.pushBack(receiver);
+  } else {
+    m_unfinished.remove(receiver);
+  }
+  return !Reassembly::isRefused(outcome);
+}
+
+void UDP::logDropped(const UdpPkg& packet, const Receiver& receiver, Reassembly::Outcome outcome) const {
+  const auto session = static_cast<int>(packet.sessionId);
+  if (Reassembly::isRefused(outcome)) {
+    LOG_DEBUG_IN("dataRecv", __LINE__, "session:%d tl:%u not acknowledged, %s: %u of %u bytes are used RS:%s",
+                 session, static_cast<unsigned>(packet.totalLength), Reassembly::reason(outcome),
+                 static_cast<unsigned>(m_memory.used), static_cast<unsigned>(m_memory.budget),
+                 receiverText(&receiver).c_str());
+  }
+  if (const RecvSession* known = receiver.messages.find(packet.sessionId)) {
+    LOG_ERROR_IN("dataRecv", __LINE__, "session:%d offset error:%u local:%u", session,
+                 static_cast<unsigned>(packet.offset), known->received);
+  } else {
+    LOG_ERROR_IN("dataRecv", __LINE__, "Not session:%d sessionPair:%d first package offset:%u", session, 0,
+                 static_cast<unsigned>(packet.offset));
   }
 }
 
-UDP::Receiver& UDP::createReceiver(const sockaddr_in& from) {
+// Drops the unfinished messages of the peer that was silent for longest, but not those of `except`. False
+// when nobody else has any.
+bool UDP::dropMessagesOfSilentest(const Receiver& except) {
+  Receiver* silent = m_unfinished.front();
+  if (silent == &except) silent = m_unfinished.after(*silent);
+  if (silent == nullptr) return false;
+  LOG_WARN_IN("dataRecv", __LINE__, "R_DROP unfinished messages, others need their room RS:%s",
+              receiverText(silent).c_str());
+  silent->messages.clear();
+  m_unfinished.remove(*silent);
+  return true;
+}
+
+void UDP::dropExpiredMessages(int64_t now) {
+  for (const RecvSession* oldest = nullptr;
+       (oldest = m_memory.byLastPiece.front()) != nullptr && now - oldest->heard >= udp::kPartialMessageMs;) {
+    Receiver& receiver = m_receivers.find(oldest->peerKey)->second;
+    LOG_WARN("R_DROP unfinished session:%d, no piece for %d ms RS:%s", static_cast<int>(oldest->id),
+             static_cast<int>(now - oldest->heard), receiverText(&receiver).c_str());
+    receiver.messages.erase(oldest->id);
+    if (receiver.messages.size() == 0) m_unfinished.remove(receiver);
+  }
+}
+
+UDP::Receiver& UDP::createReceiver(const sockaddr_in& from, bool completed) {
   if (m_receivers.size() >= udp::kMaxReceivers) {
-    const Receiver& silent = *m_receivers[m_heard.front()];
+    const Receiver& silent = *(m_strangers.empty() ? m_proven : m_strangers).front();
     LOG_WARN_IN("processReceive", __LINE__, "R_FORGET RECEIVER:%s", receiverText(&silent).c_str());
     removeReceiver(silent);
   }
-  Receiver& receiver = *(m_receivers[peerKey(from)] = std::make_unique<Receiver>());
-  receiver.peer = from;
-  receiver.heard = m_heard.insert(m_heard.end(), peerKey(from));
+  const uint64_t key = peerKey(from);
+  Receiver& receiver = m_receivers.try_emplace(key, m_memory, from).first->second;
+  receiver.completed = completed;
+  heard(receiver);
   LOG_WARN_IN("processReceive", __LINE__, "R_NEW RECEIVER:%s", receiverText(&receiver).c_str());
   return receiver;
 }
@@ -154,12 +212,16 @@ UDP::Receiver& UDP::createReceiver(const sockaddr_in& from) {
 UDP::Receiver* UDP::findReceiver(const sockaddr_in& from) {
   const auto found = m_receivers.find(peerKey(from));
   if (found == m_receivers.end()) return nullptr;
-  m_heard.splice(m_heard.end(), m_heard, found->second->heard);
-  return found->second.get();
+  heard(found->second);
+  return &found->second;
+}
+
+// Notes that a peer was silent for shorter than all others.
+void UDP::heard(Receiver& receiver) {
+  (receiver.completed ? m_proven : m_strangers).pushBack(receiver);
+  if (m_unfinished.isLinked(receiver)) m_unfinished.pushBack(receiver);
 }
 
 void UDP::removeReceiver(const Receiver& receiver) {
-  const uint64_t key = peerKey(receiver.peer);
-  m_heard.erase(receiver.heard);
-  m_receivers.erase(key);
+  m_receivers.erase(peerKey(receiver.peer));
 }

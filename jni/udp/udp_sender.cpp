@@ -42,7 +42,7 @@ int UDP::sendPackage(const sockaddr_in* addr, uint8_t type, uint32_t sequence, U
   }
   record->peer = *addr;
   record->expiry = m_timing.now() + m_interval;
-  m_timers.insert(record);
+  m_timers.insert(*record);
   return 0;
 }
 
@@ -64,64 +64,88 @@ UDP::TimeoutEvent* UDP::timerFor(Sender& sender, PacketType type, uint32_t seque
 
 UDP::Sender* UDP::findSender(const sockaddr_in& addr) {
   const auto found = m_senders.find(peerKey(addr));
-  return found != m_senders.end() ? found->second.get() : nullptr;
+  return found != m_senders.end() ? &found->second : nullptr;
 }
 
 UDP::Sender& UDP::getSender(const sockaddr_in& addr) {
   Sender* known = findSender(addr);
   if (known != nullptr) return *known;
-  Sender& sender = *(m_senders[peerKey(addr)] = std::make_unique<Sender>());
+  Sender& sender = m_senders[peerKey(addr)];
   sender.peer = addr;
-  sender.synTimeoutEvent.pkg = newPacket();
+  sender.synTimeoutEvent.pkg = m_packets.take();
   sendPackage(&addr, PACKET_SYN, sender.s, sender.synTimeoutEvent.pkg.get());
   LOG_WARN("NEW SENDER  %s", senderText(sender).c_str());
   return sender;
 }
 
-void UDP::deleteTimeoutEvent(const TimeoutEvent& record) {
-  if (!m_timers.remove(&record)) {
+void UDP::deleteTimeoutEvent(TimeoutEvent& record) {
+  if (!record.isLinked()) {
     LOG_ERROR("event delete failed arg:%s", timeoutText(record, m_timing.now()).c_str());
   }
+  record.unlink();
 }
 
 int UDP::pumpSendQueue() {
   const int taken = takeMessage();
-  for (auto& entry : m_senders) fillWindow(*entry.second);
+  while (Sender* sender = m_ready.front()) {
+    sender->unlink();
+    fillWindow(*sender);
+  }
   return taken;
 }
 
-// Cuts the oldest message into packets, unless its sender still has packets of the one before.
+// Takes the oldest message, unless its sender still has to send of the one before.
 int UDP::takeMessage() {
   const std::unique_ptr<SendPack>* const oldest = m_requests.front();
   if (oldest == nullptr) return 0;
   Sender& sender = getSender((*oldest)->peer);
-  if (!sender.q.empty()) return 0;
-  const std::unique_ptr<SendPack> message = m_requests.tryPop();
-  for (uint32_t sent = 0; sent < message->length;) {
-    const uint32_t piece = std::min(message->length - sent, udp::kMaxPayload);
-    std::unique_ptr<UdpPkg> packet = newPacket();
-    packet->sessionId = message->sessionId;
-    packet->totalLength = message->length;
-    packet->offset = sent;
-    packet->dataLength = static_cast<uint16_t>(piece);
-    memcpy(packet->payload, message->data.get() + sent, piece);
-    sender.q.push_back(std::move(packet));
-    sent += piece;
+  if (sender.message != nullptr) return 0;
+  sender.message = m_requests.tryPop();
+  sender.cut = 0;
+  if (sender.message->length == 0) {
+    sender.message.reset();
+  } else {
+    makeReady(sender);
   }
   return 1;
 }
 
+// Has the pump visit a sender. There are never more than two of them: a round takes one message and handles
+// one datagram.
+void UDP::makeReady(Sender& sender) {
+  m_ready.insert(sender,
+                 [key = peerKey(sender.peer)](const Sender& other) { return peerKey(other.peer) > key; });
+}
+
 void UDP::fillWindow(Sender& sender) {
-  while (!sender.q.empty()) {
+  while (sender.message != nullptr) {
     TimeoutEvent* slot = sender.win.slotFor(sender.s + 1);
     if (slot == nullptr) return;
     ++sender.s;
     slot->tc = 0;
-    slot->pkg = std::move(sender.q.front());
-    sender.q.pop_front();
+    slot->pkg = cutPiece(sender);
     slot->pkg->sequence = sender.s;  // by it sendPackage() finds the slot
     sendPackage(&sender.peer, PACKET_DATA, sender.s, slot->pkg.get());
   }
+}
+
+// The next piece of a sender's message; with the last one the message is freed.
+std::unique_ptr<UdpPkg> UDP::cutPiece(Sender& sender) {
+  const SendPack& message = *sender.message;
+  const uint32_t piece = std::min(message.length - sender.cut, udp::kMaxPayload);
+  std::unique_ptr<UdpPkg> packet = m_packets.take();
+  packet->sessionId = message.sessionId;
+  packet->totalLength = message.length;
+  packet->offset = sender.cut;
+  packet->dataLength = static_cast<uint16_t>(piece);
+  memcpy(packet->payload, message.data.get() + sender.cut, piece);
+  sender.cut += piece;
+  if (sender.cut == message.length) sender.message.reset();
+  return packet;
+}
+
+uint32_t UDP::Sender::queued() const {
+  return message == nullptr ? 0 : (message->length - cut - 1) / udp::kMaxPayload + 1;
 }
 
 // An ACK, or a packet of a type that nobody knows.
@@ -147,7 +171,7 @@ void UDP::ackRecv(Sender& sender, const UdpPkg& packet) {
         return;
       }
       deleteTimeoutEvent(syn);
-      syn.pkg.reset();
+      m_packets.giveBack(std::move(syn.pkg));
       sender.state = OPEN;
       return;
     case OPEN:
@@ -162,7 +186,7 @@ void UDP::ackRecv(Sender& sender, const UdpPkg& packet) {
       }
       LOG_WARN_IN("processReceive", __LINE__, "S_CLOSE SENDER:%s", senderText(sender).c_str());
       deleteTimeoutEvent(sender.finTimeoutEvent);
-      removeSender(sender);
+      m_senders.erase(peerKey(sender.peer));
       return;
     case OPENING:
       break;
@@ -179,16 +203,11 @@ void UDP::ackInWindow(Sender& sender, const UdpPkg& packet) {
   }
   deleteTimeoutEvent(*record);
   const int64_t sessionId = record->pkg->sessionId;  // our own: the ACK's is the peer's word only
-  record->pkg.reset();
+  m_packets.giveBack(std::move(record->pkg));
+  if (sender.message != nullptr) makeReady(sender);
   if (packet.totalLength == packet.offset) {
     recvEvent(UDP_EVENT_SESSION_FINISH, sender.peer, sessionId, nullptr, 0);
   }
-}
-
-void UDP::removeSender(Sender& sender) {
-  m_timers.remove(&sender.synTimeoutEvent);
-  for (const TimeoutEvent& slot : sender.win.slots()) m_timers.remove(&slot);
-  m_senders.erase(peerKey(sender.peer));
 }
 
 std::string UDP::senderText(const Sender& sender) const {
@@ -196,7 +215,7 @@ std::string UDP::senderText(const Sender& sender) const {
   char text[512];
   snprintf(text, sizeof(text), "S[%x %s %s s:%d q:%d syn:%s fin:%s]", addressBits(&sender),
            addressText(sender.peer).c_str(), stateName(sender.state), static_cast<int>(sender.s),
-           static_cast<int>(sender.q.size()), timeoutText(sender.synTimeoutEvent, now).c_str(),
+           static_cast<int>(sender.queued()), timeoutText(sender.synTimeoutEvent, now).c_str(),
            timeoutText(sender.finTimeoutEvent, now).c_str());
   return text;
 }

@@ -1,6 +1,5 @@
 #include "udp/udp_timers.h"
 
-#include <algorithm>
 #include <cstdio>
 
 #define LOG_FILE_NAME "udp.cpp"
@@ -15,16 +14,14 @@ std::string timeoutText(const TimeoutEvent& record, int64_t now) {
   return text;
 }
 
-void TimerList::insert(TimeoutEvent* record) {
-  const auto later = std::find_if(m_records.begin(), m_records.end(), [record](const TimeoutEvent* other) {
-    return other->expiry > record->expiry;
-  });
-  m_records.insert(later, record);
+int TimerList::size() const {
+  int count = 0;
+  for (const TimeoutEvent* record = m_records.front(); record != nullptr; record = m_records.after(*record)) {
+    ++count;
+  }
+  return count;
 }
 
-bool TimerList::remove(const TimeoutEvent* record) {
-  const auto node = std::find(m_records.begin(), m_records.end(), record);
-  if (node == m_records.end()) return false;
-  m_records.erase(node);
-  return true;
+void TimerList::insert(TimeoutEvent& record) {
+  m_records.insert(record, [&record](const TimeoutEvent& other) { return other.expiry > record.expiry; });
 }

@@ -5,11 +5,11 @@
 #include <netinet/in.h>
 
 #include <cstdint>
-#include <list>
 #include <memory>
 #include <string>
 
 #include "base/clock.h"
+#include "udp/udp_list.h"
 #include "udp/udp_packet.h"
 
 /// Where the transport takes time from: the one clock and the one interval of all its timers. Tests shorten
@@ -20,7 +20,8 @@ struct UdpTiming {
 };
 
 /// A timer record. It lives inside a sender and owns the packet; a null packet means that the record is free.
-struct TimeoutEvent {
+/// While it is linked it is pending.
+struct TimeoutEvent : Linked<TimeoutEvent> {
   int64_t expiry = 0;  // milliseconds of UdpTiming::now
   int32_t tc = 0;      // how often the packet was sent again
   sockaddr_in peer{};  // where the packet was sent
@@ -32,28 +33,22 @@ struct TimeoutEvent {
 std::string timeoutText(const TimeoutEvent& record, int64_t now);
 
 /// The pending timers in the order in which they fall due; of equal ones, in the order of arrival. The list
-/// never owns the records.
+/// never owns the records. All timers run equally long, so that a new one belongs to the end, unless the
+/// clock was set back: linking and unlinking do not depend on how many there are.
 class TimerList {
  public:
-  using Node = std::list<TimeoutEvent*>::iterator;
-
   bool empty() const { return m_records.empty(); }
-  int size() const { return static_cast<int>(m_records.size()); }
+  /// Counts them, for the traces.
+  int size() const;
 
   /// The timer that falls due first. The list must not be empty.
-  Node front() { return m_records.begin(); }
+  TimeoutEvent& front() const { return *m_records.front(); }
 
-  /// Links the record behind all that do not fall due later. The record of the front node may be linked anew
-  /// while that node is being handled: its own expiry has changed by then, so the new node comes behind it.
-  void insert(TimeoutEvent* record);
-
-  void erase(Node node) { m_records.erase(node); }
-
-  /// Unlinks the first node of the record. False when there is none.
-  bool remove(const TimeoutEvent* record);
+  /// Links the record behind all that do not fall due later. A record that is pending is moved.
+  void insert(TimeoutEvent& record);
 
   void clear() { m_records.clear(); }
 
  private:
-  std::list<TimeoutEvent*> m_records;  // transport thread
+  LinkedList<TimeoutEvent> m_records;
 };

@@ -1,7 +1,6 @@
 // Two ends for tests of the UDP transport: a running one that records its events, and a plain socket.
 #pragma once
 
-#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,17 +8,8 @@
 #include <algorithm>
 #include <vector>
 
-#include "base/bytes.h"
 #include "support/Support.h"
-#include "udp/udp.h"
-
-inline sockaddr_in loopback(uint16_t port = 0) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
+#include "support/UdpDatagram.h"
 
 /// A running transport that records what it is told.
 struct Endpoint : UDP {
@@ -34,9 +24,11 @@ struct Endpoint : UDP {
     EXPECT_TRUE(createSocket(loopback(), "127.0.0.1", 0) == 0 && startThread(entry, this) == 0);
   }
   ~Endpoint() override { stop(); }
+  int stopsItselfAt = 0;  // the event at which it calls stop(); set before it can come
   int recvEvent(int event, const sockaddr_in&, int64_t id, const uint8_t* data, uint32_t len) override {
     const std::lock_guard<std::mutex> lock(m_lock);
     m_events.push_back({event, id, data != nullptr ? Bytes(data, data + len) : ""});
+    if (event == stopsItselfAt) stop();
     return 0;
   }
   /// What has happened; of one event only when it is given.
@@ -60,22 +52,6 @@ struct Endpoint : UDP {
   std::mutex m_lock;
   std::vector<Event> m_events;
 };
-
-inline Bytes datagram(int type, uint32_t sequence, uint32_t of = 0, uint32_t tl = 0,
-                      const Bytes& payload = {}, int64_t sid = 7) {
-  UdpPkg packet{};
-  packet.dataLength = payload.size();
-  packet.totalLength = tl;
-  packet.offset = of;
-  packet.sessionId = sid;
-  std::copy(payload.begin(), payload.end(), packet.payload);
-  sealPacket(packet, static_cast<PacketType>(type), sequence);
-  return Bytes(reinterpret_cast<const char*>(&packet), packet.wireLength());
-}
-
-inline uint32_t sequenceOf(const Bytes& bytes) {
-  return bytes.size() < 28 ? 0 : read32le(reinterpret_cast<const uint8_t*>(bytes.data()) + 16);
-}
 
 /// A plain UDP socket on loopback.
 struct PlainPeer {

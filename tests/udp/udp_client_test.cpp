@@ -2,7 +2,6 @@
 #include <sys/resource.h>
 
 #include <filesystem>
-#include <future>
 
 #include "base/log.h"
 #include "support/LogCapture.h"
@@ -11,18 +10,16 @@
 
 namespace {
 
-/// An owner that logs replies and then keeps the engine's thread while its gate is locked.
+/// An owner that logs replies.
 struct Owner : ClientProtocal {
   void onCallback(int32_t event, int32_t funcid, int64_t word16, int64_t timestamp, int32_t status,
                   const uint8_t* data, int32_t len) override {
     const std::string body = data != nullptr ? std::string(data, data + len) : "null";
     LOG_WARN("reply %d %d %d %d %d %d %s", event, funcid, int(word16), int(timestamp), status, len,
              body.c_str());
-    const std::lock_guard<std::mutex> lock(gate);
   }
   std::shared_ptr<IClientEngine> engine() override { return nullptr; }
   IC2JavaCallback* c2JavaCallback() override { return nullptr; }
-  std::mutex gate;
 };
 
 struct UdpClientTest : testing::Test {
@@ -70,28 +67,6 @@ TEST_F(UdpClientTest, RequestsGoToTheServiceAndRepliesToTheOwner) {
   }
   EXPECT_EQ(client->recvEvent(UDP_EVENT_CLOSE, loopback(), 1, nullptr, 0), 0);
   EXPECT_EQ(client->recvEvent(5, loopback(), 1, nullptr, 0), -1);
-}
-
-TEST_F(UdpClientTest, EleventhRequestWaitsAndDeletionWakesIt) {
-  std::unique_lock<std::mutex> closed(owner.gate);
-  UdpClient* client = startClient().release();
-  client->sendReq(1003, nullptr, 0, 1, 1);
-  peer.receive();
-  peer.send(peer.from, datagram(4, 100000));
-  peer.send(peer.from, datagram(1, 100001, 0, 1, "x"));
-  ASSERT_TRUE(logged("reply 0"));  // its thread stands still now
-  std::atomic<int> queued{0};
-  auto caller = std::async(std::launch::async, [&] {
-    for (; queued < 11; ++queued) client->sendReq(1003, nullptr, 0, 1, 1);
-  });
-  ASSERT_TRUE(eventually([&] { return queued == 10; }));
-  EXPECT_EQ(caller.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
-  auto deletion = std::async(std::launch::async, [&] { delete client; });
-  EXPECT_EQ(caller.wait_for(std::chrono::seconds(20)), std::future_status::ready)
-      << "woken before the thread is joined";
-  EXPECT_EQ(deletion.wait_for(std::chrono::seconds(0)), std::future_status::timeout) << "it joins the thread";
-  closed.unlock();
-  EXPECT_EQ(deletion.wait_for(std::chrono::seconds(20)), std::future_status::ready);
 }
 
 TEST_F(UdpClientTest, DeletionLeavesNothingBehindAndWaitsForNoRetransmission) {
