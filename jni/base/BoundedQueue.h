@@ -110,8 +110,9 @@ class BoundedQueue {
   /// The oldest item, left where it is, or null. Consumer thread only, of a queue of at most kReserved
   /// places: it is valid, and that thread's to change, until that thread pops.
   Item* front() {
+    if (m_count.load() == 0) return nullptr;
     std::lock_guard<std::mutex> lock(m_lock);
-    return m_queue.empty() ? nullptr : &m_queue[0];
+    return &m_queue[0];
   }
 
   /// Takes the oldest item, or none. Consumer thread only.
@@ -152,10 +153,7 @@ class BoundedQueue {
   }
 
   /// The number of queued items at this moment. Any thread.
-  size_t size() const {
-    std::lock_guard<std::mutex> lock(m_lock);
-    return m_queue.size();
-  }
+  size_t size() const { return m_count.load(); }
 
  private:
   /// Queues an item into a place that the caller has taken.
@@ -164,6 +162,7 @@ class BoundedQueue {
       std::lock_guard<std::mutex> lock(m_lock);
       if (!m_closed) {
         m_queue.push(std::move(item));
+        m_count.fetch_add(1);
         m_items.post();  // under the lock, so that an item that front() shows is one that tryPop() gets
         return true;
       }
@@ -177,6 +176,7 @@ class BoundedQueue {
     {
       std::lock_guard<std::mutex> lock(m_lock);
       item = m_queue.pop();
+      m_count.fetch_sub(1);
     }
     if (quietly && m_waiting.load() != 0) {
       ++m_keptBack;
@@ -187,10 +187,11 @@ class BoundedQueue {
   }
 
   mutable std::mutex m_lock;
-  Ring<Item> m_queue;             // guarded by m_lock
-  bool m_closed = false;          // guarded by m_lock
-  Semaphore m_freeSlots;          // places left; never taken while m_lock is held
-  Semaphore m_items;              // items queued
-  std::atomic<int> m_waiting{0};  // producers that found no place
-  int m_keptBack = 0;             // the consumer's: places that are free and not yet posted
+  Ring<Item> m_queue;              // guarded by m_lock
+  std::atomic<size_t> m_count{0};  // of items in m_queue; changed with it, read without the lock
+  bool m_closed = false;           // guarded by m_lock
+  Semaphore m_freeSlots;           // places left; never taken while m_lock is held
+  Semaphore m_items;               // items queued
+  std::atomic<int> m_waiting{0};   // producers that found no place
+  int m_keptBack = 0;              // the consumer's: places that are free and not yet posted
 };

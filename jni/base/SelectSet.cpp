@@ -24,12 +24,14 @@ bool SelectSet::contains(int fd) const {
   return (m_words[fd / kWordBits] >> (fd % kWordBits) & 1) != 0;
 }
 
-int SelectSet::next(int fd) const {
-  for (size_t word = static_cast<size_t>(fd) / kWordBits; word < m_words.size(); ++word) {
-    const Word rest = fd / kWordBits == static_cast<int>(word)
-                          ? m_words[word] >> (fd % kWordBits) << (fd % kWordBits)
-                          : m_words[word];
-    if (rest != 0) return static_cast<int>(word) * kWordBits + __builtin_ctzl(rest);
+int SelectSet::next(int fd, int highest) const {
+  while (fd <= highest && static_cast<size_t>(fd) / kWordBits < m_words.size()) {
+    const Word rest = m_words[fd / kWordBits] >> (fd % kWordBits);
+    if (rest != 0) {
+      const int found = fd + __builtin_ctzl(rest);
+      return found <= highest ? found : -1;
+    }
+    fd += kWordBits - fd % kWordBits;  // the next word's first
   }
   return -1;
 }

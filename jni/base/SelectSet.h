@@ -18,8 +18,8 @@ class SelectSet {
   void remove(int fd);
   bool contains(int fd) const;
   void clear();
-  /// The lowest descriptor in the set from fd (0 or above) on, or -1.
-  int next(int fd) const;
+  /// The lowest descriptor in the set from fd (0 or above) to highest, or -1.
+  int next(int fd, int highest) const;
 
   /// select(highest + 1, readable, writable, nothing, timeout): waits until a descriptor of a set is ready
   /// and leaves only those in it. Null sets are not examined; a null timeout waits without limit. Returns

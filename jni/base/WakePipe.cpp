@@ -40,8 +40,8 @@ void WakePipe::wake() {
 
 int WakePipe::drain() {
   int value = 0;
-  const int end = readEnd();
-  return static_cast<int>(retryEintr([&] { return read(end, &value, sizeof(value)); }));
+  // Without the lock: nobody but the loop thread closes the pipe while the loop runs.
+  return static_cast<int>(retryEintr([&] { return read(m_readEnd, &value, sizeof(value)); }));
 }
 
 int WakePipe::readEnd() const {

@@ -6,8 +6,8 @@
 //
 // Wake-ups for queued items merge: a loop that is busy looks at its queue again by itself. It calls
 // goToSleep(), then looks whether something is queued, then sleeps; a producer queues, then calls
-// wakeSleeper(), which writes only when the loop has announced a sleep and nobody has ended it yet. Whichever
-// comes first at the queue's lock, the item is seen or the pipe written.
+// wakeSleeper(), which writes only when the loop has announced a sleep and nobody has ended it yet. All of
+// these steps are in one order for all threads, so either the item is seen or the pipe written.
 #pragma once
 
 #include <atomic>

@@ -47,8 +47,9 @@ class Client : public ClientProtocal {
   /// first; switching off leaves the engine as it is.
   void setEnable(bool on);
 
-  /// The least time between two start attempts, in seconds (30 at load); ignored when 0 or less. It is measured with
-  /// the wall clock, as designed: a clock that is set back puts the next attempt off by as much.
+  /// The least time between two start attempts, in seconds (30 at load); ignored when 0 or less. It is
+  /// measured with the wall clock, as designed: a clock that is set back puts the next attempt off by as
+  /// much.
   void setRetryConnectInterval(int32_t seconds);
 
   bool isEnabled() const { return m_enable.load(std::memory_order_relaxed) != 0; }

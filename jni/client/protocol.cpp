@@ -49,7 +49,7 @@ std::optional<int> send(uint32_t funcid, const Message& message, int tid, int64_
   std::unique_ptr<uint8_t[]> heap;
   if (length > sizeof(stack)) heap.reset(new uint8_t[length]);
   uint8_t* const payload = heap != nullptr ? heap.get() : stack;
-  message.SerializeToArray(payload, static_cast<int>(length));
+  message.SerializeWithCachedSizesToArray(payload);  // of just the size that was computed above
   return send(funcid, payload, length, tid, timestamp);
 }
 

@@ -136,9 +136,10 @@ int LocalSocket::loop(bool isServer) {
     m_looping = true;
   }
   m_master.clear();
-  m_maxFd = std::max(m_socket, m_pipe.readEnd());
+  m_pipeEnd = m_pipe.readEnd();
+  m_maxFd = std::max(m_socket, m_pipeEnd);
   m_master.add(m_socket);
-  m_master.add(m_pipe.readEnd());
+  m_master.add(m_pipeEnd);
   LOG_DEBUG_AT(125, "mfd:%d  maxfd:%d isServer:%d", m_fd.load(), m_maxFd, isServer);
 
   int result = 0;
@@ -231,10 +232,10 @@ bool LocalSocket::isOpen(const SendPack& pack) const {
 /// Handles every descriptor that is ready. False ends the loop.
 bool LocalSocket::scanReadable(bool isServer) {
   const int highest = m_maxFd;
-  for (int fd = m_readable.next(kFirstScanned); fd >= 0 && fd <= highest; fd = m_readable.next(fd + 1)) {
+  for (int fd = m_readable.next(kFirstScanned, highest); fd >= 0; fd = m_readable.next(fd + 1, highest)) {
     if (m_fd == 0) return true;  // told to end
     if (!m_master.contains(fd)) continue;
-    if (fd == m_pipe.readEnd()) {
+    if (fd == m_pipeEnd) {
       m_pipe.drain();
     } else if (isServer && fd == m_socket) {
       if (socketAccept() < 0) return false;

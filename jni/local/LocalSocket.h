@@ -122,5 +122,6 @@ class LocalSocket {
   SelectSet m_readable;  // what select() left of m_master; kept, so that a round allocates nothing
   SelectSet m_writable;  // the one descriptor to be written, likewise
   SelectSet m_master;    // what the loop listens to
+  int m_pipeEnd = 0;     // the pipe's read end, which only the loop's end closes
   int m_maxFd = 0;       // the highest descriptor in m_master
 };

@@ -9,8 +9,8 @@ enum ReportType : int32_t {
   REPORT_DATA = 2,    // a DataCallback that the service pushed
 };
 
-/// The status of the report that a request found no running engine. It does not mean that the request was lost: when the
-/// restart that follows succeeds, the request goes out over the new engine.
+/// The status of the report that a request found no running engine. It does not mean that the request was
+/// lost: when the restart that follows succeeds, the request goes out over the new engine.
 constexpr int32_t kStatusNoEngine = -20001;
 
 class IC2JavaCallback {
