@@ -135,7 +135,9 @@ void roundTrip(benchmark::State& state) {
       }
     }
     std::sort(taken.begin(), taken.end());
-    state.counters["p50_us"] = taken[taken.size() / 2];
+    for (const int percent : {10, 50, 90, 99}) {
+      state.counters["p" + std::to_string(percent) + "_us"] = taken[taken.size() * percent / 100];
+    }
   }
   peer().answer(false);
 }
@@ -143,6 +145,7 @@ BENCHMARK_TEMPLATE(roundTrip, Library)->Name("round_trip")->Iterations(1)->UseRe
 BENCHMARK_TEMPLATE(roundTrip, Skeleton)->Name("round_trip_floor")->Iterations(1)->UseRealTime();
 
 const std::string kThroughput = "throughput against producers";
+const std::string kRoundTrip = "round trip by percentile";
 const Row kRows[] = {
     {"requests, one producer", "1/s", "stream/1", "stream_floor/1", "per_s", atLeast(1.0), kThroughput, 1},
     {"requests, two producers", "1/s", "stream/2", "stream_floor/2", "per_s", {}, kThroughput, 2},
@@ -154,7 +157,10 @@ const Row kRows[] = {
     {"context switches per request, four producers", "", "stream/4", "stream_floor/4", "switches"},
     {"time in the call at 10,000 a second, p50", "us", "paced", "paced_floor", "p50_us", atMost(1.15)},
     {"time in the call at 10,000 a second, p99", "us", "paced", "paced_floor", "p99_us", atMost(1.15)},
-    {"round trip, p50", "us", "round_trip", "round_trip_floor", "p50_us", atMost(1.15)},
+    {"round trip, p10", "us", "round_trip", "round_trip_floor", "p10_us", {}, kRoundTrip, 10},
+    {"round trip, p50", "us", "round_trip", "round_trip_floor", "p50_us", atMost(1.15), kRoundTrip, 50},
+    {"round trip, p90", "us", "round_trip", "round_trip_floor", "p90_us", {}, kRoundTrip, 90},
+    {"round trip, p99", "us", "round_trip", "round_trip_floor", "p99_us", {}, kRoundTrip, 99},
 };
 
 }  // namespace
