@@ -9,6 +9,7 @@
 #include "shared/LibraryLog.h"
 #include "shared/Manual.h"
 #include "tools/check/CheckCommand.h"
+#include "tools/cli/Holds.h"
 #include "tools/cli/Program.h"
 
 namespace {
@@ -56,6 +57,7 @@ int program(int argc, char** argv) {
   app.add_flag("-v,--verbose", verbose, "Show the log of the UDP transport, too");
   cli::addRequests(app, program, arguments);
   check::addCheckCommand(app, program);
+  cli::addHolds(app, program);
   app.footer(std::string(kExamples) + cli::kExitCodes);  // now, so that the subcommands do not inherit it
   shared::addManual(app, 1, "tarnbooster-service(8)");
   try {

@@ -30,6 +30,8 @@ void everyRequest(Check& check) {
         break;
       case Fate::SILENT:
         talk.forgetOpen();
+        if (check.settings().silent.count(funcid) == 0)
+          check.fail("it is not answered, although it was before");
         check.note(requestText(funcid) + " is not answered");
         break;
       case Fate::CLOSED:

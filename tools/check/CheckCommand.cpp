@@ -101,7 +101,8 @@ int run(Options& options, const cli::Program& program) {
   if (options.list) return list(options);
   options.settings.target = program.target;
   const std::vector<int> numbers = choose(options);
-  if (numbers.empty()) return cli::fail(cli::EXIT_USAGE, "no case is left to try: --list shows all, and what each needs");
+  if (numbers.empty())
+    return cli::fail(cli::EXIT_USAGE, "no case is left to try: --list shows all, and what each needs");
   std::string problem;
   if (client::connectTo(program.target, problem) == nullptr) return cli::fail(cli::EXIT_NO_SERVICE, problem);
   survey(options.settings);
