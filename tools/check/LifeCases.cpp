@@ -1,5 +1,6 @@
 // Clients that come, go, stay away from their replies, and are many.
 #include <fmt/format.h>
+#include <poll.h>
 
 #include "tools/check/Check.h"
 #include "tools/check/Tables.h"
@@ -66,6 +67,10 @@ void slowReader(Check& check) {
     return packets;
   }();
   slow.queue(burst);
+  for (const int64_t end = client::steadyMs() + check.settings().quietMs; client::steadyMs() < end;) {
+    slow.queue("");  // writes on, and reads nothing
+    poll(nullptr, 0, 1);
+  }
   check.sending("50000 requests of a client that does not read; then another client's 1001");
   check.alive();
   check.sending("50000 requests of a client that starts to read late");

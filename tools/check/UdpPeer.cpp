@@ -131,6 +131,7 @@ void UdpPeer::receive(const UdpPkg& packet) {
   switch (packetType(packet.type)) {
     case PACKET_ACK:
       m_acks[packet.sequence] = packet;
+      ++m_ackCounts[packet.sequence];
       return;
     case PACKET_SYN:
       m_expected = packet.sequence + 1;

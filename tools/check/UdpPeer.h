@@ -41,6 +41,8 @@ class UdpPeer {
 
   /// The header of the ACK of a sequence number, if it comes in time. What else comes is handled meanwhile.
   std::optional<UdpPkg> ackOf(uint32_t sequence, int64_t ms);
+  /// How many ACKs of a sequence number have come.
+  int acksOf(uint32_t sequence) { return m_ackCounts[sequence]; }
   /// The next whole reply as it should be, if it comes in time. The case fails when it is none.
   std::optional<client::Reply> reply(int64_t ms);
   /// Handles what comes for so long.
@@ -64,7 +66,8 @@ class UdpPeer {
   uint32_t m_sequence = udp::kFirstSequence;
   bool m_acknowledges = true;
   std::map<uint32_t, UdpPkg> m_acks;  // by what they acknowledge; the last one of each
-  uint32_t m_expected = 0;            // the service's next sequence number; 0 before its SYN
+  std::map<uint32_t, int> m_ackCounts;
+  uint32_t m_expected = 0;  // the service's next sequence number; 0 before its SYN
   std::map<uint32_t, int> m_seen;
   std::string m_message;  // of which some pieces have come
   std::deque<std::string> m_messages;
