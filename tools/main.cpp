@@ -11,6 +11,7 @@
 #include "tools/check/CheckCommand.h"
 #include "tools/cli/Holds.h"
 #include "tools/cli/Program.h"
+#include "tools/record/Commands.h"
 
 namespace {
 
@@ -58,6 +59,7 @@ int program(int argc, char** argv) {
   cli::addRequests(app, program, arguments);
   check::addCheckCommand(app, program);
   cli::addHolds(app, program);
+  record::addCommands(app, program);
   app.footer(std::string(kExamples) + cli::kExitCodes);  // now, so that the subcommands do not inherit it
   shared::addManual(app, 1, "tarnbooster-service(8)");
   try {
@@ -70,7 +72,7 @@ int program(int argc, char** argv) {
     if (!problem.empty()) throw CLI::ValidationError(problem);
   } catch (const CLI::Success& asked) {
     app.exit(asked);
-    return fflush(stdout) == 0 ? cli::EXIT_ANSWERED : cli::EXIT_OUTPUT;
+    return fflush(stdout) == 0 && ferror(stdout) == 0 ? cli::EXIT_ANSWERED : cli::EXIT_OUTPUT;
   } catch (const CLI::ParseError& error) {
     return cli::fail(cli::EXIT_USAGE, std::string(error.what()) + " (--help tells more)");
   }

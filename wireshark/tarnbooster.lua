@@ -54,10 +54,10 @@ local REQUESTS = {
 local PUSH = { "push", "DataCallback", { "code", "i32" }, { "data", "bytes" } }
 local PUSH_FUNCID = 1010
 
-local STATUS_NAMES = { -- the reference service's; another service may use any numbers
-  [0] = "done", [1] = "partly", [2] = "no such request", [3] = "bad argument", [4] = "nothing to set",
-  [5] = "not allowed", [6] = "not the client's thread", [7] = "client unknown", [8] = "too many boosts",
-  [9] = "refused by the system",
+local STATUS_NAMES = { -- the reference service's (shared/Status.cpp); another service may use any numbers
+  [0] = "done", [1] = "partly done", [2] = "no such request", [3] = "bad argument",
+  [4] = "not available, nothing to set", [5] = "no right", [6] = "not the process's own", [7] = "process unknown",
+  [8] = "too many boosts", [9] = "failed",
 }
 local TYPE_NAMES = { [1] = "DATA", [2] = "ACK", [4] = "SYN", [5] = "FIN" }
 

@@ -242,7 +242,7 @@ TEST(Dissector, PutsPiecesTogetherAndTakesPacketsWithoutAnyTagsButTheName) {
           "request|1||1011|600005|1011 registerBootPreloadResource files=[\"/" + Bytes(59, 'f') + "\"]",
           "reply||3|1011|0|1011 registerBootPreloadResource -> status 0, 1.000 ms",
           "request,request|||1003,1007|0,0|1003 cancelCpuHighFreq; 1007 cancelHighIOFreq",
-          "reply||5|1003|0|1003 cancelCpuHighFreq -> status 5 (not allowed), 1.000 ms"));
+          "reply||5|1003|0|1003 cancelCpuHighFreq -> status 5 (no right), 1.000 ms"));
 }
 
 TEST(Dissector, ShowsARecordingOfTheReferenceService) {

@@ -18,6 +18,7 @@ class LocalConnection : public Connection {
   void send(std::string_view bytes) override;
   size_t unsent() const override { return m_output.size() - m_sent; }
   Event next(Reply& reply, int64_t deadlineMs, int watched = -1) override;
+  int fd() const override { return m_fd.get(); }
 
   /// Closes the sending half. What has not left is dropped.
   void finishSending();
@@ -25,7 +26,6 @@ class LocalConnection : public Connection {
   /// Bytes of a reply that has come in part.
   size_t partialReply() const { return m_replies.partial(); }
 
-  int fd() const { return m_fd.get(); }
 
  private:
   explicit LocalConnection(shared::UniqueFd fd) : m_fd(std::move(fd)) {}

@@ -23,6 +23,7 @@ class UdpConnection : public Connection {
   void send(std::string_view packet) override;
   size_t unsent() const override { return m_output.size(); }
   Event next(Reply& reply, int64_t deadlineMs, int watched = -1) override;
+  int fd() const override { return m_port.fd(); }
 
  private:
   /// What the transport's thread leaves for ours.

@@ -35,12 +35,11 @@ void Loop::remove(uint64_t watch) {
   m_watches.erase(found);
 }
 
-void Loop::run(const std::function<int(bool)>& idle) {
+void Loop::run(const std::function<int()>& due) {
   epoll_event events[64];
-  for (int count = 0; !m_stopped;) {
-    const int waitMs = idle(count <= 0);
-    if (m_stopped) return;
-    count = epoll_wait(m_epoll.get(), events, std::size(events), waitMs);
+  while (!m_stopped) {
+    const int waitMs = due();
+    const int count = epoll_wait(m_epoll.get(), events, std::size(events), waitMs);
     for (int i = 0; i < count && !m_stopped; ++i) {
       const auto found = m_watches.find(events[i].data.u64);
       if (found == m_watches.end()) continue;              // removed earlier in this round

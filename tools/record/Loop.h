@@ -26,10 +26,10 @@ class Loop {
   /// From now on the handler is not called; it may be removed by itself.
   void remove(uint64_t watch);
 
-  /// Runs until stop(). Between two rounds `idle` is called with whether nothing is ready; its result says
-  /// for how many milliseconds nothing is due (-1: whatever happens first; 0: look again at once).
-  void run(const std::function<int(bool nothingReady)>& idle);
-  /// Ends run() after the round at hand; for handlers and idle.
+  /// Runs until stop(). Before each round `due` is called; its result says for how many milliseconds nothing
+  /// is due (-1: nothing at all; 0: look at once).
+  void run(const std::function<int()>& due);
+  /// Ends run() after the round at hand; for handlers and `due`.
   void stop() { m_stopped = true; }
 
  private:

@@ -2,7 +2,10 @@
 
 #include <sys/epoll.h>
 
+#include <algorithm>
 #include <ctime>
+
+#include "base/clock.h"
 
 namespace record {
 
@@ -11,14 +14,18 @@ Recorder::Recorder(RecordingFile& file, std::function<void(const std::string&)> 
 
 bool Recorder::run(int end, const std::function<int()>& due) {
   if (!m_loop || m_loop.add(end, EPOLLIN, [this](uint32_t) { m_loop.stop(); }) == 0) return false;
-  m_loop.run([&](bool nothingReady) {
-    const bool waits = m_file.pending() > 0;
-    if (waits && (nothingReady || m_file.pending() >= kFlushBytes)) {
+  m_loop.run([&] {
+    int waitMs = due();
+    if (m_file.pending() == 0) return waitMs;
+    const int64_t now = nowMs();
+    if (m_flushAt == 0) m_flushAt = now + kFlushMs;
+    if (m_file.pending() >= kFlushBytes || now >= m_flushAt || m_flushAt - now > kFlushMs) {
       finish();
-    } else if (waits) {
-      return 0;  // whether something is ready
+      m_flushAt = 0;
+      return waitMs;
     }
-    return due();
+    const int flushMs = static_cast<int>(m_flushAt - now);
+    return waitMs < 0 ? flushMs : std::min(waitMs, flushMs);
   });
   return true;
 }

@@ -16,8 +16,8 @@ struct Counts {
   uint64_t connections = 0, requests = 0, replies = 0;
 };
 
-/// Forwards first and writes afterwards, whenever nothing else is ready, so that what passes does not wait
-/// for the file. Should the file not take any more, one line says so, and forwarding goes on.
+/// What passes is collected and written a moment later, so that it hardly ever waits for the file. Should the
+/// file not take any more, one line says so, and forwarding goes on.
 class Recorder {
  public:
   /// say  takes lines for the user
@@ -38,12 +38,14 @@ class Recorder {
   void finish();
 
  private:
-  static constexpr size_t kFlushBytes = 65536;  // written then even when something else is ready
+  static constexpr size_t kFlushBytes = 65536;  // written as soon as there are so many,
+  static constexpr int64_t kFlushMs = 20;       // or so much later
 
   RecordingFile& m_file;
   const std::function<void(const std::string&)> m_say;
   Loop m_loop;
   Counts m_counts;
+  int64_t m_flushAt = 0;  // milliseconds; 0: nothing waits
   std::string m_buffer = std::string(65536, 0);
 };
 
