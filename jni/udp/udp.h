@@ -71,7 +71,7 @@
 // never sends a FIN; the first message in the queue whose sender is still busy holds up all behind it,
 // whoever they are for.
 //
-// What peers can make us hold. A receiver of about 200 bytes per address that something comes from, 65,536 at
+// What peers can make us hold. A receiver of about 150 bytes per address that something comes from, 65,536 at
 // most; then one is forgotten, "R_FORGET RECEIVER:%s": of those that have never completed a message the one
 // silent for longest, and only without any such of the others. Unfinished messages: 16 for each receiver, of
 // each no more than twice the bytes that have come, and in all no more than the transport's budget. When that
