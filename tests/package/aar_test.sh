@@ -51,9 +51,9 @@ refused() {
 }
 
 # What is put in place of a class: the same, as Java 17 would have it.
-newerClass='jar -x -f classes.jar && printf "\075" |
+newerClass='mkdir new && cd new && jar -x -f ../classes.jar && printf "\075" |
   dd of=com/tarn/performance/TarnBoosterJNI.class bs=1 seek=7 conv=notrunc status=none &&
-  jar -c -f classes.jar com META-INF && rm -r com META-INF'
+  jar -c -f ../classes.jar com META-INF && cd .. && rm -r new'
 module=prefab/modules/tarnbooster
 
 refused '< proguard.txt'      'rm proguard.txt'
