@@ -7,11 +7,12 @@ usage() {
 usage: scripts/make-deb.sh [--build FOLDER] [--check] [--help]
 
 Builds for the prefix /usr and packs libtarnbooster, libtarnbooster-java, libtarnbooster-dev, tarnbooster-service and
-tarnbooster as Debian packages into FOLDER/packages (by default build/deb/packages).
+tarnbooster as Debian packages into build/deb/packages.
 
-  --check  then installs them into a fresh Debian system in a temporary folder, runs both programs and an application
-           there, removes them, and sees that nothing is left (about a minute; as root, or where a user may
-           make namespaces)
+  --build FOLDER  take this configured build, whose prefix becomes /usr, and make FOLDER/packages
+  --check         then install them into a fresh Debian system in a temporary folder, run both programs there, remove
+                  the packages, and see that nothing is left (about a minute; as root, or where a user may make
+                  namespaces)
 HELP
 }
 
@@ -29,8 +30,11 @@ installPackages "${buildPackages[@]}" dpkg-dev
 useJava17
 say "building Debian packages"
 mkdir -p "$build"
-cmake -G Ninja -S "$ROOT" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
-  -DTARNBOOSTER_BUILD_TESTS=OFF >"$build/configure.log" 2>&1 || { cat "$build/configure.log"; die "no configuration"; }
+build=$(cd "$build" && pwd)
+options=()
+[ -f "$build/CMakeCache.txt" ] || options=(-G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNBOOSTER_BUILD_TESTS=OFF)
+cmake -S "$ROOT" -B "$build" -DCMAKE_INSTALL_PREFIX=/usr "${options[@]}" >"$build/configure.log" 2>&1 ||
+  { cat "$build/configure.log"; die "no configuration"; }
 cmake --build "$build"
 rm -rf "$build/packages"
 (cd "$build" && cpack -G DEB -B packages >package.log 2>&1) || { cat "$build/package.log"; die "cpack failed"; }
