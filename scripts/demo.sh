@@ -100,7 +100,7 @@ inWords+='; s/-> status ([0-9]+)/-> refused (\1)/; s:([.][.]/etc/){9,}:.../:g; s
 # startService ARGUMENT...: starts it and waits until it listens.
 startService() {
   : >"$work/ready"
-  "${emulatorCommand[@]}" "$build/service/tarnbooster-service" --name "$name" "$@" \
+  "${emulatorCommand[@]}" "$build/service/tarnbooster-service" --lines plain --name "$name" "$@" \
     > >(tee -a "$work/service" "$work/ready" | sed -uE "$inWords") 2>&1 &
   servicePid=$!
   local try

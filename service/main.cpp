@@ -1,132 +1,32 @@
-// tarnbooster-service: the options, and the life of the process.
-#include <grp.h>
+// tarnbooster-service: the life of the process.
+#include <fmt/format.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-#include <cmath>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <string>
-#include <vector>
 
-#include "service/core/Log.h"
-#include "service/server/Server.h"
-#include "shared/Address.h"
+#include "service/Options.h"
+#include "service/core/SteadyClock.h"
+#include "service/server/Systemd.h"
 #include "shared/LibraryLog.h"
 #include "shared/Manual.h"
-#include "shared/Text.h"
 
 namespace {
 
-using service::Policy;
-using service::Push;
-using service::ServerOptions;
-using service::Verbosity;
-using shared::parseNumber;
+using service::Options;
 
 const char kAbout[] =
     "A reference performance service. It listens for applications that use libtarnbooster, says on\n"
     "standard output what each of them asks for, does what a Linux machine can do about it, and answers.\n"
     "Stop it with Ctrl-C: everything it has set is put back.\n";
 
-const char kExamples[] =
-    "\nTry it:\n"
-    "  tarnbooster-service --name tarnbooster --push-every 5:7:hello\n"
-    "  tarnbooster --socket tarnbooster --wait 20000 register-anr-callback     (in another terminal)\n"
-    "\nExit codes: 0 stopped by SIGINT or SIGTERM, 1 could not start, 2 wrong options.\n";
-
-/// Cuts "HEAD:REST" off `text` at its first colon; throws what CLI11 reports when there is none.
-std::string cutField(std::string& text, const char* option) {
-  const size_t colon = text.find(':');
-  if (colon == std::string::npos) throw CLI::ValidationError(option, "a ':' is missing in \"" + text + "\"");
-  std::string field = text.substr(0, colon);
-  text.erase(0, colon + 1);
-  return field;
-}
-
-int64_t numberOf(const std::string& text, int64_t least, int64_t most, const char* option) {
-  int64_t number = 0;
-  if (shared::parseNumber(text, least, most, number)) return number;
-  throw CLI::ValidationError(
-      option, "\"" + text + "\" is no number from " + std::to_string(least) + " to " + std::to_string(most));
-}
-
-Push pushOf(std::string text, const char* option) {
-  const std::string code = cutField(text, option);
-  return {static_cast<int32_t>(numberOf(code, INT32_MIN, INT32_MAX, option)), text};
-}
-
-service::RepeatedPush repeatedPushOf(std::string text, const char* option) {
-  const std::string seconds = cutField(text, option);
-  double value = 0;
-  if (!CLI::detail::lexical_cast(seconds, value) || !(value >= 0.001 && value <= 86400)) {
-    throw CLI::ValidationError(option, "\"" + seconds + "\" is no time from 0.001 to 86400 seconds");
-  }
-  return {pushOf(text, option), std::llround(value * 1000), 0};
-}
-
-struct Options {
-  ServerOptions server;
-  Policy policy;
-  Verbosity verbosity = Verbosity::NORMAL;
-};
-
-void describeOptions(CLI::App& app, Options& options) {
-  app.footer(kExamples);
-  app.add_option("--name", options.server.name, "Abstract socket name to listen on, at most 107 bytes")
-      ->type_name("NAME");
-  app.add_option_function<std::string>(
-         "--udp",
-         [&options](const std::string& text) {
-           if (!shared::parseAddress(text, options.server.udp.emplace())) {
-             throw CLI::ValidationError("--udp", "\"" + text + "\" is no IPv4 address and port");
-           }
-         },
-         "Listen on this IPv4 address and port too; there nobody can be told from anybody else")
-      ->type_name("ADDRESS:PORT");
-  app.add_option_function<std::vector<std::string>>(
-         "--status",
-         [&options](const std::vector<std::string>& texts) {
-           for (const std::string& text : texts) {
-             const size_t equals = text.find('=');
-             if (equals == std::string::npos) {
-               throw CLI::ValidationError("--status", "a '=' is missing in \"" + text + "\"");
-             }
-             const auto funcid = numberOf(text.substr(0, equals), 0, 65535, "--status");
-             const auto status = numberOf(text.substr(equals + 1), INT32_MIN, UINT32_MAX, "--status");
-             options.policy.scriptedStatus[static_cast<uint16_t>(funcid)] = static_cast<uint32_t>(status);
-           }
-         },
-         "Answer a request with this status and do nothing, as in 1002=5; may be repeated")
-      ->type_name("FUNCID=STATUS");
-  app.add_option_function<std::vector<std::string>>(
-         "--push-on-register",
-         [&options](const std::vector<std::string>& texts) {
-           for (const auto& text : texts)
-             options.server.onRegister.push_back(pushOf(text, "--push-on-register"));
-         },
-         "Push this to a client when it registers (request 1010); may be repeated")
-      ->type_name("CODE:TEXT");
-  app.add_option_function<std::vector<std::string>>(
-         "--push-every",
-         [&options](const std::vector<std::string>& texts) {
-           for (const auto& text : texts)
-             options.server.repeat.push_back(repeatedPushOf(text, "--push-every"));
-         },
-         "Push this to every registered client, again and again; may be repeated")
-      ->type_name("SECONDS:CODE:TEXT");
-  app.add_flag("--allow-terminate", options.policy.allowTerminate,
-               "Let request 1012 end the client that makes it (SIGTERM)");
-  auto* const quiet = app.add_flag_callback(
-      "-q,--quiet", [&options] { options.verbosity = Verbosity::QUIET; }, "Say only what goes wrong");
-  app.add_flag_callback(
-         "-v,--verbose", [&options] { options.verbosity = Verbosity::VERBOSE; },
-         "Say also who connects and disconnects, and what the transport logs")
-      ->excludes(quiet);
-}
-
-service::Server* g_server = nullptr;  // for the signal handler; set before it is installed
+service::Server* g_server = nullptr;  // for the signal handlers; set before they are installed
 
 void onStopSignal(int /*signal*/) {
   const int kept = errno;
@@ -134,13 +34,58 @@ void onStopSignal(int /*signal*/) {
   errno = kept;
 }
 
-void installSignals() {
+void onReportSignal(int /*signal*/) {
+  const int kept = errno;
+  g_server->report();
+  errno = kept;
+}
+
+void handle(std::initializer_list<int> signals, void (*handler)(int)) {
   struct sigaction action {};
-  action.sa_handler = onStopSignal;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-  action.sa_handler = SIG_IGN;  // a log reader that goes away must not take the service along
-  sigaction(SIGPIPE, &action, nullptr);
+  action.sa_handler = handler;
+  for (const int signal : signals) sigaction(signal, &action, nullptr);
+}
+
+void installSignals() {
+  handle({SIGINT, SIGTERM, SIGHUP, SIGQUIT}, onStopSignal);
+  handle({SIGUSR1}, onReportSignal);
+  handle({SIGPIPE}, SIG_IGN);  // a log reader that goes away must not take the service along
+}
+
+/// Each client takes three descriptors; the usual soft limit is for programs that use select().
+void raiseDescriptorLimit() {
+  constexpr rlim_t kWanted = 4096;
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kWanted) return;
+  limit.rlim_cur = std::min(limit.rlim_max, kWanted);
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/// Where the record goes when nobody has said it; empty for nowhere.
+std::string defaultRecord(const std::string& name) {
+  const char* const given = getenv("RUNTIME_DIRECTORY");  // NOLINT(concurrency-mt-unsafe): no thread yet
+  std::string folder = given != nullptr ? given : geteuid() == 0 ? "/run/tarnbooster" : "";
+  folder = folder.substr(0, folder.find(':'));
+  if (folder.empty()) return "";
+  mkdir(folder.c_str(), 0755);
+  std::string file;
+  for (const char c : name.empty() ? "udp" : name) {
+    file += isalnum(static_cast<unsigned char>(c)) != 0 || c == '.' || c == '-'
+                ? std::string(1, c)
+                : fmt::format("_{:02x}", static_cast<unsigned char>(c));
+  }
+  return fmt::format("{}/{}.record", folder, file.substr(0, 200));
+}
+
+/// Opens the record. One that was asked for must be had; the default one is a bonus. False when it cannot.
+bool openRecord(const Options& options, service::Record& record, const service::Log& log,
+                std::string& problem) {
+  const std::string path = options.record.value_or(defaultRecord(options.server.name));
+  if (path.empty() || record.open(path, problem)) return true;
+  if (options.record) return false;
+  log.warning("no record is kept, so that after a SIGKILL nothing is put back: " + problem);
+  problem.clear();
+  return true;
 }
 
 int program(int argc, char** argv) {
@@ -153,29 +98,37 @@ int program(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : 2;
   }
-  if (options.server.name.empty() && !options.server.udp) {
-    fputs("tarnbooster-service: nowhere to listen: give --name NAME, or --udp ADDRESS:PORT, or both\n",
-          stderr);
+  std::string problem;
+  shared::UniqueFd listener = service::socketFromSystemd(options.server.name, problem);
+  if (problem.empty()) problem = optionsProblem(options);
+  if (!problem.empty()) {
+    fprintf(stderr, "tarnbooster-service: %s\n", problem.c_str());
     return 2;
   }
 
-  // Root's supplementary groups would show through when files are looked at with a client's rights.
-  if (geteuid() == 0) setgroups(0, nullptr);
-  if (options.verbosity != Verbosity::VERBOSE) {
-    // The library's own log is for its developers; what went wrong is in the service's lines.
-    shared::silenceLibraryLog();
-  }
-  const service::Log log(options.verbosity, service::standardOutput());
-  service::Dispatcher dispatcher(options.policy, log);
-  service::Server server(options.server, dispatcher, log);
+  raiseDescriptorLimit();
+  // The library's own log is for its developers; what went wrong is in the service's lines.
+  if (options.most != service::Priority::DEBUG) shared::silenceLibraryLog();
+  service::LineWriter writer(STDOUT_FILENO, options.lines.value_or(service::lineStyleFor(STDOUT_FILENO)));
+  const service::Log log(options.most, [&writer](service::Priority priority, const std::string& line) {
+    writer.put(priority, line);
+  });
+  service::Record record;
+  bool started = openRecord(options, record, log, problem);
+  service::Dispatcher dispatcher(options.policy, log, options.boostLimits, &record);
+  service::Server server(std::move(options.server), dispatcher, log);
   g_server = &server;
   installSignals();
-  std::string problem;
-  if (!server.start(problem)) {
+  if (started) dispatcher.putBack(record, service::steadyMs());
+  started = started && server.start(problem, std::move(listener));
+  if (!started) {
     fprintf(stderr, "tarnbooster-service: %s\n", problem.c_str());
     return 1;
   }
+  service::notifySystemd("READY=1\nSTATUS=serves");
   server.run();
+  service::notifySystemd("STOPPING=1");
+  handle({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1}, SIG_IGN);  // there is no server any more to tell
   return 0;
 }
 

@@ -24,6 +24,9 @@ std::string errorText(int error) {
 }
 
 bool parseNumber(std::string_view text, int64_t least, int64_t most, int64_t& number) {
+  // A zero in front means eight as the base to some, and a slip to others.
+  const std::string_view digits = text.substr(!text.empty() && text[0] == '-' ? 1 : 0);
+  if (digits.size() > 1 && digits[0] == '0') return false;
   const char* const end = text.data() + text.size();
   const auto [stopped, error] = std::from_chars(text.data(), end, number);
   return error == std::errc() && stopped == end && number >= least && number <= most;

@@ -14,7 +14,8 @@ std::string printable(std::string_view text, size_t most = 120);
 /// The system's words for an errno value.
 std::string errorText(int error);
 
-/// A whole decimal number and nothing else within [least, most]. Returns whether `text` is one.
+/// A whole decimal number and nothing else (no sign but a minus, no zeros in front) within [least, most].
+/// Returns whether `text` is one.
 bool parseNumber(std::string_view text, int64_t least, int64_t most, int64_t& number);
 
 }  // namespace shared

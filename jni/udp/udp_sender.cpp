@@ -19,8 +19,11 @@ int UDP::sendPackage(const sockaddr_in* addr, uint8_t type, uint32_t sequence, U
   sealPacket(*packet, static_cast<PacketType>(type), sequence);
   LOG_DEBUG("SEND  type:%s:%d seq:%d datalen:%d datacrc:0x%x ", packetTypeName(type), type,
             static_cast<int>(sequence), packet->dataLength, static_cast<unsigned>(packet->checksum));
-  const auto sent = static_cast<int>(
-      sendto(m_fd, packet, packet->wireLength(), 0, reinterpret_cast<const sockaddr*>(addr), sizeof(*addr)));
+  auto sent = static_cast<int>(packet->wireLength());
+  for (int copies = m_timing.copies != nullptr ? m_timing.copies() : 1; copies > 0; --copies) {
+    sent = static_cast<int>(sendto(m_fd, packet, packet->wireLength(), 0,
+                                   reinterpret_cast<const sockaddr*>(addr), sizeof(*addr)));
+  }
   LOG_DEBUG("SEND type:%s seq:%d addr:%s fd:%d len:%d sendRet:%d %s", packetTypeName(type),
             static_cast<int>(sequence), addressText(*addr).c_str(), m_fd,
             static_cast<int>(packet->wireLength()), sent, "");

@@ -17,6 +17,7 @@
 struct UdpTiming {
   int64_t (*now)() = nowMs;             // milliseconds; called on the transport thread
   int intervalMs = udp::kRetransmitMs;  // milliseconds between two sends of an unacknowledged packet
+  int (*copies)() = nullptr;            // how often the next datagram goes out (0: lost); null: once
 };
 
 /// A timer record. It lives inside a sender and owns the packet; a null packet means that the record is free.

@@ -22,12 +22,15 @@ class DatagramClient : public Client {
   }
   /// A message is a reply here: what a stream needs between two bodies is not needed.
   void push(const Push& push) override { m_waiting.push_back(packPush(push)); }
+  void put(const std::string& bytes) override { m_waiting.push_back(bytes); }
 
  private:
   friend class UdpPort;
 
   const sockaddr_in m_address;
-  int64_t m_heardAt = 0;  // milliseconds
+  int64_t m_heardAt = 0;                // milliseconds
+  bool m_hasAcknowledged = false;       // anything, ever: somebody is there
+  int64_t m_acknowledgeBy = INT64_MAX;  // until then it has to, or it is forgotten
   std::deque<std::string> m_waiting;
   size_t m_inFlight = 0;
   std::unique_ptr<UdpReplier> m_replier;  // made for the first reply

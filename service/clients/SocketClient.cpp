@@ -8,12 +8,25 @@
 
 namespace service {
 
-bool SocketClient::receive() {
+void SocketClient::receive() {
   uint8_t bytes[64 * 1024];
   const ssize_t count = retryEintr([&] { return recv(fd(), bytes, sizeof(bytes), MSG_DONTWAIT); });
-  if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
-  m_reader.append(bytes, static_cast<size_t>(count));
-  return count > 0;
+  if (count > 0) m_reader.append(bytes, static_cast<size_t>(count));
+  m_hasEnded = count == 0 || (count < 0 && errno != EAGAIN && errno != EWOULDBLOCK);
+}
+
+void SocketClient::misbehave(Misbehaviour how) {
+  switch (how) {
+    case Misbehaviour::CLOSE:
+      m_isToBeClosed = true;
+      break;
+    case Misbehaviour::HALF_CLOSE:
+      m_isHalfClosed = true;
+      break;
+    case Misbehaviour::STOP_READING:
+      m_isUnread = true;
+      break;
+  }
 }
 
 bool SocketClient::flush() {
@@ -27,6 +40,7 @@ bool SocketClient::flush() {
     }
     m_replies.sent(static_cast<size_t>(count));
   }
+  if (m_isHalfClosed) shutdown(fd(), SHUT_WR);
   return true;
 }
 

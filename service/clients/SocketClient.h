@@ -20,12 +20,20 @@ class SocketClient : public Client {
 
   int fd() const { return m_socket.get(); }
   RequestReader& reader() { return m_reader; }
+  const RequestReader& reader() const { return m_reader; }
 
   void answer(const Request& request, uint32_t status) override { m_replies.answer(request, status); }
   void push(const Push& push) override { m_replies.push(push); }
+  void put(const std::string& bytes) override { m_replies.put(bytes); }
 
-  /// Reads once, at most 64 KiB, into the reader. False when the client has ended its side, or is broken.
-  bool receive();
+  void misbehave(Misbehaviour how) override;
+
+  /// Reads once, at most 64 KiB, into the reader. Afterwards hasEnded() when the client has ended its side,
+  /// or is broken.
+  void receive();
+  bool hasEnded() const { return m_hasEnded; }
+  bool isToBeClosed() const { return m_isToBeClosed; }
+  bool isRead() const { return !m_isUnread; }
 
   /// Sends what the socket takes now. A client that cannot be written to any more loses its replies, but what
   /// it sent is still read. False when it has left too many replies unread.
@@ -34,15 +42,19 @@ class SocketClient : public Client {
   /// Whether replies wait for the socket to take them.
   bool hasOutput() const { return m_replies.size() > 0; }
 
-  /// Whether the server waits for the socket to take more; the server's note.
-  bool isWatchedForOutput() const { return m_watchedForOutput; }
-  void setWatchedForOutput(bool watched) { m_watchedForOutput = watched; }
+  // The port's notes.
+  uint32_t watchedEvents = 0;  // what the poller waits for
+  int64_t heardAt = 0;         // when it connected or made a request, in milliseconds
+  int64_t closeAt = 0;         // having ended: when to close it, taken its replies or not; 0 before
 
  private:
   const shared::UniqueFd m_socket;
   RequestReader m_reader;
   ReplyStream m_replies;
-  bool m_watchedForOutput = false;
+  bool m_hasEnded = false;
+  bool m_isToBeClosed = false;  // these three by misbehave()
+  bool m_isHalfClosed = false;
+  bool m_isUnread = false;
 };
 
 }  // namespace service

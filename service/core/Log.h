@@ -1,4 +1,4 @@
-// The service's voice: one line per event, flushed at once, so that `tarnbooster-service | tee log` is live.
+// The service's voice: one line per event, written at once, so that `tarnbooster-service | tee log` is live.
 #pragma once
 
 #include <functional>
@@ -7,32 +7,33 @@
 
 namespace service {
 
-enum class Verbosity { QUIET, NORMAL, VERBOSE };
+/// How much a line matters. The numbers are those of syslog and of systemd's journal.
+enum class Priority { WARNING = 4, NOTICE = 5, INFO = 6, DEBUG = 7 };
 
 /// Used by the server's thread only.
 class Log {
  public:
-  /// sink  takes each finished line, without its line end
-  using Sink = std::function<void(const std::string&)>;
-  Log(Verbosity verbosity, Sink sink) : m_verbosity(verbosity), m_sink(std::move(sink)) {}
+  /// sink  takes each finished line, without its line end; must not wait
+  using Sink = std::function<void(Priority, const std::string&)>;
+  /// most  lines that matter less are not said
+  Log(Priority most, Sink sink) : m_most(most), m_sink(std::move(sink)) {}
 
-  /// What is said even with --quiet: that the service is ready, and what went wrong.
-  void always(const std::string& line) const { m_sink(line); }
+  /// What went wrong.
+  void warning(const std::string& line) const { say(Priority::WARNING, line); }
+  /// That the service is ready, and other things said even with --quiet.
+  void notice(const std::string& line) const { say(Priority::NOTICE, line); }
   /// Requests, pushes, and boosts that ended.
-  void event(const std::string& line) const {
-    if (m_verbosity != Verbosity::QUIET) m_sink(line);
-  }
+  void info(const std::string& line) const { say(Priority::INFO, line); }
   /// Connections that come and go.
-  void detail(const std::string& line) const {
-    if (m_verbosity == Verbosity::VERBOSE) m_sink(line);
-  }
+  void debug(const std::string& line) const { say(Priority::DEBUG, line); }
 
  private:
-  const Verbosity m_verbosity;
+  void say(Priority priority, const std::string& line) const {
+    if (priority <= m_most) m_sink(priority, line);
+  }
+
+  const Priority m_most;
   const Sink m_sink;
 };
-
-/// The sink of the program: standard output, flushed after every line.
-Log::Sink standardOutput();
 
 }  // namespace service

@@ -8,11 +8,13 @@ namespace service {
 
 Outcome failure(const std::string& what, int error) {
   const bool refused = error == EPERM || error == EACCES || error == EROFS;
-  return {refused ? Status::NOT_PERMITTED : Status::FAILED, what + ": " + shared::errorText(error)};
+  const bool tryAgain = error == EMFILE || error == ENFILE || error == ENOMEM || error == EAGAIN;
+  return {refused ? Status::NOT_PERMITTED : Status::FAILED, what + ": " + shared::errorText(error), tryAgain};
 }
 
 void OutcomeSum::add(const Outcome& outcome) {
   ++m_count;
+  m_tryAgain = m_tryAgain || outcome.tryAgain;
   if (outcome.status == Status::DONE || outcome.status == Status::PARTLY) ++m_done;
   if (outcome.status != Status::DONE && m_firstFailure == Status::DONE) m_firstFailure = outcome.status;
   if (m_count > kShownTexts || outcome.text.empty()) return;
@@ -23,7 +25,7 @@ Outcome OutcomeSum::sum() const {
   const bool partly = m_firstFailure != Status::DONE && m_done > 0;
   const std::string more =
       m_count > kShownTexts ? "; and " + std::to_string(m_count - kShownTexts) + " more" : "";
-  return {partly ? Status::PARTLY : m_firstFailure, m_text + more};
+  return {partly ? Status::PARTLY : m_firstFailure, m_text + more, m_tryAgain};
 }
 
 }  // namespace service

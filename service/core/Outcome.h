@@ -13,10 +13,12 @@ using shared::Status;
 /// What became of a request.
 struct Outcome {
   uint32_t status = Status::DONE;
-  std::string text;  // one line for people: what was done, or why not
+  std::string text;       // one line for people: what was done, or why not
+  bool tryAgain = false;  // it failed for a want that passes: no descriptor or memory was left
 };
 
-/// The outcome of a failed system call: NOT_PERMITTED for the errors that say so, else FAILED.
+/// The outcome of a failed system call: NOT_PERMITTED for the errors that say so, else FAILED; worth another
+/// try when descriptors or memory had run out.
 /// what   the deed, as in "binding thread 12"
 /// error  an errno value
 Outcome failure(const std::string& what, int error);
@@ -36,6 +38,7 @@ class OutcomeSum {
   int m_count = 0;
   int m_done = 0;
   uint32_t m_firstFailure = Status::DONE;
+  bool m_tryAgain = false;
   std::string m_text;
 };
 

@@ -17,21 +17,26 @@ namespace service {
 class CoreBinding : public Setting {
  public:
   /// tid    a thread of `process`
-  /// start  its threadStart(): the thread is touched only while tid is still that thread
+  /// start  its start: the thread is touched only while tid is still that thread
   CoreBinding(std::shared_ptr<const Process> process, pid_t tid, uint64_t start);
 
+  /// Of a record(). Null when it is none, or the thread has ended.
+  static std::unique_ptr<Setting> ofRecord(const nlohmann::json& record);
+
   std::string key() const override;
+  Outcome prepare(int strength) override;
   Outcome apply(int strength) override;
   /// Threads that the bound thread started meanwhile inherited its binding; those keep it.
   Outcome restore() override;
+  nlohmann::json record() const override;
 
  private:
-  bool threadIsThere() const { return m_process->threadStart(m_tid) == m_start; }
+  Outcome look(cpu_set_t& cpus) const;
 
   const std::shared_ptr<const Process> m_process;
   const pid_t m_tid;
   const uint64_t m_start;
-  bool m_bound = false;  // whether the two below are set
+  bool m_known = false;  // whether the two below are set
   cpu_set_t m_original{};
   cpu_set_t m_applied{};
 };

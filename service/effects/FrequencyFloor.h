@@ -2,8 +2,13 @@
 //
 // The rule: level 1, 2 and 3 (and above) raise it to one third, two thirds and the whole of the way from
 // cpuinfo_min_freq to scaling_max_freq, on every CPU; it is never lowered.
+//
+// A scaling_max_freq that is lowered meanwhile (a thermal cap) takes the floor down with it: a floor that
+// stands at a cap below what was set is still ours.
 #pragma once
 
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "service/core/Setting.h"
@@ -15,21 +20,29 @@ class FrequencyFloor : public Setting {
   /// sysRoot  where /sys is; tests bring their own
   explicit FrequencyFloor(const std::string& sysRoot);
 
+  /// Of a record(). Null when it is none.
+  static std::unique_ptr<Setting> ofRecord(const nlohmann::json& record, const std::string& sysRoot);
+
   std::string key() const override { return "lowest CPU frequency"; }
+  Outcome prepare(int strength) override;
   Outcome apply(int strength) override;
   Outcome restore() override;
+  nlohmann::json record() const override;
 
  private:
   /// All CPUs are read before any is written: CPUs of one cluster share one file under several names.
   struct Cpu {
     int number;
-    std::string path;  // of scaling_min_freq
     int64_t original;  // all in kHz
     int64_t least;
     int64_t most;
     int64_t applied;  // as read back: the kernel rounds; 0 while nothing was written
+    bool isOurs;      // restore()'s note: the floor still is what was set
   };
+  FrequencyFloor() = default;
+  std::string folder(const Cpu& cpu) const;
 
+  std::string m_cpuRoot;
   std::vector<Cpu> m_cpus;
 };
 

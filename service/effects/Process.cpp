@@ -2,12 +2,14 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 
 #include <cerrno>
+#include <sstream>
 
 #include "base/descriptor.h"
 #include "shared/Text.h"
@@ -28,14 +30,54 @@ shared::UniqueFd peerPidfd(int fd, pid_t pid) {
   return shared::UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
 }
 
-std::string readSmallFile(int folder, const char* path) {
-  const shared::UniqueFd file(openat(folder, path, O_RDONLY | O_CLOEXEC));
-  char text[1024];
-  const ssize_t count = file ? retryEintr([&] { return read(file.get(), text, sizeof(text)); }) : -1;
-  return count > 0 ? std::string(text, static_cast<size_t>(count)) : std::string();
+std::vector<gid_t> peerGroups(int fd) {
+  socklen_t length = 0;
+  getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, nullptr, &length);  // says how long it is
+  std::vector<gid_t> groups(length / sizeof(gid_t));
+  if (length == 0 || getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &length) != 0) return {};
+  return groups;
+}
+
+/// The start of a file of /proc. 0, or an errno value.
+int readSmallFile(int folder, const std::string& path, std::string& text) {
+  const shared::UniqueFd file(openat(folder, path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) return errno;
+  char bytes[4096];
+  const ssize_t count = retryEintr([&] { return read(file.get(), bytes, sizeof(bytes)); });
+  if (count < 0) return errno;
+  text.assign(bytes, static_cast<size_t>(count));
+  return 0;
+}
+
+bool meansGone(int error) {
+  return error == ENOENT || error == ESRCH || error == ENOTDIR;
+}
+
+/// Field 22 of a stat file. The thread's name, field 2, may hold anything; behind its last parenthesis the
+/// fields are plain.
+bool readStart(const std::string& text, uint64_t& start) {
+  size_t at = text.rfind(')');
+  constexpr int kStartField = 22;
+  for (int field = 2; field < kStartField && at != std::string::npos; ++field) at = text.find(' ', at + 1);
+  if (at == std::string::npos) return false;
+  int64_t number = 0;
+  const std::string field = text.substr(at + 1, text.find(' ', at + 1) - at - 1);
+  if (!shared::parseNumber(field, 0, INT64_MAX, number)) return false;
+  start = static_cast<uint64_t>(number);
+  return true;
 }
 
 }  // namespace
+
+std::shared_ptr<Process> Process::open(pid_t pid, shared::UniqueFd pidfd) {
+  std::shared_ptr<Process> process(new Process);
+  process->m_pid = pid;
+  process->m_pidfd = std::move(pidfd);
+  const std::string folder = fmt::format("/proc/{}", pid);
+  process->m_folder = shared::UniqueFd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  // Alive after the folder was opened: then the folder is that process's, not a successor's.
+  return process->m_folder && process->alive() ? process : nullptr;
+}
 
 std::shared_ptr<const Process> Process::ofSocket(int fd) {
   ucred credentials{};
@@ -43,45 +85,73 @@ std::shared_ptr<const Process> Process::ofSocket(int fd) {
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 || credentials.pid <= 0) {
     return nullptr;
   }
-  std::shared_ptr<Process> process(new Process);
-  process->m_pid = credentials.pid;
+  const std::shared_ptr<Process> process = open(credentials.pid, peerPidfd(fd, credentials.pid));
+  if (process == nullptr) return nullptr;
   process->m_uid = credentials.uid;
   process->m_gid = credentials.gid;
-  process->m_pidfd = peerPidfd(fd, credentials.pid);
-  const std::string folder = "/proc/" + std::to_string(credentials.pid);
-  process->m_folder = shared::UniqueFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  // Alive after the folder was opened: then the folder is that process's, not a successor's.
-  return process->m_folder && process->alive() ? process : nullptr;
+  process->m_groups = peerGroups(fd);
+  process->m_rights = process->rights();
+  return process;
+}
+
+std::shared_ptr<const Process> Process::ofNumber(pid_t pid) {
+  return open(pid, shared::UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))));
 }
 
 bool Process::alive() const {
-  if (!m_pidfd) return !readSmallFile(m_folder.get(), "stat").empty();
+  std::string text;
+  if (!m_pidfd) return readSmallFile(m_folder.get(), "stat", text) == 0 && !text.empty();
   pollfd ended{m_pidfd.get(), POLLIN, 0};
   return poll(&ended, 1, 0) == 0;
 }
 
-std::optional<uint64_t> Process::threadStart(pid_t tid) const {
-  if (tid <= 0) return std::nullopt;
-  const std::string text = readSmallFile(m_folder.get(), ("task/" + std::to_string(tid) + "/stat").c_str());
-  // The thread's name, field 2, may hold anything; behind its last parenthesis the fields are plain.
-  size_t at = text.rfind(')');
-  if (at == std::string::npos) return std::nullopt;
-  constexpr int kStartField = 22;
-  for (int field = 2; field < kStartField && at != std::string::npos; ++field) at = text.find(' ', at + 1);
-  if (at == std::string::npos) return std::nullopt;
-  int64_t start = 0;
-  const std::string number = text.substr(at + 1, text.find(' ', at + 1) - at - 1);
-  if (!shared::parseNumber(number, 0, INT64_MAX, start)) return std::nullopt;
-  return static_cast<uint64_t>(start);
+/// The lines of its status file that say what it may do; empty when they cannot be had.
+std::string Process::rights() const {
+  std::string text;
+  if (readSmallFile(m_folder.get(), "status", text) != 0) return "";
+  std::istringstream lines(text);
+  std::string found;
+  for (std::string line; std::getline(lines, line);) {
+    for (const char* const name : {"Uid:", "Gid:", "CapPrm:"}) {
+      if (line.rfind(name, 0) == 0) found += line + "\n";
+    }
+  }
+  return found;
 }
 
-std::vector<pid_t> Process::threads(size_t most) const {
-  std::vector<pid_t> tids;
+std::string Process::rightsProblem() const {
+  const std::string now = rights();
+  if (now.empty()) return "what the process may do cannot be seen any more";
+  // By user id, for what was executed between connecting and the first look.
+  unsigned real = 0, effective = 0;
+  if (sscanf(now.c_str(), "Uid: %u %u", &real, &effective) != 2 || effective != m_uid || now != m_rights) {
+    return "the process has other rights now than when it connected: it has to connect anew";
+  }
+  return "";
+}
+
+ThreadLook Process::thread(pid_t tid) const {
+  if (tid <= 0) return {};
+  std::string text;
+  const int error = readSmallFile(m_folder.get(), fmt::format("task/{}/stat", tid), text);
+  ThreadLook look;
+  if (error != 0 && !meansGone(error)) {
+    look.state = ThreadLook::State::UNCLEAR;
+    look.error = error;
+  } else if (error == 0 && readStart(text, look.start)) {
+    look.state = ThreadLook::State::THERE;
+  }
+  return look;
+}
+
+int Process::threads(size_t most, std::vector<pid_t>& tids) const {
   const int fd = openat(m_folder.get(), "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* const folder = fd >= 0 ? fdopendir(fd) : nullptr;
+  if (fd < 0) return meansGone(errno) ? ESRCH : errno;
+  DIR* const folder = fdopendir(fd);
   if (folder == nullptr) {
-    if (fd >= 0) close(fd);
-    return tids;
+    const int error = errno;
+    close(fd);
+    return error;
   }
   while (const dirent* entry = readdir(folder)) {  // NOLINT(concurrency-mt-unsafe): the stream is ours alone
     int64_t tid = 0;
@@ -90,7 +160,7 @@ std::vector<pid_t> Process::threads(size_t most) const {
     }
   }
   closedir(folder);
-  return tids;
+  return tids.empty() ? ESRCH : 0;
 }
 
 int Process::terminate() const {

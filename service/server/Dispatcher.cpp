@@ -1,12 +1,14 @@
 #include "service/server/Dispatcher.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <set>
 
 #include "service/effects/CoreBinding.h"
 #include "service/effects/FrequencyFloor.h"
 #include "service/effects/IoPriority.h"
-#include "service/effects/Preload.h"
+#include "service/effects/Recorded.h"
 #include "wire/Funcid.h"
 
 namespace service {
@@ -17,17 +19,15 @@ using Tids = google::protobuf::RepeatedField<int32_t>;
 const Outcome kProcessUnknown{Status::PROCESS_UNKNOWN,
                               "which process asks is not known (over UDP it never is)"};
 
-std::string endedText(size_t count) {
-  return count == 0 ? "nothing was held" : std::to_string(count) + " ended";
-}
-
 }  // namespace
 
 struct Dispatcher::Handle {
   Dispatcher& dispatcher;
   const Request& request;
   const Requester& requester;
+  const uint64_t ticket;
   const int64_t now;
+  bool& isLater;  // set when the outcome comes through the preloads
 
   // ---- 1002, 1004, 1006, 1013: boosts ----
 
@@ -82,7 +82,16 @@ struct Dispatcher::Handle {
     return {Status::DONE, "recorded"};  // there is no screen here to set
   }
   Outcome operator()(const amc::RequestBootPreLoadResource& message) const {
-    return preloadFiles({message.files().begin(), message.files().end()}, requester.process.get());
+    if (message.files_size() == 0) return {Status::DONE, "no files named, nothing to read ahead"};
+    if (const auto refused = rightsRefusal()) return *refused;
+    isLater = true;
+    dispatcher.m_preloads.start({ticket,
+                                 requester.user,
+                                 {message.files().begin(), message.files().end()},
+                                 request.leftOutFiles,
+                                 Eyes::of(requester.process.get())},
+                                now);
+    return {};
   }
   Outcome operator()(std::monostate /*none*/) const {
     switch (request.funcid) {
@@ -105,16 +114,26 @@ struct Dispatcher::Handle {
   }
 
  private:
+  /// Nothing while the requester has the rights that it connected with, or is not known anyway.
+  std::optional<Outcome> rightsRefusal() const {
+    const std::string problem = requester.isKnown() ? requester.process->rightsProblem() : "";
+    if (problem.empty()) return std::nullopt;
+    return Outcome{Status::NOT_PERMITTED, problem};
+  }
+
   /// Makes the boost that a timeout (milliseconds; 0: until it is cancelled or the client goes) stands for.
   template <class Deed>
   Outcome timed(int32_t timeoutMs, Deed deed) const {
     if (timeoutMs < 0) return {Status::BAD_ARGUMENT, "a negative timeout"};
     if (!requester.isKnown() && (timeoutMs == 0 || timeoutMs > kMaxUnknownBoostMs)) {
-      return {Status::BAD_ARGUMENT, "where the process is not known a boost needs a timeout of 1 to " +
-                                        std::to_string(kMaxUnknownBoostMs) + " ms"};
+      return {Status::BAD_ARGUMENT,
+              fmt::format("where the process is not known a boost needs a timeout of 1 to {} ms",
+                          kMaxUnknownBoostMs)};
     }
+    if (const auto refused = rightsRefusal()) return *refused;
     Boost boost;
     boost.holder = requester.id;
+    boost.user = requester.user;
     boost.funcid = request.funcid;
     boost.expiresAt = timeoutMs == 0 ? kNoExpiry : now + timeoutMs;
     return deed(boost);
@@ -140,18 +159,20 @@ struct Dispatcher::Handle {
   Outcome bind(Boost boost, const Tids& tids) const {
     if (tids.empty()) return {Status::BAD_ARGUMENT, "no threads named"};
     if (tids.size() > kMaxBindtids) {
-      return {Status::BAD_ARGUMENT, "more than " + std::to_string(kMaxBindtids) + " threads"};
+      return {Status::BAD_ARGUMENT, fmt::format("more than {} threads", kMaxBindtids)};
     }
     boost.part = Part::THREAD;
     OutcomeSum outcome;
     for (const int tid : std::set<int>(tids.begin(), tids.end())) {
       boost.tid = tid;
-      const auto start = requester.process->threadStart(tid);
-      if (!start) {
-        outcome.add({Status::NOT_YOURS, std::to_string(tid) + " is no thread of the requesting process"});
+      const ThreadLook look = requester.process->thread(tid);
+      if (look.state == ThreadLook::State::UNCLEAR) {
+        outcome.add(failure(fmt::format("looking at thread {}", tid), look.error));
+      } else if (!look.isThere()) {
+        outcome.add({Status::NOT_YOURS, fmt::format("{} is no thread of the requesting process", tid)});
       } else {
-        outcome.add(
-            dispatcher.m_boosts.add(boost, std::make_unique<CoreBinding>(requester.process, tid, *start)));
+        outcome.add(dispatcher.m_boosts.add(
+            boost, std::make_unique<CoreBinding>(requester.process, tid, look.start)));
       }
     }
     return outcome.sum();
@@ -160,10 +181,9 @@ struct Dispatcher::Handle {
   /// A cancel takes back what the client was given by the request it belongs to, and nothing else.
   template <class Matches>
   Outcome cancel(uint16_t funcid, Matches matches) const {
-    const auto ends = [&](const Boost& boost) {
-      return boost.holder == requester.id && boost.funcid == funcid && matches(boost);
-    };
-    return {Status::DONE, endedText(dispatcher.m_boosts.end(ends, "cancelled"))};
+    const auto ends = [&](const Boost& boost) { return boost.funcid == funcid && matches(boost); };
+    const size_t count = dispatcher.m_boosts.end(requester.id, ends, "cancelled", now);
+    return {Status::DONE, count == 0 ? "nothing was held" : fmt::format("{} ended", count)};
   }
 
   Outcome terminate() const {
@@ -171,21 +191,40 @@ struct Dispatcher::Handle {
     if (!dispatcher.m_policy.allowTerminate) {
       return {Status::NOT_PERMITTED, "the service was started without --allow-terminate"};
     }
+    if (const auto refused = rightsRefusal()) return *refused;
     const int error = requester.process->terminate();
     if (error != 0) return failure("SIGTERM", error);
-    return {Status::DONE, "SIGTERM sent to process " + std::to_string(requester.process->pid())};
+    return {Status::DONE, fmt::format("SIGTERM sent to process {}", requester.process->pid())};
   }
 };
 
-Outcome Dispatcher::handle(const Request& request, const Requester& requester, int64_t now) {
+std::optional<Outcome> Dispatcher::handle(const Request& request, const Requester& requester, uint64_t ticket,
+                                          int64_t now) {
   const auto scripted = m_policy.scriptedStatus.find(request.funcid);
-  if (scripted != m_policy.scriptedStatus.end()) return {scripted->second, "scripted, nothing was done"};
-  return std::visit(Handle{*this, request, requester, now}, request.message);
+  if (scripted != m_policy.scriptedStatus.end()) {
+    return Outcome{scripted->second, "scripted, nothing was done"};
+  }
+  bool isLater = false;
+  Outcome outcome = std::visit(Handle{*this, request, requester, ticket, now, isLater}, request.message);
+  if (isLater) return std::nullopt;
+  return outcome;
 }
 
-void Dispatcher::requesterGone(const Requester& requester) {
-  m_boosts.end([&](const Boost& boost) { return boost.holder == requester.id; },
-               requester.name + " has gone");
+void Dispatcher::putBack(Record& record, int64_t now) {
+  const auto left = record.left();
+  for (const auto& [key, found] : left) {
+    std::unique_ptr<Setting> setting = settingOfRecord(found, m_policy.sysRoot);
+    if (setting != nullptr && setting->key() == key) {
+      m_boosts.putBack(std::move(setting), now);
+    } else {
+      record.forget(key);  // its process has ended
+    }
+  }
+}
+
+void Dispatcher::requesterGone(const Requester& requester, int64_t now) {
+  m_boosts.end(
+      requester.id, [](const Boost&) { return true; }, requester.name + " has gone", now);
 }
 
 }  // namespace service

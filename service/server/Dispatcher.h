@@ -6,11 +6,13 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "service/clients/Requester.h"
 #include "service/core/Boosts.h"
 #include "service/core/Outcome.h"
+#include "service/effects/Preload.h"
 #include "service/wire/Requests.h"
 
 namespace service {
@@ -30,21 +32,34 @@ constexpr int kMaxBindtids = 1024;
 
 class Dispatcher {
  public:
-  Dispatcher(Policy policy, const Log& log) : m_policy(std::move(policy)), m_boosts(log) {}
+  /// The log and the record (null: none is kept) must outlive the object.
+  Dispatcher(Policy policy, const Log& log, const BoostLimits& limits = {}, Record* record = nullptr)
+      : m_policy(std::move(policy)), m_boosts(log, limits, record) {}
 
-  /// Carries out one request, writes nothing. now: milliseconds of the clock of `boosts()`.
-  Outcome handle(const Request& request, const Requester& requester, int64_t now);
+  /// Carries out one request, writes nothing. Nothing comes back when it takes its time: then the outcome
+  /// comes through `preloads()`, with this ticket.
+  /// now  milliseconds of the clock of `boosts()`
+  std::optional<Outcome> handle(const Request& request, const Requester& requester, uint64_t ticket,
+                                int64_t now);
+
+  /// Whether the request is answered as the policy's script says, with nothing done.
+  bool isScripted(uint16_t funcid) const { return m_policy.scriptedStatus.count(funcid) != 0; }
+
+  /// Puts back what a service that was killed has left, as its record says.
+  void putBack(Record& record, int64_t now);
 
   /// Undoes what the requester's boosts set. Its id may then be forgotten.
-  void requesterGone(const Requester& requester);
+  void requesterGone(const Requester& requester, int64_t now);
 
   Boosts& boosts() { return m_boosts; }
+  Preloads& preloads() { return m_preloads; }
 
  private:
   struct Handle;  // one overload per message
 
   const Policy m_policy;
   Boosts m_boosts;
+  Preloads m_preloads;
 };
 
 }  // namespace service

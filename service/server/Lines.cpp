@@ -10,7 +10,7 @@ std::string requestLine(const Request& request, const Requester& requester, cons
   const std::string arguments = describeArguments(request);
   return fmt::format("{} {} {} tid={}{}{} -> status {} ({})", request.funcid, requestName(request.funcid),
                      requester.name, request.callertid, arguments.empty() ? "" : " ", arguments,
-                     outcome.status, outcome.text);
+                     static_cast<int32_t>(outcome.status), outcome.text);
 }
 
 std::string pushLine(const Requester& requester, const Push& push) {

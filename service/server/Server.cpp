@@ -1,14 +1,18 @@
 #include "service/server/Server.h"
 
-#include <sys/epoll.h>
+#include <fmt/format.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <utility>
 
 #include "base/descriptor.h"
+#include "service/core/SteadyClock.h"
+#include "service/faults/UdpFaults.h"
 #include "service/server/Lines.h"
 #include "shared/AbstractSocket.h"
 #include "shared/Text.h"
@@ -17,17 +21,8 @@
 namespace service {
 namespace {
 
-// What epoll names its descriptors by; clients' ids follow.
-constexpr uint64_t kWakeId = 0, kListenerId = 1, kUdpId = 2, kFirstClientId = 3;
-
-constexpr int64_t kAcceptPauseMs = 200;
-
-/// Milliseconds of a clock that never steps: boosts must not end early because somebody set the time.
-int64_t steadyMs() {
-  using std::chrono::steady_clock;
-  return std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now().time_since_epoch())
-      .count();
-}
+// What the poller names its descriptors by; clients' ids follow.
+constexpr uint64_t kWakeId = 0, kListenerId = 1, kUdpId = 2, kPreloadsId = 3, kFirstClientId = 4;
 
 }  // namespace
 
@@ -35,25 +30,34 @@ Server::Server(ServerOptions options, Dispatcher& dispatcher, const Log& log)
     : m_options(std::move(options)),
       m_dispatcher(dispatcher),
       m_log(log),
-      m_epoll(keepAboveStdio(epoll_create1(EPOLL_CLOEXEC))),
+      m_faults(m_options.faults, steadyMs()),
       m_wake(keepAboveStdio(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
-      m_lastId(kFirstClientId - 1) {}
+      m_sockets(*this, m_poller, log, m_options.clientLimits, m_options.access, m_faults, kListenerId,
+                kFirstClientId),
+      m_stateFile(m_options.stateFile) {}
 
-bool Server::start(std::string& problem) {
-  if (!m_epoll || !m_wake) {
+bool Server::start(std::string& problem, shared::UniqueFd listener) {
+  if (!m_poller.isOpen() || !m_wake || !m_dispatcher.preloads().isOpen()) {
     problem = "no descriptors left: raise the limit (ulimit -n)";
     return false;
   }
-  bool watched = watch(m_wake.get(), kWakeId, EPOLLIN);
-  if (!m_options.name.empty()) {
-    m_listener = shared::listenOn(m_options.name, problem);
-    if (!m_listener) return false;
-    watched = watched && watch(m_listener.get(), kListenerId, EPOLLIN);
+  bool watched = m_poller.watch(m_wake.get(), kWakeId, EPOLLIN) &&
+                 m_poller.watch(m_dispatcher.preloads().fd(), kPreloadsId, EPOLLIN);
+  const bool hasSocket = listener || !m_options.name.empty();
+  if (hasSocket) {
+    if (!listener) listener = shared::listenOn(m_options.name, problem);
+    if (!listener) return false;
+    watched = watched && m_sockets.listen(std::move(listener));
   }
   if (m_options.udp) {
-    m_udp = std::make_unique<UdpPort>(m_log, m_options.udpTiming);
+    if (!m_options.faults.empty()) {
+      setUdpFaults(m_options.faults);
+      m_options.udpTiming.copies = udpCopies;
+    }
+    m_udp = std::make_unique<UdpPort>(static_cast<ClientHandler&>(*this), m_log, m_options.udpLimits,
+                                      m_options.udpTiming);
     if (!m_udp->start(*m_options.udp, problem)) return false;
-    watched = watched && watch(m_udp->fd(), kUdpId, EPOLLIN);
+    watched = watched && m_poller.watch(m_udp->fd(), kUdpId, EPOLLIN);
   }
   if (!watched) {
     problem = "epoll: " + shared::errorText(errno);
@@ -61,171 +65,182 @@ bool Server::start(std::string& problem) {
   }
   const int64_t now = steadyMs();
   for (RepeatedPush& repeated : m_options.repeat) repeated.nextAt = now + repeated.everyMs;
-  if (m_listener) m_log.always("listening on @" + m_options.name);
-  if (m_udp != nullptr) m_log.always("listening on udp " + m_udp->address());
+  if (m_stateFile.isWanted() &&
+      !m_stateFile.write(stateOf(m_dispatcher.boosts(), m_sockets, m_udp.get(), now), 0, problem)) {
+    return false;
+  }
+  if (hasSocket) m_log.notice("listening on @" + m_options.name);
+  if (m_udp != nullptr) m_log.notice("listening on udp " + m_udp->address());
   return true;
 }
 
 void Server::run() {
   while (!m_stopped) round(-1);
-  while (!m_clients.empty()) close(m_clients.begin()->first, "the service ends");
+  m_sockets.closeAll("the service ends");
   m_udp.reset();
   m_dispatcher.boosts().endAll("the service ends");
+  if (m_stateFile.isWanted()) unlink(m_options.stateFile.c_str());
 }
 
 bool Server::round(int atMostMs) {
   epoll_event events[64];
   const int dueMs = waitMs(steadyMs());
   const int limitMs = atMostMs < 0 || (dueMs >= 0 && dueMs < atMostMs) ? dueMs : atMostMs;
-  const int count = epoll_wait(m_epoll.get(), events, std::size(events), limitMs);
+  const int count = m_poller.wait(events, std::size(events), limitMs);
   const int64_t now = steadyMs();
   m_dispatcher.boosts().endExpired(now);
-  for (int i = 0; i < count; ++i) {
+  for (int i = 0; i < count && !m_stopped; ++i) {
     const uint64_t id = events[i].data.u64;
-    if (id == kListenerId) accept(now);
-    if (id == kUdpId) m_udp->receive(now, [&](Client& client, const Request& r) { answer(client, r, now); });
-    if (id >= kFirstClientId) serve(id, events[i].events, now);
+    if (id == kListenerId) m_sockets.accept(now);
+    if (id == kUdpId) m_udp->receive(now);
+    if (id == kWakeId) {
+      uint64_t wakes = 0;
+      [[maybe_unused]] const ssize_t got = read(m_wake.get(), &wakes, sizeof(wakes));
+    }
+    if (id >= kFirstClientId) m_sockets.serve(id, events[i].events, now);
   }
+  takeLater(now);
+  m_faultyAnswers.goOn(now, [&](uint64_t id, const std::string& bytes) { put(id, bytes, now); });
+  m_sockets.goOn(now);
+  if (m_udp != nullptr) m_udp->goOn(now);
   pushRepeated(now);
-  if (m_udp != nullptr) m_udp->expire(now);
-  if (m_acceptAgainAt != 0 && now >= m_acceptAgainAt) {
-    m_acceptAgainAt = 0;
-    watch(m_listener.get(), kListenerId, EPOLLIN);
+  if (m_reportWanted.exchange(false)) {
+    for (const std::string& line : stateLines(stateOf(m_dispatcher.boosts(), m_sockets, m_udp.get(), now))) {
+      m_log.notice(line);
+    }
   }
+  keepState(now);
   return count > 0;
 }
 
 void Server::stop() {
   m_stopped = true;
+  wake();
+}
+
+void Server::report() {
+  m_reportWanted = true;
+  wake();
+}
+
+void Server::wake() {
   const uint64_t one = 1;
   [[maybe_unused]] const ssize_t written = write(m_wake.get(), &one, sizeof(one));
 }
 
-/// Puts the descriptor into the epoll set, or changes its events there.
-bool Server::watch(int fd, uint64_t id, uint32_t events) {
-  epoll_event event{};
-  event.events = events;
-  event.data.u64 = id;
-  return epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, fd, &event) == 0 ||
-         (errno == EEXIST && epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, fd, &event) == 0);
-}
-
 /// How long nothing is due, in milliseconds; -1 for as long as nothing happens.
 int Server::waitMs(int64_t now) const {
-  int64_t due = m_dispatcher.boosts().nextExpiry();
+  int64_t due = std::min({m_dispatcher.boosts().nextExpiry(), m_sockets.nextDue(),
+                          m_dispatcher.preloads().nextExpiry(), m_faultyAnswers.nextDue()});
   for (const RepeatedPush& repeated : m_options.repeat) due = std::min(due, repeated.nextAt);
-  if (m_udp != nullptr) due = std::min(due, m_udp->nextExpiry());
-  if (m_acceptAgainAt != 0) due = std::min(due, m_acceptAgainAt);
-  if (due == kNoExpiry) return -1;
+  if (m_udp != nullptr) due = std::min(due, m_udp->nextDue());
+  if (m_stateFile.isWanted()) due = std::min(due, m_stateFile.dueAt(changes()));
+  if (due == INT64_MAX) return -1;
   return static_cast<int>(std::clamp<int64_t>(due - now, 0, INT32_MAX));
 }
 
-void Server::accept(int64_t now) {
-  shared::UniqueFd socket(
-      keepAboveStdio(accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)));
-  if (!socket) {
-    if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) return;
-    // The waiting client would wake the loop again at once and for ever: look away for a while.
-    m_log.always("cannot accept a client now: " + shared::errorText(errno));
-    m_acceptAgainAt = now + kAcceptPauseMs;
-    watch(m_listener.get(), kListenerId, 0);
-    return;
+bool Server::handle(Client& client, Request&& request) {
+  // Others may send for ever: what is due is looked at between any two requests.
+  const int64_t now = steadyMs();
+  m_dispatcher.boosts().endExpired(now);
+  const uint64_t ticket = m_lastTicket + 1;
+  const auto outcome = m_dispatcher.handle(request, client.requester(), ticket, now);
+  if (outcome) {
+    answer(client, request, *outcome);
+  } else {
+    m_lastTicket = ticket;
+    client.setBusy(true);
+    m_later.emplace(ticket, Later{client.requester().id, std::move(request)});
   }
-  Requester requester;
-  requester.id = ++m_lastId;
-  requester.process = Process::ofSocket(socket.get());
-  requester.name = requester.isKnown() ? "pid=" + std::to_string(requester.process->pid()) +
-                                             " uid=" + std::to_string(requester.process->uid())
-                                       : "pid=? uid=?";
-  if (m_clients.size() >= kMaxClients) {
-    m_log.always("turned away " + requester.name + ": " + std::to_string(kMaxClients) +
-                 " clients are served");
-    return;
-  }
-  if (!watch(socket.get(), requester.id, EPOLLIN)) return;
-  m_log.detail("connected " + requester.name);
-  const uint64_t id = requester.id;
-  m_clients[id] = std::make_unique<SocketClient>(std::move(socket), std::move(requester));
+  return !m_stopped;
 }
 
-void Server::serve(uint64_t id, uint32_t events, int64_t now) {
-  const auto found = m_clients.find(id);
-  if (found == m_clients.end()) return;  // closed earlier in this round
-  SocketClient& client = *found->second;
-  if ((events & EPOLLOUT) != 0) flush(client);
-  if (m_clients.count(id) == 0 || (events & ~static_cast<uint32_t>(EPOLLOUT)) == 0) return;
-  const bool goesOn = client.receive();
-  if (!serveRequests(client, now)) return;
-  if (!goesOn) close(id, client.reader().atBoundary() ? "disconnected" : "disconnected inside a request");
-}
-
-/// Handles every whole request that has arrived. False when the client was closed over it.
-bool Server::serveRequests(SocketClient& client, int64_t now) {
-  const uint64_t id = client.requester().id;
-  RequestPacket packet;
-  std::string problem;
-  RequestReader::Result result = RequestReader::Result::MORE_NEEDED;
-  while ((result = client.reader().next(packet, problem)) == RequestReader::Result::PACKET) {
-    Request request;
-    if (!decodeRequest(packet, request, problem)) {
-      result = RequestReader::Result::BAD;
-      break;
-    }
-    answer(client, request, now);
+void Server::takeLater(int64_t now) {
+  for (const Preloads::Result& result : m_dispatcher.preloads().take(now)) {
+    const auto later = m_later.find(result.ticket);
+    if (later == m_later.end()) continue;
+    const Later entry = std::move(later->second);
+    m_later.erase(later);
+    SocketClient* const socketClient = m_sockets.find(entry.client);
+    DatagramClient* const datagramClient = m_udp != nullptr ? m_udp->find(entry.client) : nullptr;
+    Client* const client = socketClient != nullptr ? static_cast<Client*>(socketClient) : datagramClient;
+    if (client == nullptr) continue;  // has gone meanwhile
+    client->setBusy(false);
+    answer(*client, entry.request, result.outcome);
+    if (socketClient != nullptr) m_sockets.resume(*socketClient, now);
+    if (datagramClient != nullptr) m_udp->sendOn(*datagramClient, now);
   }
-  flush(client);
-  if (m_clients.count(id) == 0) return false;
-  if (result != RequestReader::Result::BAD) return true;
-  m_log.always("closed " + client.requester().name + ": bad input: " + problem);
-  close(id, "");
-  return false;
 }
 
-void Server::answer(Client& client, const Request& request, int64_t now) {
-  const Outcome outcome = m_dispatcher.handle(request, client.requester(), now);
-  m_log.event(requestLine(request, client.requester(), outcome));
-  client.answer(request, outcome.status);
+/// Sends bytes to a client that may have gone.
+void Server::put(uint64_t id, const std::string& bytes, int64_t now) {
+  if (SocketClient* const client = m_sockets.find(id); client != nullptr) {
+    client->put(bytes);
+    m_sockets.flush(*client, now);
+  } else if (DatagramClient* const peer = m_udp != nullptr ? m_udp->find(id) : nullptr; peer != nullptr) {
+    peer->put(bytes);
+    m_udp->sendOn(*peer, now);
+  }
+}
+
+void Server::answer(Client& client, const Request& request, const Outcome& outcome) {
+  m_log.info(requestLine(request, client.requester(), outcome));
+  const int64_t now = steadyMs();
+  if (m_faults.isEmpty()) {
+    client.answer(request, outcome.status);
+  } else {
+    m_faultyAnswers.answer(client, request, outcome.status, now);
+  }
   if (request.funcid != FUNCID_REGISTER_ANR_CALLBACK || outcome.status != Status::DONE) return;
+  if (m_dispatcher.isScripted(request.funcid)) return;  // "nothing was done" is to be true
   client.setRegistered();
+  ++m_registrations;
   for (const Push& pushed : m_options.onRegister) push(client, pushed);
 }
 
 void Server::push(Client& client, const Push& pushed) {
+  if (m_faults.strikes(FaultKind::NO_PUSH, client.requester().id, FUNCID_REGISTER_ANR_CALLBACK, steadyMs())) {
+    return;
+  }
   client.push(pushed);
-  m_log.event(pushLine(client.requester(), pushed));
+  m_log.info(pushLine(client.requester(), pushed));
 }
 
 void Server::pushRepeated(int64_t now) {
   for (RepeatedPush& repeated : m_options.repeat) {
     if (now < repeated.nextAt) continue;
     repeated.nextAt = now + repeated.everyMs;
-    for (auto next = m_clients.begin(); next != m_clients.end();) {
-      SocketClient& client = *(next++)->second;  // flush() may close it
-      if (!client.isRegistered()) continue;
-      push(client, repeated.push);
-      flush(client);
-    }
-    if (m_udp != nullptr) m_udp->pushToRegistered([&](Client& client) { push(client, repeated.push); });
+    const auto pushThis = [&](Client& client) { push(client, repeated.push); };
+    m_sockets.pushToRegistered(pushThis, now);
+    if (m_udp != nullptr) m_udp->pushToRegistered(pushThis, now);
   }
 }
 
-void Server::flush(SocketClient& client) {
-  if (!client.flush()) {
-    m_log.always("closed " + client.requester().name + ": it does not read its replies");
-    close(client.requester().id, "");
-    return;
-  }
-  if (client.hasOutput() == client.isWatchedForOutput()) return;
-  client.setWatchedForOutput(client.hasOutput());
-  watch(client.fd(), client.requester().id, client.hasOutput() ? EPOLLIN | EPOLLOUT : EPOLLIN);
+void Server::gone(const Client& client) {
+  const int64_t now = steadyMs();
+  const uint64_t id = client.requester().id;
+  m_faultyAnswers.forget(id);
+  if (!m_faults.strikes(FaultKind::KEEP_BOOSTS, id, -1, now))
+    m_dispatcher.requesterGone(client.requester(), now);
 }
 
-/// why  for the line, unless it was said already
-void Server::close(uint64_t id, const std::string& why) {
-  const auto found = m_clients.find(id);
-  if (!why.empty()) m_log.detail("closed " + found->second->requester().name + ": " + why);
-  m_dispatcher.requesterGone(found->second->requester());
-  m_clients.erase(found);
+bool Server::holdsBoosts(const Client& client) const {
+  return m_dispatcher.boosts().holds(client.requester().id);
+}
+
+/// Counts up with everything that the state file tells.
+uint64_t Server::changes() const {
+  return m_dispatcher.boosts().changes() + m_sockets.changes() + m_registrations +
+         (m_udp != nullptr ? m_udp->changes() : 0);
+}
+
+void Server::keepState(int64_t now) {
+  const uint64_t count = changes();
+  if (m_stateFile.dueAt(count) > now) return;
+  std::string problem;
+  if (!m_stateFile.write(stateOf(m_dispatcher.boosts(), m_sockets, m_udp.get(), now), count, problem)) {
+    m_log.warning(problem);
+  }
 }
 
 }  // namespace service

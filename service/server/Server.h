@@ -1,8 +1,10 @@
 // The server: one thread that waits for clients, requests, and the time of boosts and pushes to come.
 //
-// It never waits for a single client: sockets do not block, output is kept per client up to a bound, and bad
-// input closes the client it came from. Everything but stop() belongs to the thread that calls run().
+// It never waits for a single client (see the ports), nor for a disk or a log. Everything but stop() and
+// report() belongs to the thread that calls run().
 #pragma once
+
+#include <netinet/in.h>
 
 #include <atomic>
 #include <cstdint>
@@ -12,10 +14,14 @@
 #include <string>
 #include <vector>
 
-#include "service/clients/SocketClient.h"
+#include "service/clients/ClientHandler.h"
+#include "service/clients/Poller.h"
+#include "service/clients/SocketPort.h"
 #include "service/clients/UdpPort.h"
-#include "service/core/Log.h"
+#include "service/faults/Faults.h"
 #include "service/server/Dispatcher.h"
+#include "service/server/FaultyAnswers.h"
+#include "service/server/StateFile.h"
 
 namespace service {
 
@@ -27,24 +33,27 @@ struct RepeatedPush {
 };
 
 struct ServerOptions {
-  std::string name;                  // in the abstract namespace, 1 to 107 bytes; empty: no such socket
-  std::optional<sockaddr_in> udp;    // IPv4 address and port; none: no UDP
-  UdpTiming udpTiming;               // for tests
+  std::string name;                // in the abstract namespace, 1 to 107 bytes; empty: no such socket
+  std::optional<sockaddr_in> udp;  // IPv4 address and port; none: no UDP
+  UdpTiming udpTiming;             // for tests
+  ClientLimits clientLimits;
+  UdpLimits udpLimits;
+  Access access;
+  std::string stateFile;             // a path; empty: none is kept
+  std::vector<Fault> faults;         // scripted misbehaviour
   std::vector<Push> onRegister;      // sent to a client behind the reply to its registration
   std::vector<RepeatedPush> repeat;  // sent to every registered client
 };
 
-/// Clients at a time; more are turned away with a line.
-constexpr size_t kMaxClients = 256;
-
-class Server {
+class Server : private ClientHandler {
  public:
   /// The dispatcher and the log must outlive the server.
   Server(ServerOptions options, Dispatcher& dispatcher, const Log& log);
 
   /// Opens everything and says "listening on @NAME" and "listening on udp ADDRESS:PORT". False, with the
   /// problem named, when that fails.
-  bool start(std::string& problem);
+  /// listener  listens on the options' name already, given by who started the service; or none
+  bool start(std::string& problem, shared::UniqueFd listener = shared::UniqueFd());
 
   /// Serves until stop(); then undoes all boosts and closes all clients. After start().
   void run();
@@ -58,32 +67,46 @@ class Server {
 
   /// Ends run(). Any thread, and signal handlers.
   void stop();
+  /// Makes run() say who holds what. Any thread, and signal handlers.
+  void report();
 
  private:
-  using Clients = std::map<uint64_t, std::unique_ptr<SocketClient>>;
+  /// A request whose outcome comes later.
+  struct Later {
+    uint64_t client;
+    Request request;
+  };
 
-  bool watch(int fd, uint64_t id, uint32_t events);
+  bool handle(Client& client, Request&& request) override;
+  void gone(const Client& client) override;
+  bool holdsBoosts(const Client& client) const override;
+
   int waitMs(int64_t now) const;
-  void accept(int64_t now);
-  void serve(uint64_t id, uint32_t events, int64_t now);
-  bool serveRequests(SocketClient& client, int64_t now);
-  void answer(Client& client, const Request& request, int64_t now);
+  void wake();
+  void takeLater(int64_t now);
+  void put(uint64_t id, const std::string& bytes, int64_t now);
+  void answer(Client& client, const Request& request, const Outcome& outcome);
   void push(Client& client, const Push& push);
   void pushRepeated(int64_t now);
-  void flush(SocketClient& client);
-  void close(uint64_t id, const std::string& why);
+  uint64_t changes() const;
+  void keepState(int64_t now);
 
   ServerOptions m_options;
   Dispatcher& m_dispatcher;
   const Log& m_log;
-  shared::UniqueFd m_epoll;
-  shared::UniqueFd m_wake;  // an eventfd; made in the constructor, so that stop() may come before start()
-  shared::UniqueFd m_listener;
+  Faults m_faults;
+  FaultyAnswers m_faultyAnswers{m_faults};
+  Poller m_poller;
+  const shared::UniqueFd
+      m_wake;  // an eventfd; made in the constructor, so that stop() may come before start()
+  SocketPort m_sockets;
   std::unique_ptr<UdpPort> m_udp;  // null without UDP
   std::atomic<bool> m_stopped{false};
-  int64_t m_acceptAgainAt = 0;  // when descriptors had run out: not before
-  uint64_t m_lastId;            // the last client id given out
-  Clients m_clients;            // by id
+  std::atomic<bool> m_reportWanted{false};
+  uint64_t m_registrations = 0;
+  uint64_t m_lastTicket = 0;
+  std::map<uint64_t, Later> m_later;  // by ticket
+  StateFile m_stateFile;
 };
 
 }  // namespace service

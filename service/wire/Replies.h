@@ -41,6 +41,8 @@ class ReplyStream {
  public:
   void answer(const Request& request, uint32_t status);
   void push(const Push& push);
+  /// Any bytes, as they are: not necessarily a reply.
+  void put(const std::string& bytes) { m_bytes += bytes; }
 
   /// What waits to be sent, oldest first.
   const char* data() const { return m_bytes.data() + m_sent; }

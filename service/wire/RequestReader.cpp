@@ -1,5 +1,6 @@
 #include "service/wire/RequestReader.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 
@@ -47,21 +48,39 @@ void RequestReader::append(const uint8_t* bytes, size_t count) {
   if (m_start > 0 && m_start >= m_bytes.size() - m_start) {
     m_bytes.erase(m_bytes.begin(), m_bytes.begin() + static_cast<std::ptrdiff_t>(m_start));
     m_start = 0;
-    if (m_bytes.empty()) m_bytes.shrink_to_fit();  // one huge request must not hold its memory for good
   }
+  // By doubling, as far as the packet goes: a long one would end up with memory for two.
+  const size_t needed = m_bytes.size() + count;
+  if (needed > m_bytes.capacity()) m_bytes.reserve(std::max(needed, std::min(2 * needed, packetEnd())));
   m_bytes.insert(m_bytes.end(), bytes, bytes + count);
 }
 
-RequestReader::Result RequestReader::next(RequestPacket& packet, std::string& problem) {
+/// Where the packet in the making ends in m_bytes, as far as that is known.
+size_t RequestReader::packetEnd() const {
+  if (m_bytes.size() - m_start < kHeaderBytes) return SIZE_MAX;
+  const uint8_t* const header = m_bytes.data() + m_start;
+  return checkRequestHeader(header).empty() ? m_start + kHeaderBytes + bodyLength(header) : SIZE_MAX;
+}
+
+bool RequestReader::hasNext() const {
   const size_t available = m_bytes.size() - m_start;
-  if (available < kHeaderBytes) return Result::MORE_NEEDED;
+  if (available < kHeaderBytes) return false;
+  const uint8_t* const header = m_bytes.data() + m_start;
+  return !checkRequestHeader(header).empty() || available - kHeaderBytes >= bodyLength(header);
+}
+
+RequestReader::Result RequestReader::next(RequestPacket& packet, std::string& problem) {
+  if (!hasNext()) return Result::MORE_NEEDED;
   const uint8_t* const header = m_bytes.data() + m_start;
   problem = checkRequestHeader(header);
   if (!problem.empty()) return Result::BAD;
-  const size_t length = kHeaderBytes + bodyLength(header);
-  if (available < length) return Result::MORE_NEEDED;
   readPacket(header, packet);
-  m_start += length;
+  m_start += kHeaderBytes + bodyLength(header);
+  constexpr size_t kKept = size_t{64} * 1024;  // one huge request must not hold its memory for good
+  if (m_start == m_bytes.size() && m_bytes.capacity() > kKept) {
+    m_bytes = {};
+    m_start = 0;
+  }
   return Result::PACKET;
 }
 

@@ -41,10 +41,21 @@ class RequestReader {
   /// PACKET. After BAD the stream is at its end; `problem` says why.
   Result next(RequestPacket& packet, std::string& problem);
 
+  /// Whether next() would return something other than MORE_NEEDED.
+  bool hasNext() const;
+
+  /// Forgets what has arrived and was not taken.
+  void drop() { m_start = m_bytes.size(); }
+
+  /// The memory that it takes, in bytes.
+  size_t memory() const { return m_bytes.capacity(); }
+
   /// Whether the stream stands between two packets (not inside one).
   bool atBoundary() const { return m_start == m_bytes.size(); }
 
  private:
+  size_t packetEnd() const;
+
   std::vector<uint8_t> m_bytes;
   size_t m_start = 0;  // the first byte not yet taken
 };

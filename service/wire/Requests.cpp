@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 #include "wire/Funcid.h"
 
+#include <google/protobuf/io/coded_stream.h>
+
 #include <algorithm>
 
 #include "shared/Text.h"
@@ -51,15 +53,35 @@ const RequestKind* kindOf(uint16_t funcid) {
 }
 
 struct ParseBody {
-  const std::vector<uint8_t>& body;
+  const uint8_t* body;
+  size_t length;
   bool operator()(std::monostate&) const { return true; }
   template <class Message>
   bool operator()(Message& message) const {
     // In two steps: in one, the runtime would write a line of its own about missing fields.
-    return message.ParsePartialFromArray(body.data(), static_cast<int>(body.size())) &&
-           message.IsInitialized();
+    return message.ParsePartialFromArray(body, static_cast<int>(length)) && message.IsInitialized();
   }
 };
+
+/// Finds out where the names of 1011 end that are taken, without making texts of them. False when the body is
+/// none of its message.
+bool boundFiles(const std::vector<uint8_t>& body, size_t& end, size_t& leftOut) {
+  google::protobuf::io::CodedInputStream input(body.data(), static_cast<int>(body.size()));
+  constexpr uint32_t kFilesTag = 1 << 3 | 2;
+  size_t names = 0;
+  end = body.size();
+  leftOut = 0;
+  while (const uint32_t tag = input.ReadTag()) {
+    uint32_t length = 0;
+    if (tag != kFilesTag || !input.ReadVarint32(&length) || length > body.size() ||
+        !input.Skip(static_cast<int>(length))) {
+      return false;
+    }
+    if (++names == kMaxFiles) end = static_cast<size_t>(input.CurrentPosition());
+  }
+  if (names > kMaxFiles) leftOut = names - kMaxFiles;
+  return input.ConsumedEntireMessage();
+}
 
 constexpr int kShownItems = 8;  // of a list; a line stays a line
 
@@ -70,6 +92,7 @@ std::string tidsText(const google::protobuf::RepeatedField<int32_t>& tids) {
 }
 
 struct DescribeArguments {
+  const Request& request;
   std::string operator()(const std::monostate&) const { return ""; }
   std::string operator()(const amc::RequestCPUHighFreq& m) const { return levelText(m); }
   std::string operator()(const amc::RequestHighIOFreq& m) const { return levelText(m); }
@@ -86,7 +109,8 @@ struct DescribeArguments {
     for (int i = 0; i < m.files_size() && i < kShownItems; ++i) {
       names += fmt::format("{}\"{}\"", i > 0 ? ", " : "", shared::printable(m.files(i)));
     }
-    return fmt::format("files={} [{}{}]", m.files_size(), names, m.files_size() > kShownItems ? ", ..." : "");
+    return fmt::format("files={} [{}{}]", static_cast<size_t>(m.files_size()) + request.leftOutFiles, names,
+                       m.files_size() > kShownItems ? ", ..." : "");
   }
   std::string operator()(const amc::RequestUnifyCPUIOThreadCore& m) const {
     return fmt::format("scene={} cpulevel={} iolevel={} {} timeout={} action={}", m.scene(), m.cpulevel(),
@@ -109,9 +133,16 @@ struct DescribeArguments {
 
 bool decodeRequest(const RequestPacket& packet, Request& request, std::string& problem) {
   const RequestKind* const kind = kindOf(packet.funcid);
-  request = {packet.funcid, packet.callertid, packet.sendTime, packet.timestamp,
-             kind != nullptr ? kind->emptyMessage() : RequestMessage()};
-  if (std::visit(ParseBody{packet.body}, request.message)) return true;
+  request = {packet.funcid,
+             packet.callertid,
+             packet.sendTime,
+             packet.timestamp,
+             kind != nullptr ? kind->emptyMessage() : RequestMessage(),
+             0};
+  size_t end = packet.body.size();
+  const bool fits = !std::holds_alternative<amc::RequestBootPreLoadResource>(request.message) ||
+                    boundFiles(packet.body, end, request.leftOutFiles);
+  if (fits && std::visit(ParseBody{packet.body.data(), end}, request.message)) return true;
   problem = fmt::format("the {} body bytes of {} are not its message", packet.body.size(),
                         requestName(packet.funcid));
   return false;
@@ -123,7 +154,7 @@ const char* requestName(uint16_t funcid) {
 }
 
 std::string describeArguments(const Request& request) {
-  return std::visit(DescribeArguments{}, request.message);
+  return std::visit(DescribeArguments{request}, request.message);
 }
 
 }  // namespace service

@@ -23,7 +23,11 @@ struct Request {
   int64_t sendTime = 0;    // microseconds
   int64_t timestamp = 0;   // nanoseconds
   RequestMessage message;
+  size_t leftOutFiles = 0;  // names of 1011 that are not in `message`: beyond kMaxFiles
 };
+
+/// Names of 1011 that are taken. More are counted and left out before they cost memory.
+constexpr size_t kMaxFiles = 4096;
 
 /// Decodes a packet. Returns false, with the problem named, when the body is not the message that goes with
 /// the function identifier. An unknown identifier is no problem here (its body is left alone, it is answered

@@ -137,13 +137,13 @@ std::string makeBytes(FuzzedDataProvider& input) {
 }
 
 /// Every line stays one line, whatever the clients put into it.
-void checkLine(const std::string& line) {
+void checkLine(service::Priority /*priority*/, const std::string& line) {
   for (const char byte : line) FUZZ_CHECK(static_cast<uint8_t>(byte) >= ' ');
 }
 
 struct Service {
   const std::string name = "tarn-service-fuzzer-" + std::to_string(getpid());
-  const service::Log log{service::Verbosity::VERBOSE, checkLine};
+  const service::Log log{service::Priority::DEBUG, checkLine};
   service::Dispatcher dispatcher{{{{kScripted, kScriptedStatus}}, false, "/nonexistent"}, log};
   std::optional<service::Server> server;
   Service() {
@@ -155,7 +155,7 @@ struct Service {
     FUZZ_CHECK(server->start(problem));
   }
   void settle() {
-    while (server->round(0)) {
+    while (server->round(0) || !dispatcher.preloads().isIdle()) {
     }
   }
 };

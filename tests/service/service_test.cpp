@@ -1,14 +1,18 @@
 // The reference service: what it understands, does, answers and undoes, asked in plain bytes.
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
 #include <future>
 
 #include "service/effects/Preload.h"
+#include "service/faults/Faults.h"
 #include "service/wire/RequestReader.h"
+#include "shared/Address.h"
 #include "support/RunningService.h"
 
 namespace {
@@ -131,7 +135,7 @@ class ServiceFrequency : public testing::Test {
  protected:
   ServiceFrequency() {
     for (const std::string cpu : {"cpu0", "cpu2"}) {
-      m_sys.write(kCpus + cpu + "/cpufreq/scaling_min_freq", "400000");
+      m_sys.write(kCpus + cpu + "/cpufreq/scaling_min_freq", cpu == "cpu0" ? "400000" : "900000");
       m_sys.write(kCpus + cpu + "/cpufreq/cpuinfo_min_freq", "300000");
       m_sys.write(kCpus + cpu + "/cpufreq/scaling_max_freq", "1800000");
     }
@@ -153,7 +157,7 @@ class ServiceFrequency : public testing::Test {
 
 TEST_F(ServiceFrequency, TheStrongestBoostRulesAndTheLastOneToEndRestores) {
   EXPECT_EQ(m_client.ask(1002, boost({1})), 0u);
-  EXPECT_EQ(floors(), "800000 800000");
+  EXPECT_EQ(floors(), "800000 900000") << "never lowered";
   EXPECT_EQ(m_client.ask(1002, boost({9})), 0u);
   EXPECT_EQ(floors(), "1800000 1800000");
   EXPECT_EQ(m_other.ask(1002, boost({2})), 0u);
@@ -165,34 +169,15 @@ TEST_F(ServiceFrequency, TheStrongestBoostRulesAndTheLastOneToEndRestores) {
   EXPECT_EQ(floors(), "1300000 1300000");
   EXPECT_EQ(m_other.ask(1002, boost({0})), service::Status::BAD_ARGUMENT);
   m_other.hangUp();
-  EXPECT_TRUE(eventually([&] { return floors() == "400000 400000"; })) << floors();
+  EXPECT_TRUE(eventually([&] { return floors() == "400000 900000"; })) << floors();
   EXPECT_EQ(m_client.ask(1002, boost({1})), 0u);
   m_sys.write(kCpus + "cpu2/cpufreq/scaling_min_freq", "600000");
-  m_running.stop();
-  EXPECT_EQ(floors(), "400000 600000") << "what somebody else has moved is left alone";
-}
-
-/// A thread of this process that waits until the object ends.
-struct ParkedThread {
-  ~ParkedThread() { end.set_value(); }
-  /// "0-2,5", as the system puts it.
-  std::string cpus() const {
-    std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
-    std::string word;
-    while (status >> word && word != "Cpus_allowed_list:") continue;
-    status >> word;
-    return word;
+  for (const char* const limit : {"min", "max"}) {  // a cap takes the floor down with it
+    m_sys.write(kCpus + "cpu0/cpufreq/scaling_" + limit + "_freq", "500000");
   }
-  long ioPriority() const { return syscall(SYS_ioprio_get, 1, tid); }
-
-  std::promise<pid_t> started;
-  std::promise<void> end;
-  std::future<void> thread = std::async(std::launch::async, [this] {
-    started.set_value(gettid());
-    end.get_future().wait();
-  });
-  const pid_t tid = started.get_future().get();
-};
+  m_running.stop();
+  EXPECT_EQ(floors(), "400000 600000") << "what somebody else has moved is left alone, a capped floor is not";
+}
 
 TEST(ServiceCores, AThreadIsBoundToItsHighestCpuAndGetsItsOwnBack) {
   const ParkedThread thread;
@@ -223,6 +208,7 @@ TEST(ServiceCores, AThreadIsBoundToItsHighestCpuAndGetsItsOwnBack) {
   ASSERT_TRUE(unified.ParseFromString(hex("08 01 10 00 18 00 28 00 30 01")));
   unified.add_bindtids(thread.tid);
   EXPECT_EQ(client.ask(1013, unified.SerializeAsString()), 0u);
+  EXPECT_EQ(client.ask(1005, cancel.SerializeAsString()), 0u);      // of another request
   EXPECT_EQ(client.ask(1014, hex("08 01 10 01 18 00")), 0u);        // its other parts
   EXPECT_EQ(client.ask(1014, hex("08 00 10 00 18 01 20 01")), 0u);  // another thread
   EXPECT_EQ(thread.cpus(), bound);
@@ -232,6 +218,175 @@ TEST(ServiceCores, AThreadIsBoundToItsHighestCpuAndGetsItsOwnBack) {
   EXPECT_EQ(client.ask(1004, boost({thread.tid})), 0u);
   running.stop();
   EXPECT_TRUE(isBack()) << "the service has ended";
+}
+
+/// Moves the thread as somebody else would.
+void moveTo(pid_t tid, int cpu) {
+  cpu_set_t cpus;
+  CPU_ZERO(&cpus);
+  CPU_SET(cpu, &cpus);
+  EXPECT_EQ(sched_setaffinity(tid, sizeof(cpus), &cpus), 0);
+}
+
+TEST(ServiceCores, AThreadThatOthersHaveMovedIsLeftThere) {
+  const ParkedThread thread;
+  const std::string first = thread.cpus().substr(0, thread.cpus().find_first_of("-,"));
+  if (thread.cpus() == first) GTEST_SKIP() << "NOT TESTED: this process may use one CPU only";
+  RunningService running;
+  EXPECT_EQ(BytesClient(running.name()).ask(1004, boost({thread.tid}, 0)), 0u);
+  BytesClient client(running.name());
+  EXPECT_EQ(client.ask(1004, boost({thread.tid})), 0u);
+  moveTo(thread.tid, std::stoi(first));
+  client.hangUp();
+  EXPECT_TRUE(running.says("by others, left so"));
+  EXPECT_EQ(thread.cpus(), first);
+}
+
+TEST(ServiceServer, WantOfDescriptorsIsWaitedOut) {
+  const ParkedThread thread;
+  const std::string before = thread.cpus();
+  RunningService running;
+  BytesClient client(running.name()), bystander(running.name());
+  EXPECT_EQ(client.ask(1004, boost({thread.tid})), 0u);
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  BytesClient late(running.name(), [&] {
+    const rlimit none{3, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+  });
+  client.hangUp();
+  EXPECT_TRUE(running.says("to be put back as soon as that can be done"));
+  EXPECT_TRUE(running.says("cannot accept a client now"));
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(bystander.ask(1009), 0u);
+  EXPECT_LT(running.linesWith("cannot accept a client now").size(), 25u);
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_EQ(late.ask(1009), 0u);
+  EXPECT_TRUE(eventually([&] { return thread.cpus() == before; }));
+}
+
+TEST(ServiceServer, ClientsAndBoostsOfAUserAreBoundedAndReclaimed) {
+  const ParkedThread thread;
+  ServerOptions options;
+  options.clientLimits.perUser = 3;
+  service::BoostLimits limits;
+  limits.perUser = 2;
+  RunningService running({}, options, limits);
+  BytesClient first(running.name()), second(running.name());
+  const uint32_t wanted[] = {0, 0, service::Status::TOO_MANY_BOOSTS};
+  for (const uint32_t status : wanted) EXPECT_EQ(first.ask(1004, boost({thread.tid})), status);
+  EXPECT_EQ(second.ask(1004, boost({thread.tid})), service::Status::TOO_MANY_BOOSTS);
+  BytesClient third(running.name()), fourth(running.name());
+  EXPECT_EQ(fourth.read(1), "") << "turned away";
+  EXPECT_TRUE(running.says("3 clients of its user are served"));
+  first.hangUp();
+  EXPECT_TRUE(running.says("disconnected"));
+  EXPECT_EQ(second.ask(1004, boost({thread.tid}, 1)), 0u) << "its boosts are free again";
+  EXPECT_TRUE(running.says("its time is up"));
+  for (const uint32_t status : wanted) EXPECT_EQ(second.ask(1004, boost({thread.tid})), status);
+  EXPECT_EQ(BytesClient(running.name()).ask(1009), 0u) << "and its place";
+}
+
+TEST(ServiceServer, UnfinishedRequestsShareABudgetAndWhoTakesMostGivesWay) {
+  ServerOptions options;
+  options.clientLimits.requestBytes = 3 << 20;
+  RunningService running({}, options);
+  const Bytes most = request(1011, Bytes(4 << 20, '\n')).substr(0, 2 << 20), half = most.substr(0, 1 << 20);
+  BytesClient greedy(running.name()), modest(running.name()), small(running.name());
+  greedy.write(most);
+  modest.write(half);
+  small.write(request(1009) + half.substr(0, half.size() / 4));
+  EXPECT_EQ(small.read(32), answer(1009));
+  modest.write(half.substr(0, half.size() / 2));
+  EXPECT_EQ(greedy.read(1), "");
+  EXPECT_EQ(running.linesWith("takes memory that others need").size(), 1u);
+  EXPECT_EQ(BytesClient(running.name()).ask(1003), 0u);
+}
+
+TEST(ServiceServer, ABoostWithoutAProcessNeedsAnEnd) {
+  const TemporaryFolder sys;
+  const std::string cpu = "/devices/system/cpu/cpu0/cpufreq/";
+  for (const char* const name : {"scaling_min_freq", "cpuinfo_min_freq"}) sys.write(cpu + name, "3");
+  sys.write(cpu + "scaling_max_freq", "9");
+  const service::Log log(service::Priority::DEBUG, [](service::Priority, const std::string&) {});
+  service::Dispatcher dispatcher({{}, false, sys.path}, log);
+  const std::pair<int, uint32_t> cases[] = {
+      {0, service::Status::BAD_ARGUMENT}, {600'001, service::Status::BAD_ARGUMENT}, {600'000, 0}};
+  for (const auto& [timeoutMs, status] : cases) {
+    service::Request request;
+    amc::RequestCPUHighFreq message;
+    message.set_level(1);
+    message.set_timeoutms(timeoutMs);
+    request.funcid = 1002;
+    request.message = message;
+    EXPECT_EQ(dispatcher.handle(request, service::Requester(), 1, 77)->status, status) << timeoutMs;
+  }
+  EXPECT_EQ(dispatcher.boosts().nextExpiry(), 600'077);
+}
+
+TEST(ServiceServer, AConnectionThatHasChangedHandsIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "NOT TESTED: only root can give up rights";
+  int names[2], results[2];
+  ASSERT_EQ(pipe(names) + pipe(results), 0);
+  const Bytes boosted = boost({1});
+  const pid_t child = fork();  // before there is any thread
+  if (child == 0) {
+    char name[108] = "";
+    if (read(names[0], name, 107) != 107) _exit(1);
+    BytesClient own(name);
+    const uint32_t before = own.ask(1006, boosted);
+    if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) _exit(1);
+    const uint32_t statuses[] = {before, own.ask(1006, boosted), own.ask(1011, hex("0a 01 2f")),
+                                 own.ask(1003)};
+    _exit(write(results[1], statuses, sizeof(statuses)) == sizeof(statuses) ? 0 : 1);
+  }
+  RunningService running;
+  ASSERT_EQ(write(names[1], running.name().data(), 107), 107);
+  uint32_t statuses[4] = {};
+  EXPECT_EQ(read(results[0], statuses, sizeof(statuses)), static_cast<ssize_t>(sizeof(statuses)));
+  EXPECT_THAT(statuses,
+              testing::ElementsAre(0, service::Status::NOT_PERMITTED, service::Status::NOT_PERMITTED, 0));
+  waitpid(child, nullptr, 0);
+  for (const int fd : {names[0], names[1], results[0], results[1]}) close(fd);
+}
+
+TEST(ServiceUdp, APeerIsKnownAsLongAsItIsHeardOf) {
+  ServerOptions options;
+  options.udpLimits.ageMs = 1000;
+  options.repeat = {{{9, "again"}, 100, 0}};
+  RunningService running({}, options);
+  sockaddr_in to{};
+  ASSERT_TRUE(shared::parseAddress(running.udpAddress(), to));
+  Endpoint silent(500), registered(500);
+  silent.queue(to, 1, request(1009));
+  registered.queue(to, 1, request(1010));
+  EXPECT_TRUE(running.says("it has been silent for long"));
+  EXPECT_TRUE(registered.saw(UDP_EVENT_DATA, 18)) << "what it acknowledges says that it is there";
+  EXPECT_EQ(running.linesWith("forgot").size(), 1u);
+}
+
+TEST(ServiceUdp, AnAddressThatNeverAcknowledgesGetsFewDatagramsAndGivesItsPlaceFirst) {
+  ServerOptions options;
+  options.udpTiming.intervalMs = 300;
+  options.udpLimits.peers = 2;
+  RunningService running({}, options);
+  sockaddr_in to{};
+  ASSERT_TRUE(shared::parseAddress(running.udpAddress(), to));
+  Endpoint honest(500);
+  honest.queue(to, 1, request(1009));
+  ASSERT_TRUE(honest.saw(UDP_EVENT_DATA));
+  PlainPeer forged[2];
+  for (PlainPeer& peer : forged) {
+    peer.send(to, datagram(PACKET_SYN, 100000));
+    for (uint32_t i = 1; i <= 5; ++i)
+      peer.send(to, datagram(PACKET_DATA, 100000 + i, 0, 32, request(1009), i));
+    EXPECT_TRUE(running.says("1009 resetScreenResolution udp=" + addressText(peer.address), 5));
+  }
+  EXPECT_TRUE(running.says("forgot udp=" + addressText(forged[0].address) + ": others need its place"));
+  EXPECT_TRUE(running.says("forgot udp=" + addressText(forged[1].address) + ": it does not acknowledge"));
+  int datagrams = 0;
+  while (!forged[1].receive(200).empty()) ++datagrams;
+  EXPECT_LE(datagrams, 6 + 6) << "its own acknowledged, one reply sent three times";
+  EXPECT_EQ(running.linesWith("forgot udp=" + addressText(honest.localAddress())).size(), 0u);
 }
 
 TEST(ServiceCores, OnlyThreadsOfTheClientAreBoundAndNotWithoutEnd) {
@@ -244,7 +399,7 @@ TEST(ServiceCores, OnlyThreadsOfTheClientAreBoundAndNotWithoutEnd) {
   EXPECT_EQ(client.ask(1004, boost({})), service::Status::BAD_ARGUMENT);
   EXPECT_EQ(client.ask(1004, boost({thread.tid}, -1)), service::Status::BAD_ARGUMENT);
   EXPECT_EQ(client.ask(1004, boost({1, thread.tid})), service::Status::PARTLY);
-  for (size_t i = 1; i < service::kMaxBoostsPerHolder; ++i) ASSERT_EQ(client.ask(1004, bind), 0u);
+  for (size_t i = 1; i < service::BoostLimits().perHolder; ++i) ASSERT_EQ(client.ask(1004, bind), 0u);
   EXPECT_EQ(client.ask(1004, bind), service::Status::TOO_MANY_BOOSTS);
   EXPECT_EQ(BytesClient(running.name()).ask(1004, bind), 0u) << "another client still gets its";
 }
@@ -259,8 +414,12 @@ TEST(ServiceIo, PriorityOfTheClientsThreadsIsRaisedAndPutBack) {
   EXPECT_EQ(thread.ioPriority(), 2 << 13 | 1);
   EXPECT_EQ(client.ask(1006, boost({3})), 0u);
   EXPECT_EQ(thread.ioPriority(), 2 << 13 | 0);
+  const ParkedThread born;
+  EXPECT_EQ(born.ioPriority(), 2 << 13 | 0) << "inherited";
+  EXPECT_EQ(client.ask(1006, boost({3})), 0u);
   EXPECT_EQ(client.ask(1007), 0u);
   EXPECT_EQ(thread.ioPriority(), before);
+  EXPECT_EQ(born.ioPriority(), before);
   EXPECT_EQ(client.ask(1013, hex("08 01 10 02 18 01 28 00 30 07")), service::Status::PARTLY) << "no CPU part";
 }
 
@@ -274,7 +433,7 @@ TEST(ServicePreload, ReadsRegularFilesAheadWithTheClientsRightsAndOpensNothingEl
       {{fifo, "/dev/zero", "file", ""}, service::Status::BAD_ARGUMENT},  // a fifo's open would wait
       {{folder.path + "/none"}, service::Status::FAILED},
       {{folder.path + "/none", file}, service::Status::PARTLY},
-      {std::vector<std::string>(service::kMaxPreloadFiles + 1, file), service::Status::PARTLY},
+      {std::vector<std::string>(service::kMaxFiles + 1, file), service::Status::PARTLY},
   };
   RunningService running;
   BytesClient client(running.name());
@@ -285,9 +444,73 @@ TEST(ServicePreload, ReadsRegularFilesAheadWithTheClientsRightsAndOpensNothingEl
     EXPECT_EQ(client.ask(1011, message.SerializeAsString()), status) << files.size();
   }
   if (geteuid() != 0) GTEST_SKIP() << "only root sees more than its clients";
-  EXPECT_EQ(service::preloadFiles({file}, nullptr).status, service::Status::NOT_PERMITTED);
+  // A thread keeps the eyes that it has taken on.
+  const auto asNobody = [&] {
+    return std::async(std::launch::async, [&] { return service::preloadFiles({file}, 0, {}).status; }).get();
+  };
+  EXPECT_EQ(asNobody(), service::Status::NOT_PERMITTED);
   ASSERT_EQ(chmod(folder.path.c_str(), 0755) + chmod(file.c_str(), 0644), 0);
-  EXPECT_EQ(service::preloadFiles({file}, nullptr).status, service::Status::DONE);
+  EXPECT_EQ(asNobody(), service::Status::DONE);
+}
+
+TEST(ServiceRequests, TooManyFileNamesAreCountedAndNotKept) {
+  Bytes body;
+  for (int i = 0; i < 100'000; ++i) body += hex("0a 00");
+  RunningService running;
+  BytesClient client(running.name());
+  EXPECT_EQ(client.ask(1011, body), service::Status::BAD_ARGUMENT);
+  EXPECT_TRUE(running.says("files=100000 [\"\", "));
+  EXPECT_FALSE(client.write(request(1011, "\x0b")) && client.write(request(1009)) && client.read(1) != "");
+}
+
+TEST(ServiceFaults, EachStrikesWhenItsScriptSays) {
+  const Bytes one = answer(1009), push = reply(1010, 0, hex("08 01 12 05") + "first"),
+              second = reply(1010, 0, hex("08 02 12 06") + "second");
+  const auto with = [&](size_t at, const Bytes& bytes) {
+    return Bytes(one).replace(at, bytes.size(), bytes);
+  };
+  // What comes for three requests, until the service closes or has answered a fourth (1001).
+  const std::pair<const char*, Bytes> cases[] = {
+      {"no-answer", ""},
+      {"no-answer,every=2", one + one},
+      {"no-answer,after=1", one},
+      {"no-answer,only=1003", one + one + one},
+      {"no-answer,from=3600000", one + one + one},
+      {"twice,after=2", one + one + one + one},
+      {"wrong-timestamp,every=3", one + one + with(24, hex("06"))},
+      {"wrong-funcid,every=3", one + one + with(6, hex("f2"))},
+      {"bad-magic,every=3", one + one + with(0, "S")},
+      {"huge-length,every=3", one + one + with(12, hex("ffffffff"))},
+      {"cut-header=5,every=3", one + one + one.substr(0, 5)},
+      {"two-bodies,every=3", one + one + one + push + second},
+      {"close,after=1", one},
+      {"half-close,after=1", one + one},
+      {"stop-reading,after=1", one + one},
+      {"lose-coalesced", one},
+      {"delay=1,after=1", one + one + one},
+  };
+  for (const auto& [script, wanted] : cases) {
+    ServerOptions options;
+    std::string problem;
+    ASSERT_TRUE(service::parseFault(script, options.faults.emplace_back(), problem)) << problem;
+    options.faults[0].only = options.faults[0].only < 0 ? 1009 : options.faults[0].only;
+    RunningService running({}, options);
+    BytesClient client(running.name());
+    client.write(request(1009) + request(1009) + request(1009));
+    const auto startsWith = [&](const char* text) { return Bytes(script).find(text) == 0; };
+    const bool goesOn = wanted.size() >= 64 + 5 || startsWith("no-answer");
+    const bool ends = startsWith("close") || startsWith("half-close");
+    if (goesOn) client.write(request(1001));
+    EXPECT_EQ(client.read(wanted.size() + (goesOn || ends ? 32 : 0)), wanted + (goesOn ? answer(1001) : ""))
+        << script;
+  }
+  for (const char* const bad :
+       {"", "slow", "delay=x", "delay=-1", "close=3", "close,every=0", "close,often=1"}) {
+    service::Fault fault;
+    std::string problem;
+    EXPECT_FALSE(service::parseFault(bad, fault, problem)) << bad;
+    EXPECT_NE(problem, "");
+  }
 }
 
 TEST(ServicePush, OnlyRegisteredClientsGetThemWithAnEmptyReplyBetweenTwoBodies) {

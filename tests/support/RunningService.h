@@ -1,6 +1,10 @@
 // The reference service inside a test, and a client that talks to it in bytes.
 #pragma once
 
+#include <sys/syscall.h>
+
+#include <fstream>
+#include <future>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -12,8 +16,9 @@
 /// The service on a thread of its own, on both transports, and the lines that it says.
 class RunningService {
  public:
-  explicit RunningService(service::Policy policy = {}, service::ServerOptions options = {})
-      : m_dispatcher(std::move(policy), m_log) {
+  explicit RunningService(service::Policy policy = {}, service::ServerOptions options = {},
+                          const service::BoostLimits& limits = {})
+      : m_dispatcher(std::move(policy), m_log, limits) {
     m_name.resize(107, 'n');  // the longest there is
     options.name = m_name;
     options.udp = loopback();
@@ -47,7 +52,7 @@ class RunningService {
   std::string m_name = uniqueName();
   mutable std::mutex m_lock;
   std::vector<std::string> m_lines;  // guarded by m_lock
-  const service::Log m_log{service::Verbosity::VERBOSE, [this](const std::string& line) {
+  const service::Log m_log{service::Priority::DEBUG, [this](service::Priority, const std::string& line) {
                              const std::lock_guard<std::mutex> lock(m_lock);
                              m_lines.push_back(line);
                            }};
@@ -70,9 +75,11 @@ inline Bytes request(uint16_t funcid, const Bytes& body = "", int64_t timestamp 
 /// A client of the service on a plain socket.
 class BytesClient : public Connection {
  public:
-  explicit BytesClient(const std::string& name) {
+  explicit BytesClient(
+      const std::string& name, const std::function<void()>& beforeConnecting = [] {}) {
     const auto [address, length] = abstractAddress(name);
     m_connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    beforeConnecting();
     EXPECT_EQ(connect(m_connection, reinterpret_cast<const sockaddr*>(&address), length), 0);
   }
   /// Makes a request and returns the status it is answered with.
@@ -82,4 +89,26 @@ class BytesClient : public Connection {
     if (answer.size() < kHeaderBytes) return UINT32_MAX;
     return readReplyHeader(reinterpret_cast<const uint8_t*>(answer.data())).status;
   }
+};
+
+/// A thread of this process that waits until the object ends.
+struct ParkedThread {
+  ~ParkedThread() { end.set_value(); }
+  /// "0-2,5", as the system puts it.
+  std::string cpus() const {
+    std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+    std::string word;
+    while (status >> word && word != "Cpus_allowed_list:") continue;
+    status >> word;
+    return word;
+  }
+  long ioPriority() const { return syscall(SYS_ioprio_get, 1, tid); }
+
+  std::promise<pid_t> started;
+  std::promise<void> end;
+  std::future<void> thread = std::async(std::launch::async, [this] {
+    started.set_value(gettid());
+    end.get_future().wait();
+  });
+  const pid_t tid = started.get_future().get();
 };

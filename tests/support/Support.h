@@ -128,6 +128,7 @@ class FakeService : public Connection {
   ~FakeService() { stop(); }
 
   const std::string& name() const { return m_name; }
+  int listener() const { return m_listener; }
   /// Waits for the next connection (20 seconds at most); closes the one before. False when none came.
   bool accept() {
     hangUp();

@@ -278,7 +278,7 @@ TEST(ServiceUdp, BadMessagesAreIgnoredWithALineAndOnlySoManyPeersRemembered) {
     sendAndVanish(peer, running.udpAddress(), message);
     EXPECT_TRUE(running.says(line)) << line;
   }
-  std::vector<PlainPeer> peers(service::kMaxUdpPeers + 1);
+  std::vector<PlainPeer> peers(service::UdpLimits().peers + 1);
   for (PlainPeer& peer : peers) sendAndVanish(peer, running.udpAddress(), request(1009));
   EXPECT_TRUE(running.says("others need its place"));
   EXPECT_EQ(patiently(kTool + "--udp " + running.udpAddress() + " check-permission").exitCode, 0);

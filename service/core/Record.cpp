@@ -1,0 +1,141 @@
+#include "service/core/Record.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <utility>
+
+#include "base/descriptor.h"
+#include "shared/Text.h"
+
+namespace service {
+namespace {
+
+using nlohmann::json;
+
+/// A record longer than this is no record of ours.
+constexpr off_t kMaxRecordBytes = 64 * 1024 * 1024;
+
+std::string bootId() {
+  std::string id;
+  std::ifstream("/proc/sys/kernel/random/boot_id") >> id;
+  return id;
+}
+
+std::string contents(int fd) {
+  std::string text;
+  char piece[65536];
+  for (ssize_t count = 0; (count = retryEintr([&] { return read(fd, piece, sizeof(piece)); })) > 0;) {
+    text.append(piece, static_cast<size_t>(count));
+  }
+  return text;
+}
+
+// Names come from /proc and /sys, not from clients; still nothing here may throw.
+std::string textOf(const json& value) {
+  return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+std::string bootLine() {
+  return textOf({{"boot", bootId()}});
+}
+
+std::string keptLine(const std::string& key, const std::string& found) {
+  return "{\"key\":" + textOf(key) + ",\"found\":" + found + "}";
+}
+
+std::string keyOf(const json& line) {
+  const auto key = line.find("key");
+  return key != line.end() && key->is_string() ? key->get<std::string>() : "";
+}
+
+}  // namespace
+
+bool Record::open(const std::string& path, std::string& problem) {
+  m_file = shared::UniqueFd(keepAboveStdio(
+      ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600)));
+  struct stat status {};
+  if (!m_file || fstat(m_file.get(), &status) != 0) {
+    problem = "cannot open the record " + path + ": " + shared::errorText(errno);
+  } else if (!S_ISREG(status.st_mode) || status.st_size > kMaxRecordBytes) {
+    problem = path + " is no record of this service";
+  } else if (flock(m_file.get(), LOCK_EX | LOCK_NB) != 0) {
+    problem = "another service uses the record " + path + ": end it, or give --record another path";
+  } else {
+    std::istringstream lines(contents(m_file.get()));
+    bool sameBoot = false;
+    for (std::string text; std::getline(lines, text);) {
+      const json line = json::parse(text, nullptr, false);
+      if (!line.is_object()) continue;
+      if (line.contains("boot")) sameBoot = line["boot"] == bootId();
+      if (line.contains("key") && sameBoot) {
+        m_left.erase(keyOf(line));
+        if (line.contains("found")) m_left[keyOf(line)] = textOf(line["found"]);
+      }
+    }
+    m_kept = m_left;
+    m_path = path;
+    if (rewrite()) return true;
+    problem = "cannot write the record " + path + ": " + shared::errorText(errno);
+  }
+  m_file = shared::UniqueFd();
+  return false;
+}
+
+bool Record::append(const std::string& line) {
+  const std::string text = line + "\n";
+  const ssize_t count = retryEintr([&] { return write(m_file.get(), text.data(), text.size()); });
+  return count == static_cast<ssize_t>(text.size());
+}
+
+/// Writes only what is still of use: into a new file, which takes the old one's place, so that a service that
+/// dies meanwhile leaves a whole record. An empty one is made in place.
+bool Record::rewrite() {
+  if (!m_kept.empty()) {
+    const std::string path = m_path + ".new";
+    shared::UniqueFd file(keepAboveStdio(
+        ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600)));
+    if (!file || flock(file.get(), LOCK_EX | LOCK_NB) != 0) return false;
+    std::swap(m_file, file);
+    bool written = append(bootLine());
+    for (const auto& [key, found] : m_kept) written = written && append(keptLine(key, found));
+    if (!written || rename(path.c_str(), m_path.c_str()) != 0) {
+      std::swap(m_file, file);
+      return false;
+    }
+  } else if (ftruncate(m_file.get(), 0) != 0 || !append(bootLine())) {
+    return false;
+  }
+  m_lines = m_kept.size();
+  return true;
+}
+
+bool Record::keep(const std::string& key, const json& found) {
+  if (!m_file) return true;
+  std::string& kept = m_kept[key];
+  std::string text = textOf(found);
+  if (kept == text) return true;
+  kept = std::move(text);
+  ++m_lines;
+  return append(keptLine(key, kept));
+}
+
+void Record::forget(const std::string& key) {
+  if (!m_file || m_kept.erase(key) == 0) return;
+  ++m_lines;
+  constexpr size_t kSlack = 1024;
+  if (m_kept.empty() || m_lines > kSlack + 2 * m_kept.size()) {
+    rewrite();
+  } else {
+    append(textOf({{"key", key}}));
+  }
+}
+
+}  // namespace service

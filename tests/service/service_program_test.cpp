@@ -1,0 +1,204 @@
+// tarnbooster-service as a process: how it starts, ends, is killed, and what it says to whom.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <future>
+#include <nlohmann/json.hpp>
+
+#include "service/Options.h"
+#include "support/RunningService.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+/// The program, under a name of its own, with its lines in a pipe that is read only when somebody asks.
+class ServiceProgram {
+ public:
+  explicit ServiceProgram(const std::string& arguments, const std::string& front = "",
+                          Bytes name = uniqueName())
+      : m_name(std::move(name)) {
+    EXPECT_EQ(pipe2(m_lines, O_CLOEXEC), 0);
+    const std::string command = front + " exec " TARNBOOSTER_SERVICE " " + arguments;
+    m_pid = fork();
+    if (m_pid == 0) {
+      dup2(m_lines[1], 1);
+      execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+      _exit(127);
+    }
+    close(m_lines[1]);
+  }
+  ~ServiceProgram() {
+    if (m_pid > 0) end(SIGKILL);
+    close(m_lines[0]);
+  }
+  const std::string& name() const { return m_name; }
+  /// Reads lines until one contains the text; empty when there is none.
+  std::string lineWith(const std::string& text) {
+    std::string line;
+    for (char c = 0; read(m_lines[0], &c, 1) == 1;) {
+      if (c != '\n') {
+        line += c;
+        continue;
+      }
+      if (line.find(text) != std::string::npos) return line;
+      line.clear();
+    }
+    return "";
+  }
+  /// How it ended, as waitpid() tells.
+  int end(int signal) {
+    int status = 0;
+    kill(m_pid, signal);
+    waitpid(std::exchange(m_pid, 0), &status, 0);
+    return status;
+  }
+  void signal(int number) const { kill(m_pid, number); }
+
+ private:
+  const std::string m_name;
+  int m_lines[2];
+  pid_t m_pid = 0;
+};
+
+struct Program : ServiceProgram {
+  explicit Program(const std::string& arguments, const std::string& name = uniqueName())
+      : ServiceProgram("--name " + name + " --record '' " + arguments, "", name) {
+    EXPECT_NE(lineWith("listening on @" + name), "");
+  }
+};
+
+Bytes bindOf(pid_t tid) {
+  amc::RequestCPUCoreForThread message;
+  message.set_scene(1);
+  message.add_bindtids(tid);
+  message.set_timeout(0);
+  message.set_action(1);
+  return message.SerializeAsString();
+}
+
+TEST(ServiceProgram, HoweverItEndsItsBoostsArePutBackAtTheNextStartAtTheLatest) {
+  const ParkedThread thread;
+  const std::string before = thread.cpus();
+  if (before.find_first_of("-,") == std::string::npos) GTEST_SKIP() << "NOT TESTED: one CPU only";
+  const std::string record = "/tmp/" + uniqueName() + ".record", options = "--record " + record;
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGKILL}) {
+    Program program(options);
+    BytesClient client(program.name());
+    ASSERT_EQ(client.ask(1004, bindOf(thread.tid)), 0u);
+    EXPECT_NE(thread.cpus(), before);
+    EXPECT_EQ(client.ask(1006, hex("08 01 10 03 18 00 20 01")), 0u);
+    const int status = program.end(signal);
+    EXPECT_EQ(WIFSIGNALED(status), signal == SIGKILL);
+    EXPECT_EQ(thread.cpus() == before, signal != SIGKILL) << signal;
+  }
+  EXPECT_EQ(thread.ioPriority(), 2 << 13 | 0);
+  std::ofstream(record, std::ios::app)
+      << "{\"key\":\"affinity of 1 started 1\",\"found\":{\"what\":\"affinity\"}}\n"
+      << "damaged";
+  {
+    Program next(options);
+    EXPECT_EQ(thread.cpus(), before);
+    EXPECT_NE(thread.ioPriority(), 2 << 13 | 0);
+    ServiceProgram third("--name " + uniqueName() + " " + options + " 2>&1");
+    EXPECT_THAT(third.lineWith("record"), HasSubstr("another service uses"));
+  }
+  std::ifstream left(record);
+  EXPECT_EQ(std::count(std::istreambuf_iterator<char>(left), {}, '\n'), 1) << "nothing is held";
+  unlink(record.c_str());
+}
+
+TEST(ServiceProgram, TellsWhoHoldsWhat) {
+  const ParkedThread thread;
+  const std::string path = "/tmp/" + uniqueName() + ".json";
+  Program program("--state-file " + path);
+  const auto state = [&] {
+    std::ifstream file(path);
+    return nlohmann::json::parse(file, nullptr, false);
+  };
+  {
+    BytesClient client(program.name());
+    ASSERT_EQ(client.ask(1004, bindOf(thread.tid)), 0u);
+    ASSERT_TRUE(eventually([&] { return state()["settings"].size() == 1; }));
+    const auto now = state();
+    EXPECT_EQ(now["clients"][0]["pid"], getpid());
+    EXPECT_EQ(now["settings"][0]["boosts"][0]["client"], now["clients"][0]["id"]);
+    EXPECT_EQ(now["settings"][0]["tid"], thread.tid);
+    program.signal(SIGUSR1);
+    EXPECT_THAT(program.lineWith("holds: affinity of"), HasSubstr("by 1004 requestCpuCoreForThread of pid="));
+  }
+  EXPECT_TRUE(eventually([&] { return state()["clients"].empty() && state()["settings"].empty(); }));
+  program.end(SIGTERM);
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
+}
+
+TEST(ServiceProgram, AReaderOfItsLinesThatDoesNotReadHoldsNobodyUp) {
+  Program program("");
+  BytesClient client(program.name());
+  const Bytes names = request(1008, hex("08 01 12 64") + Bytes(100, '\n'));  // lines of 500 bytes
+  for (int i = 0; i < 40; ++i) {
+    Bytes many;
+    for (int j = 0; j < 200; ++j) many += names;
+    ASSERT_TRUE(client.write(many));
+    ASSERT_EQ(client.read(200 * 32).size(), 200u * 32);
+  }
+  EXPECT_THAT(program.lineWith("lines were lost"), HasSubstr("warning: "));
+  EXPECT_EQ(program.end(SIGTERM), 0);
+}
+
+TEST(ServiceProgram, SpeaksSystemdsProtocols) {
+  const std::string name = uniqueName(), notify = uniqueName();
+  const auto [address, length] = abstractAddress(notify);
+  const int ready = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(ready, reinterpret_cast<const sockaddr*>(&address), length), 0);
+  // As systemd-socket-activate, or systemd, starts it: with the listening socket as descriptor 3.
+  const FakeService listener(name);
+  ServiceProgram program(
+      "3<&" + std::to_string(listener.listener()),
+      "export LISTEN_PID=$$ LISTEN_FDS=1 JOURNAL_STREAM=1:1 NOTIFY_SOCKET=@" + notify + ";", name);
+  char state[100] = "";
+  pollfd waiting{ready, POLLIN, 0};
+  ASSERT_EQ(poll(&waiting, 1, 20000), 1);
+  EXPECT_GT(recv(ready, state, sizeof(state) - 1, 0), 0);
+  EXPECT_THAT(state, HasSubstr("READY=1"));
+  EXPECT_THAT(program.lineWith("listening"), HasSubstr("listening on @" + name));
+  EXPECT_EQ(BytesClient(name).ask(1003), 0u);
+  EXPECT_EQ(program.end(SIGTERM), 0);
+  close(ready);
+  EXPECT_EQ(service::styledLine(service::LineStyle::JOURNAL, service::Priority::WARNING, "x"), "<4>x\n");
+}
+
+TEST(ServiceOptions, AreTakenAsTheyAreMeant) {
+  const auto parse = [](const std::string& line) {
+    service::Options options;
+    CLI::App app;
+    describeOptions(app, options);
+    try {
+      app.parse(line);
+    } catch (const CLI::ParseError&) {
+      options.server.name = "refused";
+    }
+    return options;
+  };
+  const auto options = parse(
+      "--push-every 2.5:7:a:b --allow-terminate --status 1002=-5 --allow-uid root --allow-uid 7 --allow-gid "
+      "9 "
+      "--fault delay=5,every=2 --fault close");
+  EXPECT_EQ(options.server.repeat[0].everyMs, 2500);
+  EXPECT_EQ(options.server.repeat[0].push.data, "a:b");
+  EXPECT_TRUE(options.policy.allowTerminate);
+  EXPECT_EQ(options.policy.scriptedStatus.at(1002), static_cast<uint32_t>(-5));
+  EXPECT_EQ(options.server.access.uids, (std::set<uid_t>{0, 7}));
+  EXPECT_FALSE(options.server.access.allows(nullptr));
+  EXPECT_EQ(options.server.faults.size(), 2u);
+  EXPECT_EQ(options.server.faults[0].value, 5);
+  for (const char* const refused : {"--status 1002=010", "--status 0x3ea=1", "--status 1002=4294967291",
+                                    "--udp 127.0.0.1:0x10", "--allow-uid nobody-of-this-name", "--lines loud",
+                                    "--fault delay=1,often=2", "--clients-per-user 0"}) {
+    EXPECT_EQ(parse(refused).server.name, "refused") << refused;
+  }
+}
+
+}  // namespace
