@@ -131,8 +131,11 @@ public class BoosterCoreTest {
                         + ", termination not sent".repeat(31),
                 library.told());
         library.restart();
-        cpu(1, 100);
+        cpu(1, 2000);
         library.run(10_000);
+        booster.resetScreenResolution();
+        library.run(2000);
+        assertEquals(1, library.servedCount(FUNCTION_RESET_SCREEN_RESOLUTION));
         assertEquals(0, library.servedCount(FUNCTION_TERMINATE_APP));
 
         library.refusing.add(FUNCTION_TERMINATE_APP);
@@ -149,8 +152,14 @@ public class BoosterCoreTest {
                         .map(request -> request.names.length)
                         .toList());
         assertEquals(1, library.servedCount(FUNCTION_TERMINATE_APP));
+        library.told();
+        booster.resetScreenResolution();
         core.setEnabled(false);
         assertEquals(RESULT_DISABLED, booster.terminateApp());
+        core.setDebug(true);
+        library.run(0);
+        assertEquals("disabled, reset of the screen resolution not sent, 1 pending", library.told());
+        assertTrue(library.debug && !library.enabled);
     }
 
     @Test
@@ -324,6 +333,12 @@ public class BoosterCoreTest {
         }
 
         void tell() {
+            library.core.addListener(new BoosterListener() {
+                @Override
+                public void onConnectionChanged(int state) {
+                    library.during.run(); // between a decision and its request
+                }
+            }, Runnable::run);
             library.start();
             library.during = () -> {
                 if (random.nextInt(6) == 0) {
