@@ -8,6 +8,7 @@
 #include "record/Recordings.h"
 #include "support/RunningService.h"
 #include "tools/record/MessageCutter.h"
+#include "udp/crc32.h"
 #include "wire/protos/amc.pb.h"
 
 namespace {
