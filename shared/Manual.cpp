@@ -82,15 +82,16 @@ void appendOptions(const CLI::App& app, std::string& page) {
 void appendFooter(const std::string& footer, std::string& page) {
   std::istringstream lines(footer);
   const std::string none, end = ".fi\n";
-  bool within = false;  // a section
+  bool within = false, afterBlank = true;  // a section; a blank line
   for (std::string line; std::getline(lines, line);) {
-    if (line.size() > 1 && line.back() == ':' && line[0] != ' ') {
+    if (afterBlank && line.size() > 1 && line.back() == ':' && line[0] != ' ') {
       page += (within ? end : none) + ".SH " + escaped(upper(line.substr(0, line.size() - 1))) + "\n.nf\n";
       within = true;
     } else if (within || !line.empty()) {
       page += (within ? none : ".SH NOTES\n.nf\n") + escaped(line) + "\n";
       within = true;
     }
+    afterBlank = line.empty();
   }
   if (within) page += end;
 }

@@ -7,9 +7,8 @@
 namespace shared {
 
 /// Gives `app` two hidden options that print and end the program with success: --print-manual, a page for
-/// man(1) with options, subcommands and the footer, whose lines that end in ':' at the margin begin sections;
-/// and
-/// --print-completion, what bash wants to know. Call it last, when `app` is complete.
+/// man(1) with options, subcommands and the footer, whose lines that end in ':' after a blank line begin
+/// sections; and --print-completion, what bash wants to know. Call it last, when `app` is complete.
 ///
 /// `section` is the manual's, 1 or 8; `seeAlso` the pages to read next, as in "tarnbooster(1)".
 void addManual(CLI::App& app, int section, const std::string& seeAlso);
