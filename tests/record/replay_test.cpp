@@ -4,6 +4,7 @@
 #include "record/Recordings.h"
 #include "support/RunningService.h"
 #include "tools/record/Replayer.h"
+#include "tools/record/UdpRelay.h"
 
 namespace {
 
@@ -158,6 +159,39 @@ TEST(Replay, TellsEveryDifferenceAndSendsWhatWasSent) {
   }
 }
 
+TEST(UdpRelay, DatagramsPassBothWaysOverEveryPortAndTheirMessagesAreReplayed) {
+  RunningService service;
+  client::Target target, relayed;
+  ASSERT_EQ(client::parseUdp(service.udpAddress(), target), "");
+  const TemporaryFile path;
+  const shared::UniqueFd end(eventfd(0, EFD_CLOEXEC));
+  record::RecordingFile file;
+  record::Recorder recorder(file, [](const std::string&) {});
+  record::UdpRelay relay(target.udp, recorder);
+  std::string problem;
+  ASSERT_TRUE(file.create(path.path, problem) && relay.start(loopback(), problem)) << problem;
+  std::thread running([&] { relay.run(end.get()); });
+  relayed.udp = relay.address();
+  Bytes files;
+  for (int i = 0; i < 1000; ++i) files += hex("0A0A") + "/etc/hosts";
+  for (int application = 0; application < 2; ++application) {
+    const auto connection = client::connectTo(relayed, problem);
+    for (const Bytes& sent : {request(1003, "", 1), request(1011, files, 2), request(1100, "", 3)}) {
+      connection->send(sent);
+      client::Reply reply;
+      ASSERT_EQ(connection->next(reply, client::steadyMs() + 20000), client::Event::REPLY);
+      EXPECT_EQ(reply.header.timestamp,
+                static_cast<int64_t>(read64le(reinterpret_cast<const uint8_t*>(&sent[24]))));
+    }
+  }
+  eventfd_write(end.get(), 1);
+  running.join();
+  EXPECT_GT(file.packets(), 2u * (2 + 12 + 1) * 2);  // DATA and acknowledgements
+  const Replayed replayed = replay(path.path, target, true, 10000);
+  EXPECT_THAT(replayed.lines, IsEmpty());
+  EXPECT_EQ(replayed.result.answers, 6u);
+}
+
 /// What a shell prints, and its exit code in the last line.
 std::string shell(const std::string& command) {
   FILE* const pipe =
@@ -177,7 +211,7 @@ TEST(Replay, TheSubcommandsRecordUntilTheyAreToldToEndAndExitCodesTellTheOutcome
       shell("$tool" + where + "record --as " + as + " --write " + file.path +
             " & r=$!; for i in 1 2 3 4 5 6 7 8 9; do sleep 0.2; $tool --socket " + as +
             " check-permission && break; done; kill -INT $r; wait $r"),
-      testing::AllOf(HasSubstr("status 0"), HasSubstr("1 requests and 1 replies over 1 connections in "),
+      testing::AllOf(HasSubstr("status 0"), HasSubstr("1 requests and 1 replies over 1 connections, in "),
                      HasSubstr("rc 0\n")));
   const struct {
     std::string command;
@@ -192,6 +226,7 @@ TEST(Replay, TheSubcommandsRecordUntilTheyAreToldToEndAndExitCodesTellTheOutcome
       {where + "record --as " + service.name() + " --write /nowhere", "is in use"},
       {where + "record --as " + as + " --write /dev/full", "No space left on device\nrc 7\n"},
       {where + "record --as " + as, "--write is required"},
+      {where + "record --as-udp 127.0.0.1:1 --write /nowhere", "--as goes with --socket"},
   };
   for (const auto& c : cases) EXPECT_THAT(shell("$tool" + c.command), HasSubstr(c.says));
 }

@@ -8,8 +8,9 @@
 namespace record {
 
 struct RecordOptions {
-  std::string as;    // the name that applications use
-  std::string file;  // "-": standard output
+  std::string as;     // the name that applications use
+  std::string asUdp;  // the address and port
+  std::string file;   // "-": standard output
   bool quiet = false;
 };
 

@@ -6,9 +6,12 @@
 #include <cstdio>
 
 #include "base/descriptor.h"
+#include "shared/Address.h"
 #include "tools/record/CommandOptions.h"
 #include "tools/record/Commands.h"
 #include "tools/record/SocketRelay.h"
+#include "tools/record/UdpRelay.h"
+#include "udp/udp_packet.h"
 
 namespace record {
 namespace {
@@ -18,18 +21,17 @@ const char kAbout[] =
     "wireshark/tarnbooster.lua shows it, `tarnbooster replay` sends it again";
 
 const char kFooter[] =
-    "\nApplications use the name of --as in place of the service's. Ends with SIGINT or SIGTERM; the file "
-    "is\n"
-    "whole at any moment. The service sees this program as the client, and so refuses to bind threads of "
-    "the\n"
-    "application.\n"
+    "\nApplications use what --as names in place of the service's. Ends with SIGINT or SIGTERM; the file\n"
+    "is whole at any moment. The service sees this program as the client, and so refuses to bind threads\n"
+    "of the application.\n"
     "\nExamples:\n"
     "  tarnbooster --socket tarnbooster record --as recorded --write session.pcapng\n"
-    "  tarnbooster record --as recorded --write - | wireshark -k -i - -X "
-    "lua_script:wireshark/tarnbooster.lua\n"
+    "  tarnbooster --udp 127.0.0.1:4711 record --as-udp 127.0.0.1:4712 --write session.pcapng\n"
+    "  tarnbooster record --as recorded --write - |\n"
+    "    wireshark -k -i - -X lua_script:wireshark/tarnbooster.lua\n"
     "\nExit codes:\n"
     "  0  ended by a signal, and everything is in the file\n"
-    "  2  the options are wrong, or the name of --as is in use\n"
+    "  2  the options are wrong, or what --as names is in use\n"
     "  7  the file could not take everything; what it has is whole\n";
 
 void say(const std::string& line) {
@@ -48,7 +50,26 @@ shared::UniqueFd endSignals() {
   return shared::UniqueFd(keepAboveStdio(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK)));
 }
 
-int record(const client::Target& target, const RecordOptions& options) {
+/// Records what passes a relay that is ready, until a signal. `where`: between whom.
+template <class Relay>
+int record(Relay& relay, Recorder& recorder, const RecordOptions& options, const std::string& where,
+           int end) {
+  RecordingFile& file = recorder.file();
+  std::string problem;
+  if (!file.create(options.file, problem)) return cli::fail(cli::EXIT_OUTPUT, problem);
+  if (!options.quiet) say(fmt::format("recording {} into {}", where, options.file));
+  if (end < 0 || !relay.run(end)) {
+    return cli::fail(cli::EXIT_OUTPUT, "no descriptors left: raise the limit (ulimit -n)");
+  }
+  return file.isComplete() ? cli::EXIT_ANSWERED : cli::EXIT_OUTPUT;
+}
+
+/// "in FILE", or why not quite.
+std::string outcome(const Recorder& recorder, const RecordOptions& options) {
+  return (recorder.file().isComplete() ? "in " : "not all of them in ") + options.file;
+}
+
+int recordSocket(const client::Target& target, const RecordOptions& options) {
   const shared::UniqueFd end = endSignals();
   RecordingFile file;
   Recorder recorder(file, say);
@@ -56,18 +77,34 @@ int record(const client::Target& target, const RecordOptions& options) {
   std::string problem;
   // The name first: an older recording is not to be replaced for nothing.
   if (!relay.start(options.as, problem)) return cli::fail(cli::EXIT_USAGE, problem);
-  if (!file.create(options.file, problem)) return cli::fail(cli::EXIT_OUTPUT, problem);
-  if (!options.quiet)
-    say(fmt::format("recording @{} -> {} into {}", options.as, target.text(), options.file));
-  if (!end || !relay.run(end.get())) {
-    return cli::fail(cli::EXIT_OUTPUT, "no descriptors left: raise the limit (ulimit -n)");
-  }
+  const int code = record(relay, recorder, options, "@" + options.as + " -> " + target.text(), end.get());
   const Counts& counts = recorder.counts();
-  if (!options.quiet) {
-    say(fmt::format("{} requests and {} replies over {} connections{} in {}", counts.requests, counts.replies,
-                    counts.connections, file.isComplete() ? "" : ", not all of them", options.file));
+  if (!options.quiet && counts.connections > 0) {
+    say(fmt::format("{} requests and {} replies over {} connections, {}", counts.requests, counts.replies,
+                    counts.connections, outcome(recorder, options)));
   }
-  return file.isComplete() ? cli::EXIT_ANSWERED : cli::EXIT_OUTPUT;
+  return code;
+}
+
+int recordUdp(const client::Target& target, const RecordOptions& options) {
+  const shared::UniqueFd end = endSignals();
+  RecordingFile file;
+  Recorder recorder(file, say);
+  UdpRelay relay(target.udp, recorder);
+  sockaddr_in as{};
+  std::string problem;
+  if (!shared::parseAddress(options.asUdp, as)) {
+    return cli::fail(cli::EXIT_USAGE, "--as-udp: \"" + options.asUdp + "\" is no IPv4 address and port");
+  }
+  if (!relay.start(as, problem)) return cli::fail(cli::EXIT_USAGE, problem);
+  const std::string where = "udp " + addressText(relay.address()) + " -> " + target.text();
+  const int code = record(relay, recorder, options, where, end.get());
+  const Counts& counts = recorder.counts();
+  if (!options.quiet && counts.connections > 0) {
+    say(fmt::format("{} datagrams of {} applications and {} of the service, {}", counts.requests,
+                    counts.connections, counts.replies, outcome(recorder, options)));
+  }
+  return code;
 }
 
 }  // namespace
@@ -76,9 +113,11 @@ void addRecord(CLI::App& app, cli::Program& program, RecordOptions& options) {
   CLI::App* const sub = app.add_subcommand("record", kAbout);
   sub->fallthrough();
   sub->footer(kFooter);
-  sub->add_option("--as", options.as, "The abstract name to listen on instead of the service's")
-      ->type_name("NAME")
-      ->required();
+  auto* const as = sub->add_option_group("as", "Where applications turn to instead (one of them)");
+  as->add_option("--as", options.as, "An abstract name, with --socket")->type_name("NAME");
+  as->add_option("--as-udp", options.asUdp, "An IPv4 address and port, with --udp")
+      ->type_name("ADDRESS:PORT");
+  as->require_option(1);
   sub->add_option("--write", options.file, "The recording; an older file is replaced (-: standard output)")
       ->type_name("FILE.pcapng")
       ->required();
@@ -86,8 +125,11 @@ void addRecord(CLI::App& app, cli::Program& program, RecordOptions& options) {
   sub->callback([&] {
     if (!options.as.empty() && options.as[0] == '@') options.as.erase(0, 1);
     program.run = [&] {
-      if (!program.target.isUdp()) return record(program.target, options);
-      return cli::fail(cli::EXIT_USAGE, "record needs a service on a local socket: give --socket");
+      if (program.target.isUdp() != options.as.empty()) {
+        return cli::fail(cli::EXIT_USAGE, "--as goes with --socket, and --as-udp with --udp");
+      }
+      return program.target.isUdp() ? recordUdp(program.target, options)
+                                    : recordSocket(program.target, options);
     };
   });
 }

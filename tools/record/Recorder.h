@@ -24,7 +24,7 @@ class Recorder {
   Recorder(RecordingFile& file, std::function<void(const std::string&)> say);
 
   Loop& loop() { return m_loop; }
-  RecordingFile& file() { return m_file; }
+  RecordingFile& file() const { return m_file; }
   void say(const std::string& line) const { m_say(line); }
   Counts& counts() { return m_counts; }
   /// Room for one read, for all that run on the loop.
