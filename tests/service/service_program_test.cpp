@@ -18,13 +18,14 @@ using testing::HasSubstr;
 class ServiceProgram {
  public:
   explicit ServiceProgram(const std::string& arguments, const std::string& front = "",
-                          Bytes name = uniqueName())
+                          Bytes name = uniqueName(), int third = -1)
       : m_name(std::move(name)) {
     EXPECT_EQ(pipe2(m_lines, O_CLOEXEC), 0);
     const std::string command = front + " exec " TARNBOOSTER_SERVICE " " + arguments;
     m_pid = fork();
     if (m_pid == 0) {
       dup2(m_lines[1], 1);
+      if (third >= 0) dup2(third, 3);  // what systemd hands over begins there
       execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
       _exit(127);
     }
@@ -64,8 +65,9 @@ class ServiceProgram {
 };
 
 struct Program : ServiceProgram {
-  explicit Program(const std::string& arguments, const std::string& name = uniqueName())
-      : ServiceProgram("--name " + name + " --record '' " + arguments, "", name) {
+  explicit Program(const std::string& arguments, const std::string& record = "''",
+                   const std::string& name = uniqueName())
+      : ServiceProgram("--name " + name + " --record " + record + " " + arguments, "", name) {
     EXPECT_NE(lineWith("listening on @" + name), "");
   }
 };
@@ -83,9 +85,9 @@ TEST(ServiceProgram, HoweverItEndsItsBoostsArePutBackAtTheNextStartAtTheLatest) 
   const ParkedThread thread;
   const std::string before = thread.cpus();
   if (before.find_first_of("-,") == std::string::npos) GTEST_SKIP() << "NOT TESTED: one CPU only";
-  const std::string record = "/tmp/" + uniqueName() + ".record", options = "--record " + record;
+  const std::string record = "/tmp/" + uniqueName() + ".record";
   for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGKILL}) {
-    Program program(options);
+    Program program("", record);
     BytesClient client(program.name());
     ASSERT_EQ(client.ask(1004, bindOf(thread.tid)), 0u);
     EXPECT_NE(thread.cpus(), before);
@@ -99,10 +101,10 @@ TEST(ServiceProgram, HoweverItEndsItsBoostsArePutBackAtTheNextStartAtTheLatest) 
       << "{\"key\":\"affinity of 1 started 1\",\"found\":{\"what\":\"affinity\"}}\n"
       << "damaged";
   {
-    Program next(options);
+    Program next("", record);
     EXPECT_EQ(thread.cpus(), before);
     EXPECT_NE(thread.ioPriority(), 2 << 13 | 0);
-    ServiceProgram third("--name " + uniqueName() + " " + options + " 2>&1");
+    ServiceProgram third("--name " + uniqueName() + " --record " + record + " 2>&1");
     EXPECT_THAT(third.lineWith("record"), HasSubstr("another service uses"));
   }
   std::ifstream left(record);
@@ -156,8 +158,8 @@ TEST(ServiceProgram, SpeaksSystemdsProtocols) {
   // As systemd-socket-activate, or systemd, starts it: with the listening socket as descriptor 3.
   const FakeService listener(name);
   ServiceProgram program(
-      "3<&" + std::to_string(listener.listener()),
-      "export LISTEN_PID=$$ LISTEN_FDS=1 JOURNAL_STREAM=1:1 NOTIFY_SOCKET=@" + notify + ";", name);
+      "", "export LISTEN_PID=$$ LISTEN_FDS=1 JOURNAL_STREAM=1:1 NOTIFY_SOCKET=@" + notify + ";", name,
+      listener.listener());
   char state[100] = "";
   pollfd waiting{ready, POLLIN, 0};
   ASSERT_EQ(poll(&waiting, 1, 20000), 1);
