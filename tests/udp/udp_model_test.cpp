@@ -98,7 +98,7 @@ TEST(UdpPeers, ThoseThatHaveCompletedAMessageAreForgottenLast) {
   for (uint32_t host = 80000; host < 80000 + 65535; ++host) say(host, 4, 10);
   EXPECT_TRUE(isKnown(1) && isKnown(80000) && !isKnown(2) && !isKnown(70000));
   EXPECT_EQ(say(1, 4, 10).find("5R_CLEANNewSync"), 0U);
-  for (uint32_t host = 200000; host < 200000 + 65535; ++host) say(host, 4, 10);
+  for (uint32_t host = 200000; host < 200000 + 65536; ++host) say(host, 4, 10);
   EXPECT_TRUE(isKnown(1)) << "although its direction began anew";
 }
 
