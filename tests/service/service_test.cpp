@@ -402,6 +402,10 @@ TEST(ServiceCores, OnlyThreadsOfTheClientAreBoundAndNotWithoutEnd) {
   for (size_t i = 1; i < service::BoostLimits().perHolder; ++i) ASSERT_EQ(client.ask(1004, bind), 0u);
   EXPECT_EQ(client.ask(1004, bind), service::Status::TOO_MANY_BOOSTS);
   EXPECT_EQ(BytesClient(running.name()).ask(1004, bind), 0u) << "another client still gets its";
+  amc::CancelCPUCoreForThread cancel;
+  cancel.add_bindtids(thread.tid);
+  EXPECT_EQ(client.ask(1005, cancel.SerializeAsString()), 0u);
+  EXPECT_EQ(client.ask(1004, bind), 0u) << "what has ended no longer counts";
 }
 
 TEST(ServiceIo, PriorityOfTheClientsThreadsIsRaisedAndPutBack) {
