@@ -1,0 +1,127 @@
+#include "faults/Faults.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+
+namespace {
+
+thread_local bool t_inside = false;
+
+std::mutex g_lock;
+std::string g_call;             // guarded by g_lock
+int g_error = 0, g_left = 0;    // guarded by g_lock; g_left: calls up to and with the one that fails
+std::atomic<bool> g_on{false};  // whether there is a Fault
+
+/// Whether this call of `call` is the one that fails; errno says with what.
+bool fails(const char* call) {
+  if (!g_on || !t_inside) return false;
+  const std::lock_guard<std::mutex> lock(g_lock);
+  if (g_call != call || g_left == 0 || --g_left > 0) return false;
+  errno = g_error;
+  return true;
+}
+
+struct Start {
+  void* (*entry)(void*);
+  void* argument;
+};
+
+void* startInside(void* start) {
+  const Start told = *static_cast<Start*>(start);
+  delete static_cast<Start*>(start);
+  const Inside inside;
+  return told.entry(told.argument);
+}
+
+}  // namespace
+
+Inside::Inside() {
+  t_inside = true;
+}
+Inside::~Inside() {
+  t_inside = false;
+}
+
+Fault::Fault(const std::string& call, int error, int n) {
+  const std::lock_guard<std::mutex> lock(g_lock);
+  g_call = call;
+  g_error = error;
+  g_left = n;
+  g_on = true;
+}
+Fault::~Fault() {
+  g_on = false;
+}
+bool Fault::happened() {
+  const std::lock_guard<std::mutex> lock(g_lock);
+  return g_on && g_left == 0;
+}
+
+// FAULTY(result, name, failure, (parameters), (arguments)): the call that stands in front of the real one.
+#define FAULTY(result, name, failure, parameters, arguments) \
+  extern "C" result __real_##name parameters;                \
+  extern "C" result __wrap_##name parameters {               \
+    return fails(#name) ? failure : __real_##name arguments; \
+  }
+
+FAULTY(int, socket, -1, (int a, int b, int c), (a, b, c))
+FAULTY(int, connect, -1, (int a, const sockaddr* b, socklen_t c), (a, b, c))
+FAULTY(int, bind, -1, (int a, const sockaddr* b, socklen_t c), (a, b, c))
+FAULTY(int, listen, -1, (int a, int b), (a, b))
+FAULTY(int, accept4, -1, (int a, sockaddr* b, socklen_t* c, int d), (a, b, c, d))
+FAULTY(int, pipe2, -1, (int* a, int b), (a, b))
+FAULTY(int, select, -1, (int a, fd_set* b, fd_set* c, fd_set* d, timeval* e), (a, b, c, d, e))
+FAULTY(ssize_t, send, -1, (int a, const void* b, size_t c, int d), (a, b, c, d))
+FAULTY(ssize_t, recvfrom, -1, (int a, void* b, size_t c, int d, sockaddr* e, socklen_t* f),
+       (a, b, c, d, e, f))
+FAULTY(ssize_t, sendto, -1, (int a, const void* b, size_t c, int d, const sockaddr* e, socklen_t f),
+       (a, b, c, d, e, f))
+FAULTY(ssize_t, pread, -1, (int a, void* b, size_t c, off_t d), (a, b, c, d))
+FAULTY(void*, mmap, MAP_FAILED, (void* a, size_t b, int c, int d, int e, off_t f), (a, b, c, d, e, f))
+
+// Those with a variable argument, and the one that starts a thread.
+extern "C" int __real_fcntl(int fd, int command, ...);
+extern "C" int __wrap_fcntl(int fd, int command, ...) {
+  va_list more;
+  va_start(more, command);
+  const long argument = va_arg(more, long);
+  va_end(more);
+  return fails("fcntl") ? -1 : __real_fcntl(fd, command, argument);
+}
+extern "C" int __real_open(const char* path, int flags, ...);
+extern "C" int __wrap_open(const char* path, int flags, ...) {
+  va_list more;
+  va_start(more, flags);
+  const auto mode = va_arg(more, unsigned);
+  va_end(more);
+  return fails("open") ? -1 : __real_open(path, flags, mode);
+}
+extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* how, void* (*entry)(void*),
+                                     void* with) {
+  if (fails("pthread_create")) return errno;
+  if (!t_inside) return __real_pthread_create(thread, how, entry, with);
+  auto* const start = new Start{entry, with};
+  const int error = __real_pthread_create(thread, how, startInside, start);
+  if (error != 0) delete start;
+  return error;
+}
+
+// The allocations whose failure the library handles.
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return fails("new") ? nullptr : malloc(size);
+}
+void* operator new[](size_t size, const std::nothrow_t&) noexcept {
+  return fails("new") ? nullptr : malloc(size);
+}
