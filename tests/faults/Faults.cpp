@@ -118,10 +118,39 @@ extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* ho
   return error;
 }
 
-// The allocations whose failure the library handles.
+// The allocations whose failure the library handles: those that ask for it, and the runtime's copy of a push.
+namespace {
+__attribute__((noinline)) void* allocate(size_t size, const char* call) {
+  return call != nullptr && fails(call) ? nullptr : malloc(size);
+}
+__attribute__((noinline)) void release(void* memory) {
+  free(memory);
+}
+}  // namespace
+
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return fails("new") ? nullptr : malloc(size);
+  return allocate(size, "new");
 }
 void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-  return fails("new") ? nullptr : malloc(size);
+  return allocate(size, "new");
+}
+void* operator new(size_t size) {
+  void* const memory = allocate(size, size > kPushedBytes && size < kPushedBytes + 64 ? "copy" : nullptr);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+void* operator new[](size_t size) {
+  return allocate(size, nullptr);
+}
+void operator delete(void* memory) noexcept {
+  release(memory);
+}
+void operator delete[](void* memory) noexcept {
+  release(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+  release(memory);
+}
+void operator delete[](void* memory, size_t) noexcept {
+  release(memory);
 }

@@ -5,6 +5,7 @@
 // Inside, or started from one.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 /// This thread is inside the library while it lives.
@@ -13,8 +14,11 @@ struct Inside {
   ~Inside();
 };
 
-/// While it lives, the n-th call of `call` ("new" is the allocation that may fail) fails with `error`. One at
-/// a time.
+/// The length of a push whose copy can fail.
+constexpr size_t kPushedBytes = 5000;
+
+/// While it lives, the n-th call of `call` fails with `error`. "new" is an allocation that may fail, "copy"
+/// one of a little more than kPushedBytes that throws. One at a time.
 class Fault {
  public:
   Fault(const std::string& call, int error, int n);

@@ -54,7 +54,8 @@ class Service : public FakeService {
   Service() : FakeService(uniqueName()) {
     m_thread = std::thread([this] {
       if (!accept()) return;
-      while (readRequest().size() >= 32 && write(reply(1003, 5) + reply(1010, 0, hex("0807 1203010002")))) {
+      const Bytes push = hex("0807 12 8827") + Bytes(kPushedBytes, 'x');
+      while (readRequest().size() >= 32 && write(reply(1003, 5) + reply(1010, 0, push))) {
       }
     });
   }
@@ -164,6 +165,7 @@ TEST(Faults, OfEveryCallAtEveryPlaceCostOneLifeAtMost) {
       {localLife, "recvfrom", ECONNRESET, 2},
       {localLife, "mmap", ENOMEM, 1},
       {localLife, "new", ENOMEM, 1},
+      {localLife, "copy", ENOMEM, 1},
       {serverLife, "bind", EADDRINUSE, 1},
       {serverLife, "listen", EADDRINUSE, 1},
       {serverLife, "accept4", EMFILE, 1},
