@@ -98,10 +98,12 @@ int32_t LocalsocketClient::reassemble(const uint8_t* data, size_t len) {
         break;
       case ReplyReader::Result::NoMemory:
         LOG_ERROR_IN("recvEvent", __LINE__, "reply body of %u bytes not allocated", reply.dataLen);
+        continue;
+      case ReplyReader::Result::Lost:
         break;
     }
     m_reply.next();
-    if (result != ReplyReader::Result::Complete) return -1;
+    if (result == ReplyReader::Result::BadMagic) return -1;
   }
   return 0;
 }

@@ -43,14 +43,16 @@ ReplyReader::Result ReplyReader::read(const uint8_t* data, size_t length, size_t
     m_header = readReplyHeader(m_headerBytes);
     if (m_header.magic != kHeaderMagic) return Result::BadMagic;
     if (m_header.dataLen < m_bodyCount) m_bodyCount = 0;
-    if (m_header.dataLen > 0 && !m_body.allocate(m_header.dataLen)) return Result::NoMemory;
+    m_lost = m_header.dataLen > 0 && !m_body.allocate(m_header.dataLen);
+    if (m_lost) return Result::NoMemory;
   }
   const size_t count = std::min<size_t>(length - *used, m_header.dataLen - m_bodyCount);
-  if (count > 0 && m_header.dataLen <= kMaxPushedBytes)
+  if (count > 0 && !m_lost && m_header.dataLen <= kMaxPushedBytes)
     memcpy(m_body.data() + m_bodyCount, data + *used, count);
   m_bodyCount += static_cast<uint32_t>(count);
   *used += count;
-  return m_bodyCount == m_header.dataLen ? Result::Complete : Result::NeedMore;
+  if (m_bodyCount != m_header.dataLen) return Result::NeedMore;
+  return m_lost ? Result::Lost : Result::Complete;
 }
 
 void ReplyReader::next() {

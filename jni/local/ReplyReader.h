@@ -56,7 +56,8 @@ class ReplyReader {
     NeedMore,  // all bytes are used, the reply is not complete
     Complete,  // a reply is complete: take header(), body(), then next()
     BadMagic,  // not a header: call next() and drop the rest of the read
-    NoMemory,  // no memory for the body: as after BadMagic
+    NoMemory,  // no memory for the body: read on, which skips it
+    Lost,      // past such a body: call next()
   };
 
   /// Takes bytes in from data[*used], advancing *used, until a reply is complete or length bytes are used.
@@ -77,4 +78,5 @@ class ReplyReader {
   ReplyHeader m_header = {};  // valid while m_headerCount is 32
   LazyBytes m_body;           // empty until the header is in
   uint32_t m_bodyCount = 0;   // never reset by next(): the kept count
+  bool m_lost = false;        // no memory for the body; valid while m_headerCount is 32
 };
