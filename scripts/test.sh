@@ -7,7 +7,7 @@ usage() {
 Usage: scripts/test.sh [--quick] [--help]
 
 Installs what the build and the tests need (Debian packages), then runs, in this order:
-  format      clang-format over the project's sources
+  format      clang-format over the project's sources, and cppcheck
   release     GCC, warnings as errors; every test, those in a real Java virtual machine and the
               checks of the library file included; the instructions of its jobs against the committed figures
   asan        AddressSanitizer and UndefinedBehaviorSanitizer; the C++ tests
@@ -60,6 +60,10 @@ folders=(jni java shared service tools tests bench android)
 find "${folders[@]}" -name '*.h' -o -name '*.c' -o -name '*.cpp' -o -name '*.java' -o -name '*.proto' |
   xargs clang-format --dry-run -Werror || die "run clang-format -i over the files named above"
 
+say "cppcheck"
+cppcheck --enable=warning,performance,portability --std=c++17 --language=c++ -j2 --quiet --error-exitcode=1 \
+  --suppressions-list=scripts/cppcheck-suppressions.txt -I jni -I . jni shared service tools
+
 buildTree release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNBOOSTER_BUILD_BENCHMARKS=ON
 runTests release
 scripts/check-library.sh "$BUILD/release/jni/libtarnbooster.so"
@@ -71,7 +75,7 @@ sanitized=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 -DTARNBOOSTER_BUILD_JA
 buildTree asan "${sanitized[@]}" -DTARNBOOSTER_SANITIZE=address,undefined
 runTests asan
 buildTree tsan "${sanitized[@]}" -DTARNBOOSTER_SANITIZE=thread
-runTests tsan
+TSAN_OPTIONS=atexit_sleep_ms=0 runTests tsan  # many programs end, and each would wait a second for its threads
 scripts/soak.sh 1
 scripts/soak.sh 1 --tsan
 

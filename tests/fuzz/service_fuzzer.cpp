@@ -177,9 +177,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   {
     std::optional<Client> clients[3];
     std::string waiting[3];  // bytes made and not yet sent
-    for (auto& client : clients) client.emplace(service.name);
     while (input.remaining_bytes() > 0) {
       const size_t i = input.ConsumeIntegralInRange<size_t>(0, 2);
+      if (!clients[i]) clients[i].emplace(service.name);
       switch (input.ConsumeIntegralInRange<int>(0, 7)) {
         case 0:
           clients[i]->end();
@@ -201,7 +201,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       if (input.ConsumeBool()) service.settle();
     }
     service.settle();
-    for (auto& client : clients) client->check();
+    for (auto& client : clients) {
+      if (client) client->check();
+    }
   }
   service.settle();
   FUZZ_CHECK(service.dispatcher.boosts().size() == 0);

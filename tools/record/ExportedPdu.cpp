@@ -33,7 +33,7 @@ void appendTag(std::string& out, Tag tag, uint32_t number) {
 }
 
 std::string tags(std::string_view dissector, pcapng::Direction direction, uint32_t portType,
-                 uint32_t sourcePort, uint32_t destinationPort, std::string addresses = "") {
+                 uint32_t sourcePort, uint32_t destinationPort, const std::string& addresses = "") {
   std::string out;
   appendTag(out, TAG_DISSECTOR, dissector);
   out += addresses;
