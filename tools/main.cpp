@@ -35,7 +35,7 @@ const char kExamples[] =
 std::string findTarget(const std::string* socket, const std::string& udp, client::Target& target) {
   if (!udp.empty()) return client::parseUdp(udp, target);
   if (socket != nullptr) return client::parseName(*socket, target);
-  const char* const named = getenv("TARNBOOSTER_SOCKET");
+  const char* const named = getenv("TARNBOOSTER_SOCKET");  // NOLINT(concurrency-mt-unsafe): nobody sets it
   return client::parseName(named != nullptr && *named != '\0' ? named : cli::kDefaultName, target);
 }
 

@@ -44,7 +44,7 @@ shared::UniqueFd endSignals() {
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);  // of --write - into a pipe
   signal(SIGXFSZ, SIG_IGN);  // a file that may grow no more is an error like a full disk
   return shared::UniqueFd(keepAboveStdio(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK)));
