@@ -25,7 +25,8 @@ void terminates(Check& check) {
     client::Reply reply;
     const bool answered =
         connection->next(reply, client::steadyMs() + check.settings().answerWithinMs) == client::Event::REPLY;
-    if (answered && reply.header.status == 0) sleep(5);  // for the signal
+    // For the signal. NOLINTNEXTLINE(concurrency-mt-unsafe): this process has one thread
+    if (answered && reply.header.status == 0) sleep(5);
     _exit(answered && reply.header.status != 0 ? 1 : 2);
   }
   int status = 0;
