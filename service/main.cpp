@@ -65,7 +65,7 @@ void raiseDescriptorLimit() {
 std::string defaultRecord(const std::string& name) {
   const char* const given = getenv("RUNTIME_DIRECTORY");  // NOLINT(concurrency-mt-unsafe): no thread yet
   std::string folder = given != nullptr ? given : geteuid() == 0 ? "/run/tarnbooster" : "";
-  folder = folder.substr(0, folder.find(':'));
+  folder.resize(std::min(folder.find(':'), folder.size()));
   if (folder.empty()) return "";
   mkdir(folder.c_str(), 0755);
   std::string file;

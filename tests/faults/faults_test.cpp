@@ -148,7 +148,8 @@ bool traceLife() {
 }
 
 TEST(Faults, OfEveryCallAtEveryPlaceCostOneLifeAtMost) {
-  constexpr int kMost = 30;  // the loops' calls have no end but that of the life
+  constexpr int kAtMostOne = -1;  // none when there was a datagram before it in the same round
+  constexpr int kMost = 30;       // the loops' calls have no end but that of the life
   const struct {
     bool (*life)();
     const char* call;
@@ -177,7 +178,7 @@ TEST(Faults, OfEveryCallAtEveryPlaceCostOneLifeAtMost) {
       {udpLife, "pthread_create", EAGAIN, 1},
       {udpLife, "select", ENOMEM, 0},
       {udpLife, "sendto", ENETUNREACH, 0},
-      {udpLife, "recvfrom", ECONNREFUSED, 1},
+      {udpLife, "recvfrom", ECONNREFUSED, kAtMostOne},
       {traceLife, "open", EMFILE, 0},
       {traceLife, "pread", EIO, 0},
       {traceLife, "pthread_create", EAGAIN, 0},
@@ -198,7 +199,9 @@ TEST(Faults, OfEveryCallAtEveryPlaceCostOneLifeAtMost) {
       }
       EXPECT_TRUE(eventually([&] { return held() == before; })) << "nothing is left behind";
       if (!reached) break;
-      EXPECT_EQ(log.count("6 ["), row.lines) << testing::PrintToString(log.linesWith("6 ["));
+      const int lines = log.count("6 [");
+      EXPECT_TRUE(row.lines == kAtMostOne ? lines <= 1 : lines == row.lines)
+          << testing::PrintToString(log.linesWith("6 ["));
       EXPECT_TRUE(row.life()) << "the fault is gone";
     }
     EXPECT_GT(n, 1) << row.call << " was never called";
