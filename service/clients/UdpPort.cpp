@@ -42,9 +42,9 @@ void UdpPort::receive(int64_t now) {
 
 void UdpPort::goOn(int64_t now) {
   for (size_t i = 0; i < kUdpRequestsPerRound && !m_arrived.empty(); ++i) {
-    const UdpMailbox::Message message = std::move(m_arrived.front());
+    UdpMailbox::Message message = std::move(m_arrived.front());
     m_arrived.pop_front();
-    if (!request(message, now)) break;
+    if (!request(std::move(message), now)) break;
   }
   for (auto next = m_peers.begin(); next != m_peers.end();) {
     const auto peer = next++;
@@ -65,7 +65,13 @@ int64_t UdpPort::nextDue() const {
   return next;
 }
 
-bool UdpPort::request(const UdpMailbox::Message& message, int64_t now) {
+bool UdpPort::request(UdpMailbox::Message message, int64_t now) {
+  const auto known = m_peers.find(peerKey(message.from));
+  if (known != m_peers.end() && known->second->isBusy()) {  // answers come in the order of the requests
+    std::deque<UdpMailbox::Message>& deferred = known->second->m_deferred;
+    if (deferred.size() < kMaxUdpDeferred) deferred.push_back(std::move(message));
+    return true;
+  }
   RequestPacket packet;
   Request request;
   std::string problem;
@@ -153,6 +159,13 @@ void UdpPort::pushToRegistered(const std::function<void(Client&)>& push, int64_t
     push(peer);
     sendOn(peer, now);
   }
+}
+
+void UdpPort::resume(DatagramClient& peer, int64_t now) {
+  for (; !peer.m_deferred.empty(); peer.m_deferred.pop_back()) {
+    m_arrived.push_front(std::move(peer.m_deferred.back()));
+  }
+  sendOn(peer, now);
 }
 
 DatagramClient* UdpPort::find(uint64_t id) {

@@ -40,6 +40,8 @@ constexpr size_t kMaxUdpInFlight = udp::kSendQueueMessages - 1;
 constexpr int kFirstReplySends = 3;
 /// Requests that are handled before others get their turn.
 constexpr size_t kUdpRequestsPerRound = 64;
+/// Requests that wait while one of the same peer is being carried out; more are dropped.
+constexpr size_t kMaxUdpDeferred = 1024;
 
 class UdpPort {
  public:
@@ -67,6 +69,9 @@ class UdpPort {
   /// When goOn() has something to do; `now` or before: at once; INT64_MAX: never.
   int64_t nextDue() const;
 
+  /// Goes on with a peer that was busy.
+  void resume(DatagramClient& peer, int64_t now);
+
   /// Null when it was forgotten.
   DatagramClient* find(uint64_t id);
   /// Hands replies to the peer's transport while it takes them without waiting. Forgets the peer when it
@@ -80,7 +85,7 @@ class UdpPort {
  private:
   using Peers = std::map<uint64_t, std::unique_ptr<DatagramClient>>;
 
-  bool request(const UdpMailbox::Message& message, int64_t now);
+  bool request(UdpMailbox::Message message, int64_t now);
   void delivered(const UdpMailbox::Delivery& delivery, int64_t now);
   DatagramClient& peerAt(const sockaddr_in& address);
   void forget(Peers::iterator peer, const std::string& why);

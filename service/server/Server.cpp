@@ -168,7 +168,7 @@ void Server::takeLater(int64_t now) {
     client->setBusy(false);
     answer(*client, entry.request, result.outcome);
     if (socketClient != nullptr) m_sockets.resume(*socketClient, now);
-    if (datagramClient != nullptr) m_udp->sendOn(*datagramClient, now);
+    if (datagramClient != nullptr) m_udp->resume(*datagramClient, now);
   }
 }
 
