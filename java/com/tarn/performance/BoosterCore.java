@@ -1,12 +1,8 @@
 package com.tarn.performance;
 
-import java.util.ArrayDeque;
 import java.util.ArrayList;
-import java.util.LinkedHashMap;
 import java.util.LinkedHashSet;
 import java.util.List;
-import java.util.Map;
-import java.util.Queue;
 import java.util.Set;
 import java.util.concurrent.Executor;
 import java.util.function.Consumer;
@@ -41,30 +37,13 @@ final class BoosterCore implements TarnBoosterListener {
     static final long MS = 1_000_000L;
     /** A native that was entered longer ago makes the booster unresponsive. */
     static final long UNRESPONSIVE_NANOS = 1000 * MS;
-    static final int MAX_ONE_SHOTS = 32;
     static final int MAX_NAMES = 256;
-    static final int MAX_WAITING_CHARS = 1 << 20;
-    /** How long a one-shot request waits for a connection: one that comes much too late does harm. */
-    static final long ONE_SHOT_NANOS = 5000 * MS;
     /** When the connection is looked at after a request: a write that fails ends it within moments. */
     private static final long[] CHECKS = {10 * MS, 100 * MS, 1000 * MS};
     /** A request that is made once goes over a connection that was found alive no longer ago than this. */
     private static final long PROOF_LASTS = 1000 * MS;
     /** The library counts its interval on another clock, in whole milliseconds. */
     private static final long INTERVAL_MARGIN = 50 * MS;
-    /** Refusals may come for the latest so many requests that were no boosts. */
-    private static final int REMEMBERED_STAMPS = 128;
-
-    private static final class OneShot {
-        final Request request;
-        final long dropAt;
-
-        OneShot(Request request, long dropAt) {
-            this.request = request;
-            this.dropAt = dropAt;
-        }
-    }
-
     private enum Phase { NEW, LOADING, CONFIGURING, READY, UNAVAILABLE }
 
     private final LongSupplier clock; // nanoseconds that never step
@@ -79,8 +58,7 @@ final class BoosterCore implements TarnBoosterListener {
 
     // What is wanted.
     private final BoostTable table = new BoostTable();
-    private final Queue<OneShot> oneShots = new ArrayDeque<>();
-    private int waitingChars; // in oneShots
+    private final OneShots oneShots = new OneShots();
     private boolean eventsWanted;
     private boolean wantEnabled = true;
     private boolean wantDebug;
@@ -95,18 +73,10 @@ final class BoosterCore implements TarnBoosterListener {
     private boolean eventsAsked; // on the present connection
     private boolean eventsRefused;
     private long eventsStamp;
-    private long lastStamp;
+    private final Stamps stamps = new Stamps();
     private int ownNotices; // reports of a missing connection that our own attempts have caused, yet to come
     private boolean suspect; // such a report came that they do not explain
     private boolean takeBack; // so everything is being cancelled, to be asked for again
-    private final Map<Long, Integer> otherStamps = new LinkedHashMap<Long, Integer>() {
-        private static final long serialVersionUID = 1;
-
-        @Override
-        protected boolean removeEldestEntry(Map.Entry<Long, Integer> eldest) {
-            return size() > REMEMBERED_STAMPS;
-        }
-    }; // of one-shot requests and cancels, with their function identifiers
 
     // What the thread does when. Times are those of the clock.
     private boolean marked; // something has changed that it has not seen
@@ -211,18 +181,8 @@ final class BoosterCore implements TarnBoosterListener {
             if (!wantEnabled) {
                 return BoosterCodes.RESULT_DISABLED;
             }
-            int chars = 0;
-            for (Request request : requests) {
-                chars += request.chars();
-            }
-            if (oneShots.size() + requests.size() > MAX_ONE_SHOTS
-                    || waitingChars + chars > MAX_WAITING_CHARS) {
+            if (!oneShots.add(requests, clock.getAsLong())) {
                 return BoosterCodes.RESULT_FULL;
-            }
-            waitingChars += chars;
-            long dropAt = clock.getAsLong() + ONE_SHOT_NANOS;
-            for (Request request : requests) {
-                oneShots.add(new OneShot(request, dropAt));
             }
             mark();
             return BoosterCodes.RESULT_ACCEPTED;
@@ -273,7 +233,7 @@ final class BoosterCore implements TarnBoosterListener {
                 boost.rejected = true;
                 changed.add(boost);
             });
-            dropOneShots(clock.getAsLong(), true);
+            oneShots.drop(clock.getAsLong(), true, notSent::add);
         }
     }
 
@@ -331,8 +291,7 @@ final class BoosterCore implements TarnBoosterListener {
                 eventsRefused = true;
                 eventsAsked = false;
             }
-            Integer other = otherStamps.get(stamp);
-            report = events || other != null && other == functionId;
+            report = events || stamps.remembers(functionId, stamp);
             mark();
         }
         announce();
@@ -483,10 +442,8 @@ final class BoosterCore implements TarnBoosterListener {
         }
         table.expire(now, changed::add);
         wakeWith(table.nextEnd(now));
-        dropOneShots(now, !wantEnabled);
-        if (!oneShots.isEmpty()) {
-            wakeWith(oneShots.peek().dropAt - now);
-        }
+        oneShots.drop(now, !wantEnabled, notSent::add);
+        wakeWith(oneShots.nextDrop(now));
         if (debug != wantDebug) {
             return this::switchDebug;
         }
@@ -569,18 +526,6 @@ final class BoosterCore implements TarnBoosterListener {
             wakeWith(due - now);
         }
         return worthWhile && now - due >= 0;
-    }
-
-    private void dropOneShots(long now, boolean all) {
-        while (!oneShots.isEmpty() && (all || now - oneShots.peek().dropAt >= 0)) {
-            notSent.add(takeOneShot().functionId);
-        }
-    }
-
-    private Request takeOneShot() {
-        Request request = oneShots.remove().request;
-        waitingChars -= request.chars();
-        return request;
     }
 
     /** The service holds nothing of ours any more. */
@@ -722,7 +667,7 @@ final class BoosterCore implements TarnBoosterListener {
             boost = cancel ? null : table.nextToAsk(clock.getAsLong());
             events = !cancel && boost == null && eventsToAsk();
             if (!cancel && boost == null && !events && oneShotDue(clock.getAsLong())) {
-                oneShot = takeOneShot();
+                oneShot = oneShots.take();
             }
         }
         if (cancel) {
@@ -816,13 +761,11 @@ final class BoosterCore implements TarnBoosterListener {
     /** With the lock: a refusal of this request will be told. */
     private void remember(Request request) {
         request.stamp = newStamp();
-        otherStamps.put(request.stamp, request.functionId);
+        stamps.remember(request);
     }
 
-    /** With the lock. Time stamps of our requests are unique, and never 0. */
     private long newStamp() {
-        lastStamp = Math.max(lastStamp + 1, clock.getAsLong());
-        return lastStamp;
+        return stamps.next(clock.getAsLong());
     }
 
     /** Makes a request. Whether the library has taken it over; if not, it said that there is no connection. */
