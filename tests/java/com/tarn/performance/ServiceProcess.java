@@ -19,7 +19,8 @@ final class ServiceProcess implements AutoCloseable {
 
     /** Starts it under {@link #NAME}; it listens when this returns. */
     ServiceProcess(String... options) throws IOException {
-        List<String> command = command("TARN_EMULATOR", System.getenv("TARN_SERVICE"), "--lines", "plain", "--name", NAME);
+        List<String> command =
+                command("TARN_EMULATOR", System.getenv("TARN_SERVICE"), "--lines", "plain", "--name", NAME);
         Collections.addAll(command, options);
         process =
                 new ProcessBuilder(command).redirectErrorStream(true).redirectOutput(OUTPUT.toFile()).start();
