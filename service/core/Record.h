@@ -25,8 +25,8 @@ class Record {
   /// False, with the problem named, when that fails. A damaged line is passed over.
   bool open(const std::string& path, std::string& problem);
 
-  /// What the service before this one had not put back, by key: a setting's record() as JSON text. Empty after a change of boot: what boosts
-  /// change does not outlive that.
+  /// What the service before this one had not put back, by key: a setting's record() as JSON text. Empty
+  /// after a change of boot: what boosts change does not outlive that.
   const std::map<std::string, std::string>& left() const { return m_left; }
 
   /// The setting is about to be changed, or was: `found` is its record(). False when it could not be written.
@@ -42,7 +42,7 @@ class Record {
   shared::UniqueFd m_file;
   std::map<std::string, std::string> m_left;
   std::map<std::string, std::string> m_kept;  // what the file says
-  size_t m_lines = 0;                            // in the file, but for the first
+  size_t m_lines = 0;                         // in the file, but for the first
 };
 
 }  // namespace service

@@ -8,8 +8,8 @@
 
 namespace service {
 
-/// The setting that a Setting::record(), as JSON text, is of; only its key() and restore() are of use. Null when there is
-/// nothing to put back any more (its process has ended), or the record is none.
+/// The setting that a Setting::record(), as JSON text, is of; only its key() and restore() are of use. Null
+/// when there is nothing to put back any more (its process has ended), or the record is none.
 std::unique_ptr<Setting> settingOfRecord(const std::string& text, const std::string& sysRoot);
 
 }  // namespace service

@@ -45,8 +45,8 @@ class Connection {
   /// watched  a descriptor to wait for as well, -1 for none
   virtual Event next(Reply& reply, int64_t deadlineMs, int watched = -1) = 0;
 
-  /// Readable when next() may have an event, for whoever waits for several connections at once. While unsent()
-  /// is not 0, next() is to be called now and then all the same.
+  /// Readable when next() may have an event, for whoever waits for several connections at once. While
+  /// unsent() is not 0, next() is to be called now and then all the same.
   virtual int fd() const = 0;
 
   /// What was wrong at the last BROKEN.

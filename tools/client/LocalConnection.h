@@ -26,7 +26,6 @@ class LocalConnection : public Connection {
   /// Bytes of a reply that has come in part.
   size_t partialReply() const { return m_replies.partial(); }
 
-
  private:
   explicit LocalConnection(shared::UniqueFd fd) : m_fd(std::move(fd)) {}
 
