@@ -1,10 +1,7 @@
 package com.tarn.performance;
 
-import static org.junit.Assert.assertEquals;
-import static org.junit.Assert.assertThrows;
-import static org.junit.Assert.assertTrue;
+import static org.junit.Assert.*;
 
-import java.io.IOException;
 import java.lang.management.ManagementFactory;
 import java.lang.management.ThreadMXBean;
 import java.nio.file.Files;
@@ -16,12 +13,11 @@ import org.junit.Test;
 /** Traces of this process's own threads. */
 public class CpuLoadTraceTest {
     private static final Path CPU = Path.of("/sys/devices/system/cpu/cpu0");
-    private int tid;
+    private final int tid = TarnBooster.currentThreadId();
 
     @Before
-    public void findTheThread() throws IOException {
+    public void lookForTheCpus() {
         Assume.assumeTrue("the machine shows its CPUs", Files.isDirectory(CPU));
-        tid = Integer.parseInt(Path.of("/proc/thread-self").toRealPath().getFileName().toString());
     }
 
     @Test

@@ -2,28 +2,49 @@ package com.tarn.performance;
 
 import static org.junit.Assert.assertTrue;
 
-import java.util.ArrayDeque;
-import java.util.ArrayList;
-import java.util.HashSet;
-import java.util.List;
-import java.util.Queue;
-import java.util.Set;
+import java.util.*;
+import java.util.concurrent.CopyOnWriteArrayList;
+import java.util.stream.IntStream;
 
 /** The library, a service behind it, and the time, for one core that the test turns by hand. */
 final class FakeLibrary implements Natives {
     static final long MS = BoosterCore.MS;
-    private static final long WRITE_FAILS_AFTER = 5 * MS;
-    private static final long REPORT_TAKES = 3 * MS;
     private static final byte[] NO_DATA = {};
 
     /** What the service holds: a part of one request. Boosts are told apart by their scenes. */
     record Hold(int functionId, int scene, int part, long until) {}
 
+    /** A listener that writes down what it hears. */
+    static final class Heard implements BoosterListener {
+        final List<String> all = new CopyOnWriteArrayList<>();
+
+        @Override
+        public void onConnectionChanged(int state) {
+            all.add(BoosterCodes.connectionName(state));
+        }
+        @Override
+        public void onBoostChanged(Boost boost, int state) {
+            all.add(boost.request().scene() + " " + BoosterCodes.boostName(state));
+        }
+        @Override
+        public void onServiceEvent(ServiceReport event) {
+            all.add(event.toString());
+        }
+        @Override
+        public void onRefused(ServiceReport report) {
+            all.add(report.toString());
+        }
+        @Override
+        public void onNotSent(int functionId) {
+            all.add(BoosterCodes.functionName(functionId) + " not sent");
+        }
+    }
+
     final BoosterCore core = new BoosterCore(() -> this.now);
     final TarnBooster booster = new TarnBooster(core);
     final List<Request> served = new ArrayList<>();
     final List<Hold> holds = new ArrayList<>();
-    private final List<String> told = new ArrayList<>();
+    private final Heard heard = new Heard();
     final Set<Integer> refusing = new HashSet<>(); // function identifiers
     Runnable during = () -> {}; // runs inside every request
     Error loadFailure;
@@ -46,28 +67,7 @@ final class FakeLibrary implements Natives {
     private long lastOwnAttempt = Long.MIN_VALUE / 2;
 
     FakeLibrary() {
-        core.addListener(new BoosterListener() {
-            @Override
-            public void onConnectionChanged(int state) {
-                told.add(BoosterCodes.connectionName(state));
-            }
-            @Override
-            public void onBoostChanged(Boost boost, int state) {
-                told.add(boost.request().scene() + " " + BoosterCodes.boostName(state));
-            }
-            @Override
-            public void onServiceEvent(ServiceReport event) {
-                told.add(event.toString());
-            }
-            @Override
-            public void onRefused(ServiceReport report) {
-                told.add(report.toString());
-            }
-            @Override
-            public void onNotSent(int functionId) {
-                told.add(BoosterCodes.functionName(functionId) + " not sent");
-            }
-        }, Runnable::run);
+        core.addListener(heard, Runnable::run);
     }
 
     /** Starts the core with an interval of one second and lets it do what there is to do. */
@@ -102,8 +102,8 @@ final class FakeLibrary implements Natives {
 
     /** What the listener has heard since the last call. */
     String told() {
-        String all = String.join(", ", told);
-        told.clear();
+        String all = String.join(", ", heard.all);
+        heard.all.clear();
         return all;
     }
 
@@ -200,7 +200,7 @@ final class FakeLibrary implements Natives {
             return true;
         }
         if (enabled) {
-            notices.add(now + REPORT_TAKES);
+            notices.add(now + 3 * MS);
         }
         return tryStart(own);
     }
@@ -229,7 +229,7 @@ final class FakeLibrary implements Natives {
             return;
         }
         if (broken) {
-            engineEnds = Math.min(engineEnds, now + WRITE_FAILS_AFTER);
+            engineEnds = Math.min(engineEnds, now + 5 * MS);
             return; // queued, and lost
         }
         served.add(request);
@@ -237,34 +237,24 @@ final class FakeLibrary implements Natives {
             refuse(request.functionId, request.stamp, 5);
             return;
         }
-        switch (request.functionId) {
-            case 1002, 1004, 1006, 1013 -> {
-                for (int part : parts(request, request.cpuLevel != 0, request.ioLevel != 0)) {
-                    holds.add(new Hold(
-                            request.functionId, request.scene, part, now + request.timeoutMillis * MS));
-                }
-        }
-            case 1003, 1005, 1007, 1014 -> {
-                Set<Integer> parts = parts(request, request.cancelCpu, request.cancelIo);
-                holds.removeIf(hold
-                        -> hold.functionId == request.functionId - 1 && parts.contains(hold.part));
-            }
-            case 1010 -> registered = true;
-            default -> {}
+        int function = request.functionId;
+        registered |= function == BoosterCodes.FUNCTION_EVENTS;
+        if (Set.of(1002, 1004, 1006, 1013).contains(function)) {
+            long until = now + request.timeoutMillis * MS;
+            parts(request, request.cpuLevel != 0, request.ioLevel != 0)
+                    .forEach(part -> holds.add(new Hold(function, request.scene, part, until)));
+        } else if (Set.of(1003, 1005, 1007, 1014).contains(function)) {
+            Set<Integer> parts = parts(request, request.cancelCpu, request.cancelIo);
+            holds.removeIf(hold -> hold.functionId == function - 1 && parts.contains(hold.part));
         }
     }
 
     private static Set<Integer> parts(Request request, boolean cpu, boolean io) {
-        Set<Integer> parts = new HashSet<>();
-        for (int tid : request.threads) {
-                    parts.add(tid);
-                }
-                if (cpu) {
-                    parts.add(BoostRequest.CPU);
-                }
-                if (io) {
-                    parts.add(BoostRequest.IO);
-                }
-                return parts;
+        Set<Integer> parts = new HashSet<>(cpu ? Set.of(BoostRequest.CPU) : Set.of());
+        IntStream.of(request.threads).forEach(parts::add);
+        if (io) {
+            parts.add(BoostRequest.IO);
+        }
+        return parts;
     }
 }

@@ -1,13 +1,14 @@
 package com.tarn.performance;
 
+import static org.junit.Assert.assertTrue;
+
 import java.io.IOException;
 import java.io.UncheckedIOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayList;
-import java.util.Collections;
-import java.util.List;
-import java.util.UUID;
+import java.util.*;
+import java.util.concurrent.locks.LockSupport;
+import java.util.function.BooleanSupplier;
 
 /** A running tarnbooster-service. */
 final class ServiceProcess implements AutoCloseable {
@@ -36,9 +37,18 @@ final class ServiceProcess implements AutoCloseable {
         return command;
     }
 
+    /** Long enough for an emulated processor on a busy machine: a wait that runs out is a fault. */
+    static void until(Object what, BooleanSupplier condition) {
+        long start = System.nanoTime();
+        while (!condition.getAsBoolean()) {
+            assertTrue("waited in vain: " + what, System.nanoTime() - start < 60_000_000_000L);
+            LockSupport.parkNanos(2_000_000);
+        }
+    }
+
     /** Waits for a line that begins with one text and contains another. */
     void awaitLine(String start, String part) {
-        Await.until("the service says " + start + " " + part, () -> {
+        until("the service says " + start + " " + part, () -> {
             try (var lines = Files.lines(OUTPUT)) {
                 return lines.anyMatch(line -> line.startsWith(start) && line.contains(part));
             } catch (IOException e) {
@@ -50,13 +60,13 @@ final class ServiceProcess implements AutoCloseable {
     /** Sends it a signal, as in STOP. */
     void signal(String name) throws IOException {
         Process kill = new ProcessBuilder("kill", "-" + name, "" + process.pid()).inheritIO().start();
-        Await.until("kill " + name, () -> !kill.isAlive());
+        until("kill " + name, () -> !kill.isAlive());
     }
 
     /** Ends it, as a service that dies does: its clients learn by their sockets. */
     @Override
     public void close() {
         process.destroyForcibly();
-        Await.until("the service has ended", () -> !process.isAlive());
+        until("the service has ended", () -> !process.isAlive());
     }
 }
