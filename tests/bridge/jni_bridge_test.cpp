@@ -26,6 +26,7 @@ std::vector<std::string> g_asked;
 std::atomic<int> g_delivered{0};  // the types of the reports, as digits
 jint (*g_init)(JNIEnv*, jobject, jstring, jint, jstring) = nullptr;
 const char* const g_text = "text";
+std::atomic<int> g_threadError{0};  // what every creation of a thread fails with, unless it is 0
 _jclass g_localClass, g_globalClass;
 JNINativeInterface_ g_functions{};
 JNIInvokeInterface_ g_invocations{};
@@ -74,6 +75,12 @@ JniBridge::JniBridge() {
   g_functions.GetArrayLength = [](JNIEnv*, jarray) { return static_cast<jsize>(g_answers.ints.size()); };
   g_functions.GetIntArrayElements = [](JNIEnv*, jintArray, jboolean*) { return g_answers.ints.data(); };
   g_functions.ReleaseIntArrayElements = [](JNIEnv*, jintArray, jint*, jint m) { asked(std::to_string(m)); };
+}
+
+extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* how, void* (*entry)(void*),
+                                     void* with) {
+  return g_threadError != 0 ? g_threadError.load() : __real_pthread_create(thread, how, entry, with);
 }
 
 TEST_F(JniBridge, ALoadThatFailsLeavesNothingAndSaysWhy) {

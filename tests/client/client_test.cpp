@@ -3,9 +3,6 @@
 #include "client/client.h"
 #include "client/protocol.h"
 
-#include <unistd.h>
-
-#include <csignal>
 #include <functional>
 
 #include "base/bytes.h"
@@ -58,30 +55,30 @@ TEST_F(ClientTest, StartsOnlyAConfiguredEngineAndOnlyOnePerInterval) {
   EXPECT_EQ(log.count("5 [udp.cpp,createSocket:"), 1) << "one UDP engine, the later attempts are throttled";
 }
 
-TEST_F(ClientTest, DisablingHidesARunningEngineAndEnablingFindsItAgain) {
-  EXPECT_TRUE(client.init("", 0, "", &kept<Callback>())) << "replaced by the next one, as no engine is held";
-  EXPECT_TRUE(init());
-  const LogCapture log(true);
-  EXPECT_FALSE(client.init("elsewhere", 9, "there", &queue));
-  EXPECT_EQ(
-      log.count("\"ClientInit client already inited remote:" + service.name() + " port:0 local:here cb:"), 1);
-  for (const auto& [on, line] :
-       {std::pair{true, "1 to 1 restart:0\""}, {false, "0 to 0 restart:0\""}, {true, "1 to 1 restart:1\""}}) {
-    client.setEnable(on);
-    EXPECT_EQ(log.count(std::string("3 [client.cpp,setEnable:366]\"setEnable ") + line), 1) << line;
-    EXPECT_EQ(client.engine() != nullptr, on);
-    EXPECT_TRUE(client.isRunning());
+/// A sink that wants the client's lock while it is told something.
+struct AskingSink : Callback {
+  int32_t pushCallback(int32_t type, int64_t timestamp, int32_t status, int32_t funcid, int32_t code,
+                       const uint8_t* data, int32_t len) override {
+    std::thread([this] { client->isRunning(), ++asked; }).detach();
+    ++told;
+    EXPECT_TRUE(eventually([&] { return asked == told; })) << "reported with the client's lock held";
+    return Callback::pushCallback(type, timestamp, status, funcid, code, data, len);
   }
-}
+  Client* client = nullptr;
+  std::atomic<int> asked{0}, told{0};
+};
 
-TEST_F(ClientTest, ReportsEveryRequestThatFindsNoEngineAndThrottlesTheAttempts) {
+TEST_F(ClientTest, ReportsEveryRequestThatFindsNoEngineHoldsNoLockAndThrottlesTheAttempts) {
+  auto& sink = kept<AskingSink>();
+  sink.client = &client;
   // Milliseconds beyond 32 bits; the others are refused.
   for (const int seconds : {3000000, 0, -5}) client.setRetryConnectInterval(seconds);
-  client.init(uniqueName(), 0, "l", &queue);
+  EXPECT_TRUE(client.init("", 0, "", &queue)) << "replaced by the next one, as no engine is held";
+  client.init(uniqueName(), 0, "l", &sink);
   const LogCapture log(true);
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(client.engine(), nullptr);
-    const auto report = queue.take();
+    const auto report = sink.take();
     EXPECT_EQ(report.type, 1);
     EXPECT_EQ(report.status, -20001);
     EXPECT_EQ(report.timestamp + report.funcid + report.code + report.len, 0);
@@ -89,36 +86,6 @@ TEST_F(ClientTest, ReportsEveryRequestThatFindsNoEngineAndThrottlesTheAttempts) 
   EXPECT_EQ(log.count("3 [client.cpp,engine:277]\"ClientEngine not  running, try Reconnect\""), 3);
   EXPECT_EQ(log.count("3 [client.cpp,tryStartEngine:312]\"tryStartEngine TimeDiff:"), 3);
   EXPECT_EQ(log.count("\"connect ret:"), 0) << "the attempt of init() has used the interval up";
-}
-
-/// A sink that wants the client's lock while it is told something.
-struct AskingSink : IC2JavaCallback {
-  int32_t pushCallback(int32_t, int64_t, int32_t, int32_t, int32_t, const uint8_t*, int32_t) override {
-    std::thread([this] { client->isRunning(), free = true; }).detach();
-    EXPECT_TRUE(eventually([&] { return free.load(); })) << "reported with the client's lock held";
-    return 0;
-  }
-  Client* client = nullptr;
-  std::atomic<bool> free{false};
-};
-
-TEST_F(ClientTest, ReportsWhileItHoldsNoLock) {
-  auto& sink = kept<AskingSink>();
-  sink.client = &client;
-  client.init("", 0, "", &sink);
-  EXPECT_EQ(client.engine(), nullptr);
-  EXPECT_TRUE(sink.free);
-}
-
-TEST_F(ClientTest, AnEngineWhoseThreadCannotBeCreatedFailsTheStart) {
-  const LogCapture log;
-  g_threadError = EAGAIN;
-  init();
-  g_threadError = 0;
-  EXPECT_EQ(log.count("6 [client.cpp,start:"), 1);
-  EXPECT_FALSE(client.isRunning());
-  EXPECT_TRUE(service.accept());
-  EXPECT_EQ(service.read(1), "") << "the connection is closed again";
 }
 
 TEST_F(ClientTest, RestartsAfterTheServiceCameBackAndTheIntervalHasPassed) {
@@ -142,9 +109,6 @@ TEST_F(ClientTest, RestartsAfterTheServiceCameBackAndTheIntervalHasPassed) {
   for (; queue.take().status == -20001; --asked) {
   }
   EXPECT_EQ(asked, 0) << "each of them is reported, the one that succeeds too";
-  ASSERT_TRUE(again.accept());
-  ASSERT_GT(client.engine()->sendReq(1003, nullptr, 0, 1, 1), 0);
-  EXPECT_EQ(again.readRequest().substr(0, 8), hex("52434448 0400 EB03"));
   const auto second = client.engine();
   again.stop();
   ASSERT_TRUE(
@@ -173,61 +137,14 @@ TEST_F(ClientTest, AThreadStuckInAFullQueueComesBackWhenTheServiceDies) {
   EXPECT_TRUE(eventually([&] { return !engine->isRunning(); }));
 }
 
-TEST_F(ClientTest, SurvivesEightThreadsOfRequestsAgainstADyingService) {
-  signal(SIGPIPE, SIG_DFL);  // a SIGPIPE that gets through ends the test
-  service.stop();
-  client.setRetryConnectInterval(1);
-  std::atomic<bool> done{false};
-  std::atomic<int> answered{0};
-  std::thread drain([&] {
-    for (int status = 0; status != 1; answered += status == 7 ? 1 : 0) status = queue.take().status;
-  });
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 8; ++t) {
-    threads.emplace_back([&, t] {
-      const std::vector<uint8_t> payload(t * 1000, 'x');
-      for (int i = 0; !done; ++i) {
-        if (t == 7) client.setEnable(i % 64 != 0);
-        client.isRunning();
-        init();
-        const auto engine = client.engine();
-        EXPECT_TRUE(engine == nullptr || engine->sendReq(1011, payload.data(), payload.size(), t, i) > 0);
-        std::this_thread::yield();
-      }
-    });
-  }
-  for (int round = 0; round < 4; ++round) {
-    FakeService alive(service.name());
-    EXPECT_TRUE(alive.accept());
-    for (int i = 0; i < 200; ++i) {
-      const Bytes request = alive.readRequest();
-      if (request.size() < 32) break;
-      EXPECT_EQ(request.substr(0, 8), hex("52434448 0400 F303"));
-      EXPECT_EQ(request.substr(32), Bytes(static_cast<uint8_t>(request[20]) * 1000, 'x')) << "of its caller";
-      alive.write(reply(1011, 7, i % 2 == 0 ? "" : "a body"));
-    }
-  }
-  done = true;
-  for (auto& thread : threads) thread.join();
-  queue.pushCallback(1, 0, 1, 0, 0, nullptr, 0);
-  drain.join();
-  EXPECT_GT(answered, 0);
-}
-
-TEST(RequestHeader, PackerRefusesWhatDoesNotFit) {
-  const uint8_t body[3] = {};
-  const auto refuses = [&](int result, uint32_t funcid, const uint8_t* data, int32_t dataLen,
-                           const char* line) {
-    const LogCapture log;
-    uint8_t* packet = nullptr;
-    uint32_t length = 0;
-    EXPECT_EQ(genReqPack(funcid, data, dataLen, &packet, &length, 7, 0), result);
-    EXPECT_EQ(packet, nullptr);
-    EXPECT_EQ(log.count("6 [header.cpp,genReqPack:" + std::string(line)), 1) << line;
-  };
-  refuses(-2, 65536, body, 3, "31]\"getReqPack funcid should little then 65535 65536 \"");
-  refuses(-1, 65536, nullptr, 3, "26]\"getReqPack input data len 3 data:0\"");
-  refuses(-1, 1001, body, -1, "26]\"getReqPack input data len -1 data:");
+TEST(RequestHeader, PackerRefusesALengthWithoutABodyOrBelowNone) {
+  const LogCapture log;
+  uint8_t* packet = nullptr;
+  uint32_t length = 0;
+  EXPECT_EQ(genReqPack(1001, nullptr, 3, &packet, &length, 7, 0), -1);
+  EXPECT_EQ(genReqPack(1001, reinterpret_cast<const uint8_t*>(this), -1, &packet, &length, 7, 0), -1);
+  EXPECT_EQ(packet, nullptr);
+  EXPECT_EQ(log.count("6 [header.cpp,genReqPack:26]\"getReqPack input data len "), 2);
 }
 
 /// The service that the process-wide client is connected to.
@@ -302,13 +219,10 @@ TEST(Requests, AMessageLargerThanAThreadsStackIsCarriedWhole) {
 
 TEST(Requests, WithoutThreadsOrWithoutAnEngineSendNothing) {
   service();
-  const LogCapture log;
   EXPECT_EQ(cancelCpuCoreForThread(nullptr, 0, 30, 40), kNoThreads);
-  EXPECT_EQ(log.count("\"cancelCpuCoreForThread bindlen :0\""), 1);
   g_client.setEnable(false);
   EXPECT_EQ(cancelCpuCoreForThread(nullptr, 0, 30, 40), kNoEngine);
-  EXPECT_EQ(terminateApp(30, 40), kNoEngine);
-  EXPECT_EQ(log.count("bindlen"), 1);
+  EXPECT_TRUE(g_client.isRunning());
   g_client.setEnable(true);
   EXPECT_NE(resetScreenResolution(30, 40), kNoEngine);
   EXPECT_EQ(read16le(reinterpret_cast<const uint8_t*>(service().readRequest().data()) + 6), 1009)

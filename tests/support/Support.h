@@ -20,9 +20,6 @@
 
 using Bytes = std::string;
 
-/// What every creation of a thread fails with, unless it is 0; for tests that link ThreadFailure.cpp.
-inline std::atomic<int> g_threadError{0};
-
 /// Waits until `condition` holds, at most 20 seconds. The result is the condition's.
 inline bool eventually(const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);

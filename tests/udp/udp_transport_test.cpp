@@ -88,29 +88,4 @@ TEST_F(UdpTransport, AnyThreadMayStopItAndNoCallerIsLeftInside) {
   }
 }
 
-/// The transport's inner operations, called without a thread.
-struct Bookkeeping : UDP {
-  int recvEvent(int, const sockaddr_in&, int64_t, const uint8_t*, uint32_t) override { return 0; }
-  void check() {
-    const sockaddr_in peer = loopback(10);
-    TimeoutEvent lost;
-    lost.peer = peer;
-    lost.pkg = newPacket();
-    EXPECT_EQ(sendPackage(nullptr, PACKET_DATA, 1, lost.pkg.get()), -1);
-    EXPECT_EQ(sendPackage(&peer, PACKET_DATA, 1, lost.pkg.get()), -1) << "no sender";
-    EXPECT_EQ(processTimeout(lost), -1) << "no sender";
-    Sender& sender = getSender(peer);
-    EXPECT_EQ(sendPackage(&peer, PACKET_DATA, 1, lost.pkg.get()), -2);
-    EXPECT_EQ(processTimeout(lost), -1) << "not in the window";
-    EXPECT_EQ(sendPackage(&peer, 7, 1, lost.pkg.get()), -3);
-    EXPECT_EQ(processTimeout(sender.synTimeoutEvent), 0);
-  }
-};
-
-TEST_F(UdpTransport, BrokenBookkeepingIsNoticed) {
-  Bookkeeping().check();
-  EXPECT_EQ(log.count("6 [udp.cpp,processTimeout:"), 2);
-  EXPECT_EQ(log.count("\"Invalid socket. Not in the list.strAddr:127.0.0.1:10 \""), 1);
-}
-
 }  // namespace
