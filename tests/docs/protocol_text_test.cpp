@@ -8,7 +8,6 @@
 #include "shared/Address.h"
 #include "support/RunningService.h"
 #include "udp/udp_packet.h"
-#include "wire/protos/amc.pb.h"
 
 namespace {
 
@@ -79,20 +78,11 @@ TEST(ProtocolText, TheServiceAnswersTheRequestsOfTheTextToTheByte) {
   EXPECT_EQ(sent, 4);
 }
 
-template <class Message>
-Bytes rewritten(const Bytes& body) {
-  Message message;
-  EXPECT_TRUE(message.ParseFromString(body));
-  return message.SerializeAsString();
-}
-
 TEST(ProtocolText, TheLibraryWritesTheRequestsOfTheTextToTheByte) {
   for (const Block& block : blocks("send")) {
     const Bytes wanted = block.exact();
     const uint16_t funcid = read16le(raw(wanted) + request_header::kFuncid);
-    Bytes body = wanted.substr(kHeaderBytes);
-    if (funcid == 1002) body = rewritten<amc::RequestCPUHighFreq>(body);
-    if (funcid == 1004) body = rewritten<amc::RequestCPUCoreForThread>(body);
+    const Bytes body = wanted.substr(kHeaderBytes);
     uint8_t* packet = nullptr;
     uint32_t length = 0;
     ASSERT_GT(genReqPack(funcid, raw(body), static_cast<int32_t>(body.size()), &packet, &length,

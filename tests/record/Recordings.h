@@ -20,12 +20,51 @@ struct TemporaryFile {
   std::string path = testing::TempDir() + "tarn-recording-XXXXXX";
 };
 
-/// One packet, without its tags.
+/// What a shell prints.
+inline std::string shellOutput(const std::string& command) {
+  FILE* const pipe = popen(("exec 2>&1; " + command).c_str(), "r");
+  std::string output;
+  char text[4096];
+  for (size_t count = 0; (count = fread(text, 1, sizeof(text), pipe)) > 0;) output.append(text, count);
+  pclose(pipe);
+  return output;
+}
+
+constexpr auto kOut = pcapng::Direction::ToService, kIn = pcapng::Direction::FromService;
+
+/// A recording that a test fills packet by packet, one packet every millisecond unless it says otherwise.
+class Capture {
+ public:
+  Capture() {
+    std::string problem;
+    EXPECT_TRUE(m_file.create(m_path.path, problem)) << problem;
+    m_file.addInterface("@demo", "connection 1");
+  }
+  void add(pcapng::Direction direction, const Bytes& bytes, uint32_t connection = 1, int afterMs = 1) {
+    put(record::connectionTags(connection, direction), direction, bytes, afterMs);
+  }
+  void put(const Bytes& tags, pcapng::Direction direction, const Bytes& bytes, int afterMs = 1) {
+    m_timeNs += afterMs * 1000000;
+    m_file.add(0, m_timeNs, direction, tags, bytes);
+  }
+  const std::string& path() {
+    std::string problem;
+    EXPECT_TRUE(m_file.flush(problem)) << problem;
+    return m_path.path;
+  }
+
+ private:
+  TemporaryFile m_path;
+  record::RecordingFile m_file;
+  int64_t m_timeNs = 1795249508000000000;
+};
+
+/// One packet.
 struct Recorded {
   size_t connection;
   pcapng::Direction direction;
   int64_t timeNs;
-  Bytes bytes;
+  Bytes tags, bytes;
 };
 
 struct ReadBack {
@@ -50,7 +89,9 @@ inline ReadBack readRecording(std::istream& in) {
   while (reader.next(packet, read.problem) == pcapng::Reader::Result::PACKET) {
     record::Tagged tagged;
     if (!record::readTags(packet.bytes, tagged)) tagged.bytes = packet.bytes;
-    read.packets.push_back({packet.interface, packet.direction, packet.timeNs, Bytes(tagged.bytes)});
+    read.packets.push_back({packet.interface, packet.direction, packet.timeNs,
+                            Bytes(packet.bytes, 0, packet.bytes.size() - tagged.bytes.size()),
+                            Bytes(tagged.bytes)});
   }
   read.interfaces = reader.interfaces();
   return read;

@@ -1,6 +1,5 @@
 // wireshark/tarnbooster.lua, as tshark runs it over recordings: each row is one packet's fields.
 #include <gmock/gmock.h>
-#include <sys/wait.h>
 
 #include <random>
 #include <sstream>
@@ -9,62 +8,25 @@
 #include "support/RunningService.h"
 #include "tools/record/MessageCutter.h"
 #include "udp/crc32.h"
-#include "wire/protos/amc.pb.h"
 
 namespace {
 
-using pcapng::Direction;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
-using testing::Not;
 
-constexpr Direction kOut = Direction::ToService, kIn = Direction::FromService;
-
-/// A recording that a test fills packet by packet, one packet every millisecond unless it says otherwise.
-class Capture {
- public:
-  Capture() {
-    std::string problem;
-    EXPECT_TRUE(m_file.create(m_path.path, problem)) << problem;
-    m_file.addInterface("@demo", "connection 1");
-  }
-  void add(Direction direction, const Bytes& bytes, uint32_t connection = 1) {
-    put(record::connectionTags(connection, direction), direction, bytes);
-  }
-  void addDatagram(bool fromClient, const Bytes& bytes, int afterMs = 1, uint16_t servicePort = 4000) {
-    sockaddr_in client = loopback(), service = loopback();
-    client.sin_port = htons(5000);
-    service.sin_port = htons(servicePort);
-    m_timeNs += (afterMs - 1) * 1000000;
-    put(fromClient ? record::datagramTags(client, service, kOut) : record::datagramTags(service, client, kIn),
-        fromClient ? kOut : kIn, bytes);
-  }
-  void put(const Bytes& tags, Direction direction, const Bytes& bytes) {
-    m_timeNs += 1000000;
-    m_file.add(0, m_timeNs, direction, tags, bytes);
-  }
-  const std::string& path() {
-    std::string problem;
-    EXPECT_TRUE(m_file.flush(problem)) << problem;
-    return m_path.path;
-  }
-
- private:
-  TemporaryFile m_path;
-  record::RecordingFile m_file;
-  int64_t m_timeNs = 1795249508000000000;
-};
+void addDatagram(Capture& capture, bool fromClient, const Bytes& bytes, int afterMs = 1,
+                 uint16_t servicePort = 4000) {
+  sockaddr_in client = loopback(), service = loopback();
+  client.sin_port = htons(5000);
+  service.sin_port = htons(servicePort);
+  const Bytes tags =
+      fromClient ? record::datagramTags(client, service, kOut) : record::datagramTags(service, client, kIn);
+  capture.put(tags, fromClient ? kOut : kIn, bytes, afterMs);
+}
 
 std::string tshark(const std::string& path, const std::string& options) {
-  const std::string command = "HOME=/nonexistent " TARNBOOSTER_TSHARK " -n -r " + path +
-                              " -X lua_script:" TARNBOOSTER_DISSECTOR " " + options +
-                              " 2>&1 | grep -v 'Running as'";
-  FILE* const pipe = popen(command.c_str(), "r");
-  std::string output;
-  char text[4096];
-  for (size_t count = 0; (count = fread(text, 1, sizeof(text), pipe)) > 0;) output.append(text, count);
-  pclose(pipe);
-  return output;
+  return shellOutput("HOME=/nonexistent " TARNBOOSTER_TSHARK " -n -r " + path +
+                     " -X lua_script:" TARNBOOSTER_DISSECTOR " " + options + " 2>&1 | grep -v 'Running as'");
 }
 
 /// The named fields of each packet, separated by '|'; several values of one by ','.
@@ -80,74 +42,39 @@ std::vector<std::string> rows(const std::string& path, const std::string& fields
   return found;
 }
 
-template <class Message>
-Bytes leveled() {
-  Message message;
-  message.set_scene(-3);
-  message.set_level(2);
-  message.set_timeoutms(1000);
-  message.set_action(-5000000000);
-  return message.SerializeAsString();
-}
+/// scene -3, level 2, 1000 ms, action -5000000000
+const Bytes kLeveled = hex("08 FDFFFFFFFFFFFFFFFF01 10 02 18 E807 20 809CE8AFEDFFFFFFFF01");
 
 TEST(Dissector, ShowsEveryFieldOfEveryRequest) {
-  amc::RequestCPUCoreForThread core;
-  core.set_scene(1);
-  core.add_bindtids(101);
-  core.add_bindtids(-2);
-  core.set_timeout(7);
-  core.set_action(INT64_MAX);
-  amc::RequestScreenResolution screen;
-  screen.set_level(3);
-  screen.set_uiname("main");
-  amc::RequestBootPreLoadResource preload;
-  preload.add_files("/etc/hosts");
-  preload.add_files("");
-  amc::RequestUnifyCPUIOThreadCore unify;
-  unify.set_scene(1);
-  unify.set_cpulevel(2);
-  unify.set_iolevel(0);
-  unify.add_bindtids(5);
-  unify.set_timeout(9);
-  unify.set_action(7);
-  amc::CancelUnifyCPUIOThreadCore cancel;
-  cancel.set_cancelcpu(1);
-  cancel.set_cancelio(0);
-  cancel.set_cancelthread(1);
+  const std::string leveled = "|-3|2|1000||-5000000000||||",
+                    values = " scene=-3 level=2 timeoutms=1000 action=-5000000000";
   const struct {
     uint16_t funcid;
     Bytes body;
-    const char* fields;  // message, its numbers, and the line
+    std::string fields;  // message, its numbers, and the line
   } cases[] = {
       {1001, "", "|||||||||1001 checkPermission"},
-      {1002, leveled<amc::RequestCPUHighFreq>(),
-       "amc.RequestCPUHighFreq|-3|2|1000||-5000000000||||1002 requestCpuHighFreq scene=-3 level=2 "
-       "timeoutms=1000 "
-       "action=-5000000000"},
+      {1002, kLeveled, "amc.RequestCPUHighFreq" + leveled + "1002 requestCpuHighFreq" + values},
       {1003, "", "|||||||||1003 cancelCpuHighFreq"},
-      {1004, core.SerializeAsString(),
+      {1004, hex("0801 1065 10FEFFFFFFFFFFFFFFFF01 1807 20FFFFFFFFFFFFFFFF7F"),
        "amc.RequestCPUCoreForThread|1|||7|9223372036854775807|101,-2|||1004 requestCpuCoreForThread scene=1 "
        "bindtids=[101,-2] timeout=7 action=9223372036854775807"},
       {1005, hex("0A03 65 AC02"),  // packed
        "amc.CancelCPUCoreForThread||||||101,300|||1005 cancelCpuCoreForThread bindtids=[101,300]"},
-      {1006, leveled<amc::RequestHighIOFreq>(),
-       "amc.RequestHighIOFreq|-3|2|1000||-5000000000||||1006 requestHighIOFreq scene=-3 level=2 "
-       "timeoutms=1000 "
-       "action=-5000000000"},
+      {1006, kLeveled, "amc.RequestHighIOFreq" + leveled + "1006 requestHighIOFreq" + values},
       {1007, "", "|||||||||1007 cancelHighIOFreq"},
-      {1008, screen.SerializeAsString(),
+      {1008, hex("0803 1204") + "main",
        "amc.RequestScreenResolution||3||||||main|1008 requestScreenResolution level=3 uiName=\"main\""},
       {1009, "", "|||||||||1009 resetScreenResolution"},
       {1010, "", "|||||||||1010 registerANRCallback"},
-      {1011, preload.SerializeAsString(),
+      {1011, hex("0A0A") + "/etc/hosts" + hex("0A00"),
        "amc.RequestBootPreLoadResource|||||||/etc/hosts,||1011 registerBootPreloadResource "
        "files=[\"/etc/hosts\",\"\"]"},
       {1012, "", "|||||||||1012 terminateApp"},
-      {1013, unify.SerializeAsString(),
+      {1013, hex("0801 1002 1800 2005 2809 3007"),
        "amc.RequestUnifyCPUIOThreadCore|1|||9|7|5|||1013 requestUnifyCpuIOThreadCore scene=1 cpulevel=2 "
-       "iolevel=0 "
-       "bindtids=[5] timeout=9 action=7"},
-      {1014, cancel.SerializeAsString(),
+       "iolevel=0 bindtids=[5] timeout=9 action=7"},
+      {1014, hex("0801 1000 1801"),
        "amc.CancelUnifyCPUIOThreadCore|||||||||1014 cancelUnifyCpuIOThreadCore cancelcpu=1 cancelio=0 "
        "cancelthread=1 bindtids=[]"},
       {1005, "", "amc.CancelCPUCoreForThread|||||||||1005 cancelCpuCoreForThread bindtids=[]"},
@@ -173,27 +100,24 @@ TEST(Dissector, LinksRepliesWithRequestsAndNotesWhatIsWrong) {
   wrongMagic[0] = 'X';
   oldVersion[4] = 3;
   const struct {
-    Direction direction;
+    pcapng::Direction direction;
     Bytes bytes;
     const char* fields;  // kind, reply in, reply to, time, status, notes, line
   } cases[] = {
       {kOut, request(1010, "", 5), "request|3|||||1010 registerANRCallback"},
       {kOut, request(1002, "\x08\x01", 6),
        "request|4||||The required field level is missing,The required field timeoutms is missing,The "
-       "required field "
-       "action is missing|1002 requestCpuHighFreq scene=1"},
+       "required field action is missing|1002 requestCpuHighFreq scene=1"},
       {kIn, reply(1010, 0, "", 5, 9),
        "reply||1|0.002000000|0||1010 registerANRCallback -> status 0, 2.000 ms"},
       {kIn, reply(1002, 3, "", 6),
-       "reply||2|0.002000000|3|Status 3|1002 requestCpuHighFreq -> status 3 (bad "
-       "argument), 2.000 ms"},
+       "reply||2|0.002000000|3|Status 3|1002 requestCpuHighFreq -> status 3 (bad argument), 2.000 ms"},
       {kIn, push, "push||||0||push code=7 data=3 bytes"},
       {kIn, reply(1010, 0), "reply||||0||1010 registerANRCallback (empty, between pushes)"},
       {kIn, push, "push||||0||push code=7 data=3 bytes"},
       {kIn, push,
        "push||||0|Between two replies with bodies one without must stand: the library takes it as complete "
-       "and "
-       "empty, and its body as the next header|push code=7 data=3 bytes"},
+       "and empty, and its body as the next header|push code=7 data=3 bytes"},
       {kIn, reply(1003, 0, "", 99),
        "reply||||0|A reply whose request is not in the capture|1003 cancelCpuHighFreq -> status 0"},
       {kOut, request(1003, "", 7), "request|13|||||1003 cancelCpuHighFreq"},
@@ -234,8 +158,8 @@ TEST(Dissector, PutsPiecesTogetherAndTakesPacketsWithoutAnyTagsButTheName) {
   }
   capture.add(kIn, reply(1011, 0, "", 5));
   const Bytes tag = hex("000C 000C") + "tarnbooster" + hex("00 0000 0000");
-  capture.put(tag, Direction::Unknown, request(1003, "", 6) + request(1007, "", 6));
-  capture.put(tag, Direction::Unknown, reply(1003, 5, "", 6));
+  capture.put(tag, pcapng::Direction::Unknown, request(1003, "", 6) + request(1007, "", 6));
+  capture.put(tag, pcapng::Direction::Unknown, reply(1003, 5, "", 6));
   EXPECT_THAT(
       rows(capture.path(), ".kind .continues_in .reply_to .funcid .data_len _ws.col.Info"),
       testing::ElementsAre(
@@ -244,17 +168,6 @@ TEST(Dissector, PutsPiecesTogetherAndTakesPacketsWithoutAnyTagsButTheName) {
           "reply||3|1011|0|1011 registerBootPreloadResource -> status 0, 1.000 ms",
           "request,request|||1003,1007|0,0|1003 cancelCpuHighFreq; 1007 cancelHighIOFreq",
           "reply||5|1003|0|1003 cancelCpuHighFreq -> status 5 (no right), 1.000 ms"));
-}
-
-TEST(Dissector, ShowsARecordingOfTheReferenceService) {
-  RunningService service;
-  RunningRelay relay(service.name());
-  BytesClient(relay.name()).ask(1003);
-  BytesClient(relay.name()).ask(1100);
-  relay.stop();
-  EXPECT_THAT(rows(relay.path(), ".kind .reply_to .status .word16 _ws.col.Source"),
-              testing::ElementsAre("request||||application 1", "reply|1|0|1234567|service",
-                                   "request||||application 2", "reply|3|2|1234567|service"));
 }
 
 TEST(Dissector, FollowsTheUdpTransport) {
@@ -267,7 +180,7 @@ TEST(Dissector, FollowsTheUdpTransport) {
   Capture capture;
   std::vector<std::string> expected;
   const auto add = [&](bool fromClient, const Bytes& bytes, int afterMs, const std::string& fields) {
-    capture.addDatagram(fromClient, bytes, afterMs);
+    addDatagram(capture, fromClient, bytes, afterMs);
     expected.push_back(fields);
   };
   // type, sequence, ack in, ack to, ack time, first sent in, number of the send, given up, complete in,
@@ -300,7 +213,7 @@ TEST(Dissector, FollowsTheUdpTransport) {
         "1|100003||||8|" + number + (send < 6 ? "|" : "|1") + "||Sent for the " + number + ". time" +
             (send < 6 ? "" : ",Given up: sent six times and never acknowledged") + "|" + line);
   }
-  capture.addDatagram(false, datagram(PACKET_DATA, 100001, 0, 32, answer, 2), 1, 4001);
+  addDatagram(capture, false, datagram(PACKET_DATA, 100001, 0, 32, answer, 2), 1, 4001);
   expected.push_back(
       "1|100001|||||1||||DATA s=100001 of=0 tl=32 | 1011 registerBootPreloadResource -> status 0, " +
       std::string("2504.000 ms"));
@@ -323,7 +236,7 @@ TEST(Dissector, FindsDatagramsOnAnyPortOfACapture) {
   Bytes file;
   pcapng::appendSectionHeader(file);
   pcapng::appendInterface(file, {228, "lo", ""});  // IPv4
-  pcapng::appendPacket(file, 0, 0, Direction::Unknown, "", packet);
+  pcapng::appendPacket(file, 0, 0, pcapng::Direction::Unknown, "", packet);
   TemporaryFile path;
   std::ofstream(path.path) << file;
   EXPECT_THAT(rows(path.path, "_udp.checksum_good .funcid _ws.col.Protocol"),
@@ -334,7 +247,7 @@ TEST(Dissector, NeverFailsWhateverACaptureHolds) {
   std::mt19937 random(7);
   Capture capture;
   const Bytes seeds[] = {
-      request(1002, leveled<amc::RequestCPUHighFreq>()),
+      request(1002, kLeveled),
       request(1005, hex("0A03 65 AC02")) + request(1011, hex("0A01 2F")),
       reply(1010, 0, hex("0807 1203 616263")) + reply(1003, 0),
       datagram(PACKET_DATA, 100001, 0, 40, request(1008, hex("0802 1204 6D61696E")), 1),
@@ -357,7 +270,7 @@ TEST(Dissector, NeverFailsWhateverACaptureHolds) {
         write32le(reinterpret_cast<uint8_t*>(&bytes[4]),
                   crc32(reinterpret_cast<const uint8_t*>(bytes.data()), static_cast<uint32_t>(bytes.size())));
       }
-      capture.addDatagram(random() % 2 == 0, bytes);
+      addDatagram(capture, random() % 2 == 0, bytes);
     }
   }
   const std::string output = tshark(capture.path(), "-2 -V");

@@ -8,7 +8,6 @@
 
 namespace {
 
-using pcapng::Direction;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
@@ -67,76 +66,46 @@ TEST(Replay, TheSameServiceAnswersTheSameOverEitherTransportAndAtEitherSpeed) {
   EXPECT_EQ(replayed.result.answers, 13u);
 }
 
-/// A recording by hand, a packet every 50 ms.
-class Written {
- public:
-  Written(std::initializer_list<std::pair<Direction, Bytes>> packets) {
-    record::RecordingFile file;
-    std::string problem;
-    EXPECT_TRUE(file.create(m_path.path, problem));
-    file.addInterface("@demo", "");
-    int64_t time = 0;
-    for (const auto& [direction, bytes] : packets) {
-      file.add(0, time += 50000000, direction, record::connectionTags(1, direction), bytes);
-    }
-    EXPECT_TRUE(file.flush(problem));
-  }
-  const std::string& path() const { return m_path.path; }
-
- private:
-  TemporaryFile m_path;
-};
-
-constexpr Direction kOut = Direction::ToService, kIn = Direction::FromService;
-
 TEST(Replay, TellsEveryDifferenceAndSendsWhatWasSent) {
   const Bytes a = reply(1010, 0, hex("0807 1201 61")), b = reply(1010, 0, hex("0807 1201 62"));
-  const Written written({{kOut, request(1001, "", 1)},
-                         {kOut, request(1002, "x", 2)},
-                         {kOut, "garbage"},
-                         {kIn, reply(1001, 0, "", 1)},
-                         {kIn, reply(1002, 3, "", 2)},
-                         {kIn, a},
-                         {kIn, reply(1010, 0)},
-                         {kIn, a},
-                         {kIn, reply(1003, 0, "", 3)}});
+  Capture written;
+  for (const Bytes& bytes : {request(1001, "", 1), request(1002, "x", 2), Bytes("garbage")})
+    written.add(kOut, bytes, 1, 50);
+  for (const Bytes& bytes :
+       {reply(1001, 0, "", 1), reply(1002, 3, "", 2), a, reply(1010, 0), a, reply(1003, 0, "", 3)})
+    written.add(kIn, bytes, 1, 50);
   const struct {
+    size_t missing;
+    bool broken;
     Bytes answers;
     std::vector<std::string> lines;
-    size_t missing;
-    bool lost, broken;
   } cases[] = {
-      {reply(1001, 0, "", 1, 99) + reply(1002, 3, "", 2) + a + reply(1010, 0) + a + reply(1003, 0, "", 3),
-       {},
-       0,
+      {0,
        false,
-       false},
-      {reply(1001, 7, "", 1) + reply(1002, 3, "y", 2) + a + reply(1010, 0) + b + reply(1003, 0, "", 3),
+       reply(1001, 0, "", 1, 99) + reply(1002, 3, "", 2) + a + reply(1010, 0) + a + reply(1003, 0, "", 3),
+       {}},
+      {0,
+       false,
+       reply(1001, 7, "", 1) + reply(1002, 3, "y", 2) + a + reply(1010, 0) + b + reply(1003, 0, "", 3),
        {"connection 1: the answer to 1001 (time stamp 1): status 7 came, 0 was recorded",
         "connection 1: the answer to 1002 (time stamp 2): a body of 1 bytes \"y\" came, 0 bytes \"\" was "
         "recorded",
         "connection 1: push 2: a body of 5 bytes \"\\x08\\x07\\x12\\x01b\" came, 5 bytes "
-        "\"\\x08\\x07\\x12\\x01a\" was "
-        "recorded"},
-       0,
+        "\"\\x08\\x07\\x12\\x01a\" was recorded"}},
+      {2,
        false,
-       false},
-      {reply(1002, 3, "", 2) + reply(1001, 0, "", 1) + reply(1009, 2, "", 4) + a,
+       reply(1002, 3, "", 2) + reply(1001, 0, "", 1) + reply(1009, 2, "", 4) + a,
        {"connection 1: the answer to 1002 (time stamp 2): in another order than recorded",
         "connection 1: the answer to 1003 (time stamp 3) has not come; status 0 was recorded",
         "connection 1: the answer to 1009 (time stamp 4) came, with status 2; none was recorded",
-        "connection 1: 1 pushes have not come"},
-       2,
-       false,
-       false},
-      {reply(1001, 0, "", 1) + "What is this? More than 32 bytes of it.",
+        "connection 1: 1 pushes have not come"}},
+      {4,
+       true,
+       reply(1001, 0, "", 1) + "What is this? More than 32 bytes of it.",
        {"connection 1: a reply starts with \"What\" instead of \"RCDH\"",
         "connection 1: the answer to 1002 (time stamp 2) has not come; status 3 was recorded",
         "connection 1: the answer to 1003 (time stamp 3) has not come; status 0 was recorded",
-        "connection 1: 2 pushes have not come"},
-       4,
-       false,
-       true},
+        "connection 1: 2 pushes have not come"}},
   };
   for (const auto& c : cases) {
     FakeService service(uniqueName());
@@ -152,7 +121,7 @@ TEST(Replay, TellsEveryDifferenceAndSendsWhatWasSent) {
     const Replayed replayed = replay(written.path(), target, false, 300);
     EXPECT_THAT(replayed.lines, testing::UnorderedElementsAreArray(c.lines));
     EXPECT_EQ(replayed.result.missing, c.missing);
-    EXPECT_EQ(replayed.result.lost, c.lost);
+    EXPECT_FALSE(replayed.result.lost);
     EXPECT_EQ(replayed.result.broken, c.broken);
     answering.join();
     EXPECT_EQ(received, request(1001, "", 1) + request(1002, "x", 2) + "garbage");
@@ -194,13 +163,7 @@ TEST(UdpRelay, DatagramsPassBothWaysOverEveryPortAndTheirMessagesAreReplayed) {
 
 /// What a shell prints, and its exit code in the last line.
 std::string shell(const std::string& command) {
-  FILE* const pipe =
-      popen(("exec 2>&1; tool='" TARNBOOSTER_TOOL "'; " + command + "; echo \"rc $?\"").c_str(), "r");
-  std::string output;
-  char text[4096];
-  for (size_t count = 0; (count = fread(text, 1, sizeof(text), pipe)) > 0;) output.append(text, count);
-  pclose(pipe);
-  return output;
+  return shellOutput("tool='" TARNBOOSTER_TOOL "'; " + command + "; echo \"rc $?\"");
 }
 
 TEST(Replay, TheSubcommandsRecordUntilTheyAreToldToEndAndExitCodesTellTheOutcome) {
@@ -223,30 +186,16 @@ TEST(Replay, TheSubcommandsRecordUntilTheyAreToldToEndAndExitCodesTellTheOutcome
       {" --socket " + as + " replay " + file.path, "is it running?\n0 requests"},
       {" --socket " + as + " replay -q " + file.path, "rc 3\n"},
       {where + "replay /nowhere", "cannot read /nowhere: No such file or directory\nrc 6\n"},
+      {where + "replay /proc/self/maps", "holds no requests: this is no pcapng file"},
+      {where + "replay " + file.path + ".cut; rm " + file.path + ".cut",
+       "the file is cut off within a block"},
       {where + "record --as " + service.name() + " --write /nowhere", "is in use"},
       {where + "record --as " + as + " --write /dev/full", "No space left on device\nrc 7\n"},
       {where + "record --as " + as, "--write is required"},
       {where + "record --as-udp 127.0.0.1:1 --write /nowhere", "--as goes with --socket"},
   };
+  shell("head -c -6 " + file.path + " > " + file.path + ".cut");
   for (const auto& c : cases) EXPECT_THAT(shell("$tool" + c.command), HasSubstr(c.says));
-}
-
-TEST(Replay, SaysWhenItCannot) {
-  const Written written({{kOut, request(1001)}, {kIn, reply(1001, 0, "", 5)}});
-  client::Target nobody;
-  nobody.name = uniqueName();
-  EXPECT_TRUE(replay(written.path(), nobody).result.noService);
-  EXPECT_THAT(replay("/nowhere", nobody).problem, HasSubstr("cannot read /nowhere: No such file"));
-  EXPECT_THAT(replay("/proc/self/maps", nobody).problem,
-              HasSubstr("holds no requests: this is no pcapng file"));
-  RunningService service;
-  client::Target target;
-  target.name = service.name();
-  std::ifstream file(written.path(), std::ios::ate);
-  EXPECT_EQ(truncate(written.path().c_str(), file.tellg() - std::streamoff(6)), 0);
-  const Replayed cut = replay(written.path(), target);
-  EXPECT_EQ(cut.result.requests, 1u);
-  EXPECT_EQ(cut.result.fileProblem, "the file is cut off within a block");
 }
 
 }  // namespace
