@@ -3,13 +3,10 @@
 #include <string.h>
 #include <tarnbooster/tarnbooster.h>
 
-/* An application's own. */
-static const char* const TAG = "app";
 static int priorityOfLast = -1;
 
 static int keepPriority(int priority, const char* tag, const char* format, ...) {
-  priorityOfLast =
-      strcmp(tag, tarnbooster_tag) == 0 && strcmp(tag, TAG) != 0 && format != NULL ? priority : -1;
+  priorityOfLast = strcmp(tag, tarnbooster_tag) == 0 && format != NULL ? priority : -1;
   return 0;
 }
 

@@ -18,7 +18,9 @@ extern "C" {
 #endif
 
 /* The variables have other names here than in the library's table of symbols (which the strings give), so
- * that they do not meet an application's own TAG or g_jvm. */
+ * that they do not meet an application's own TAG or g_jvm. In C one meeting remains: a file that uses one of
+ * these and has a static variable of that symbol's name gets its own, silently, since both become one symbol
+ * in the assembler. C++ gives statics other symbols. */
 
 /** The log tag, "TARNBOOSTER". */
 extern const char* tarnbooster_tag __asm__("TAG");
