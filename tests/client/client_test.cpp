@@ -32,19 +32,19 @@ TEST_F(ClientTest, StartsOnlyAConfiguredEngineAndOnlyOnePerInterval) {
   const LogCapture log;
   const std::string nobody = uniqueName();
   const struct {
-    const char *name, *remote;
+    const char* remote;
     int port;
     const char* local;
     int result;  // of further tryStartEngine() calls
   } cases[] = {
-      {"empty remote", "", 0, "l", -1},
-      {"port below 1 and no local name", service.name().c_str(), -1, "", -1},
-      {"nobody listens", nobody.c_str(), 0, "l", -3},
-      {"running", service.name().c_str(), 0, "l", -2},
-      {"UDP: built and discarded", "127.0.0.1", 9, "", -3},
+      {"", 0, "l", -1},
+      {service.name().c_str(), -1, "", -1},  // no local name
+      {nobody.c_str(), 0, "l", -3},
+      {service.name().c_str(), 0, "l", -2},  // runs
+      {"127.0.0.1", 9, "", -3},              // UDP: built and discarded
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(&c - cases);
     Client& fresh = kept<Client>();
     EXPECT_EQ(fresh.engine(), nullptr) << "nothing is configured, and there is no sink yet";
     fresh.init(c.remote, c.port, c.local, &queue);
@@ -109,13 +109,6 @@ TEST_F(ClientTest, RestartsAfterTheServiceCameBackAndTheIntervalHasPassed) {
   for (; queue.take().status == -20001; --asked) {
   }
   EXPECT_EQ(asked, 0) << "each of them is reported, the one that succeeds too";
-  const auto second = client.engine();
-  again.stop();
-  ASSERT_TRUE(
-      eventually([&] { return second->sendReq(1003, nullptr, 0, 1, 1) > 0 && !second->isRunning(); }));
-  FakeService third(service.name());
-  ASSERT_TRUE(
-      eventually([&] { return client.setEnable(false), client.setEnable(true), client.isRunning(); }));
 }
 
 TEST_F(ClientTest, AThreadStuckInAFullQueueComesBackWhenTheServiceDies) {

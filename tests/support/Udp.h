@@ -18,8 +18,7 @@ struct Endpoint : UDP {
     int64_t sessionId;
     Bytes message;
   };
-  explicit Endpoint(int intervalMs = 25) : Endpoint(UdpTiming{nowMs, intervalMs}) {}
-  explicit Endpoint(const UdpTiming& timing) : UDP(timing) {
+  explicit Endpoint(int intervalMs = 25) : UDP(UdpTiming{nowMs, intervalMs}) {
     const auto entry = [](void* self) -> void* { return static_cast<Endpoint*>(self)->loop(), nullptr; };
     EXPECT_TRUE(createSocket(loopback(), "127.0.0.1", 0) == 0 && startThread(entry, this) == 0);
   }

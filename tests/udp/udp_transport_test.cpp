@@ -37,22 +37,15 @@ TEST_F(UdpTransport, DatagramsAreTheseBytesInBothDirections) {
   EXPECT_EQ(events[1].sessionId, 0x1122334455667788);
   EXPECT_EQ(events[1].message, "abc");
   // What the lines say; the stories of udp_model_test hold which come when.
-  peer.send(endpoint.localAddress(), datagram(3, 1, 4, 5));
-  for (uint32_t sequence : {100000, 100009, 8})
-    peer.send(endpoint.localAddress(), datagram(1, sequence, 5, 9, "abcd"));
-  peer.send(endpoint.localAddress(), datagram(4, 8));
-  peer.send(endpoint.localAddress(), datagram(1, 9, 1000, 5000, "abcd"));
-  peer.send(endpoint.localAddress(), datagram(1, 10, 0, 70 << 20, "abcd"));
-  peer.send(endpoint.localAddress(), datagram(1, 3, 0, 1));
-  EXPECT_TRUE(eventually([&] { return log.count("R_IGNORERecvSEQ [3,10]") == 1; }));
+  for (const Bytes& bytes : {datagram(3, 1, 4, 5), datagram(1, 8), datagram(4, 8),
+                             datagram(1, 9, 0, 70 << 20, "abcd"), datagram(1, 3, 0, 1)})
+    peer.send(endpoint.localAddress(), bytes);
+  EXPECT_TRUE(eventually([&] { return log.count("R_IGNORERecvSEQ [3,9]") == 1; }));
   endpoint.stop();
   for (const char* line :
-       {"\"SEND  type:DATA:1 seq:100001 datalen:3 datacrc:0x119e22b4 \"",
-        "\"startLoop ,timeout:-1 timer:0 sender:1 checkcnt:[sq:0 0 run:", "\"RECV ret:31 from:127.0.0.1:",
-        "\"eventloop: processReceive ret:0  run:", "\"end loop , fd:0 timer:0\"", "\"NEW SENDER  S[",
+       {"\"SEND  type:DATA:1 seq:100001 datalen:3 datacrc:0x119e22b4 \"", "\"NEW SENDER  S[",
         " SYN_SENT s:100000 q:0 syn:T[", " v:1 t:3,ERR_TYPE l:28 dl:0 c:0x0 tl:5 of:4 s:1 sid:7] SS:S[",
         " OPEN s:100001 q:0 syn:T[", "to:10000 tc:0 P[", " pkg:NULL]]\"", "RS:NUL_RS\"", "R_NEW RECEIVER:R[",
-        "\"Not session:7 sessionPair:0 first package offset:1000\"",
         "\"session:7 tl:73400320 not acknowledged, it announces more than the budget: 0 of 67108864 bytes "
         "are "})
     EXPECT_GT(log.count(line), 0) << line;
