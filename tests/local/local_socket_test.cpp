@@ -163,8 +163,6 @@ TEST(LocalSocketClientSide, TheEndOfTheServiceEndsTheLoopAtTheNextSend) {
   both.transport.queue("lost");
   EXPECT_TRUE(eventually([&] { return both.transport.m_ended.load(); }));
   EXPECT_EQ(both.transport.fd(), 0);
-  EXPECT_EQ(both.log.count("6 [LocalSocket.cpp,loop:195]\"recv error , fd:"), 1);
-  EXPECT_EQ(both.log.count("6 [LocalSocket.cpp,loop:136]\"send failed fd:"), 1);
 }
 
 TEST(LocalSocketSetup, ABusyServiceIsNotWaitedForAndANameHasAtMost107Bytes) {
@@ -178,9 +176,6 @@ TEST(LocalSocketSetup, ABusyServiceIsNotWaitedForAndANameHasAtMost107Bytes) {
     Transport transport;
     EXPECT_LT(transport.createSocket(local, remote), 0);
     EXPECT_EQ(transport.fd(), 0);
-    EXPECT_EQ(
-        log.count(*remote != '\0' ? "createSocket:294]\"connect ret:-1" : "createSocket:271]\"bind ret:-1"),
-        1);
     EXPECT_EQ(log.count("6 ["), 1);
   }
   close(first);

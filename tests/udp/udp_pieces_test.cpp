@@ -11,7 +11,6 @@ TEST(UdpPacket, EveryWayToTheChecksumAgreesWithItsDefinition) {
   uint8_t bytes[1100];
   std::generate(std::begin(bytes), std::end(bytes), random);
   EXPECT_EQ(crc32(reinterpret_cast<const uint8_t*>("123456789"), 9), 0xCBF43926);
-  EXPECT_EQ(crc32(bytes, 0), 0U);
   for (uint32_t length = 0; length < 1050; ++length) {
     const uint8_t* start = bytes + random() % 50;
     uint32_t expected = ~0U;
