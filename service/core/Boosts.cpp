@@ -33,7 +33,7 @@ bool Boosts::fits(const Boost& boost) const {
 
 /// Makes the setting, with the record written before and brought up to date behind.
 Outcome Boosts::set(Held& held, int strength) {
-  const Outcome prepared = held.setting->prepare(strength);
+  Outcome prepared = held.setting->prepare(strength);
   if (!isHeld(prepared)) return prepared;
   if (m_record != nullptr && !m_record->keep(held.setting->key(), held.setting->record())) {
     return {Status::FAILED, "the record of what is to be put back cannot be written: the disk is full?"};
@@ -51,7 +51,7 @@ Outcome Boosts::add(const Boost& boost, std::unique_ptr<Setting> setting) {
   if (isNew) held->second.setting = std::move(setting);
   const auto& strengths = held->second.strengths;
   const int strongest = strengths.empty() ? 0 : *strengths.rbegin();
-  const Outcome outcome = set(held->second, std::max(strongest, boost.strength));
+  Outcome outcome = set(held->second, std::max(strongest, boost.strength));
   if (isHeld(outcome)) {
     m_again.erase(key);
     insert(boost, held);
