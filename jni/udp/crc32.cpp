@@ -38,7 +38,7 @@ struct Tables {
 uint32_t sliced(uint32_t crc, const uint8_t* bytes, size_t length) {
   static const Tables tables;
   const auto& of = tables.of;
-  const auto four = [&of](uint32_t word, int back) {
+  const auto four = [&](uint32_t word, int back) {
     return of[back][word & 0xFF] ^ of[back - 1][word >> 8 & 0xFF] ^ of[back - 2][word >> 16 & 0xFF] ^
            of[back - 3][word >> 24];
   };
