@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -109,6 +110,7 @@ class Talk {
   Check* m_check;
   std::unique_ptr<client::Connection> m_connection;
   std::deque<Open> m_open;
+  std::set<Open> m_answered;
   bool m_isRegistered = false;
   bool m_isClosed = false;
   uint32_t m_status = 0;

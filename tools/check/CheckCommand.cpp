@@ -26,7 +26,7 @@ const char kFooter[] =
     "\nA case passes, fails, is skipped when it cannot be tried, or passes with notes: the service does\n"
     "something else than the reference service, which is lawful. Effects are tried on a thread of this\n"
     "program. Cases that may harm the service or its other clients need --destructive. --answer-within is\n"
-    "2000 here unless given.\n"
+    "2000 here unless given, over UDP 4000.\n"
     "\nExamples:\n"
     "  tarnbooster check --socket demo\n"
     "  tarnbooster check --udp 127.0.0.1:4711 --brief\n"
@@ -35,6 +35,9 @@ const char kFooter[] =
     "  tarnbooster check --list\n"
     "\nExit codes: 0 no case has failed, 1 one has (or, with --strict, has notes), 2 wrong options,\n"
     "3 no service is there, 7 the output could not be written.\n";
+
+/// Longer than the transport tries to deliver a datagram.
+constexpr int64_t kUdpAnswerMs = 4000;
 
 struct Options {
   Settings settings;
@@ -162,6 +165,7 @@ void addCheckCommand(CLI::App& app, cli::Program& program) {
       ->capture_default_str()
       ->check(cli::decimal(1, 60000));
   sub->callback([&app, options, &program] {
+    if (app.count("--udp") > 0) options->settings.answerWithinMs = kUdpAnswerMs;
     if (app.count("--answer-within") > 0) options->settings.answerWithinMs = program.how.answerWithinMs;
     program.run = [options, &program] { return run(*options, program); };
   });
