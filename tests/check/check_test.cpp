@@ -35,7 +35,9 @@ void expectAllPass(check::Settings settings, unsigned transport) {
   for (const check::Case& which : check::allCases()) {
     if ((which.flags & transport) == 0 || (which.flags & check::DESTRUCTIVE) != 0) continue;
     const check::Result result = check::runCase(1, which, settings);
-    EXPECT_TRUE(result.verdict == Verdict::PASS || result.verdict == Verdict::SKIP)
+    // Over UDP, where requests stand alone, an answer may overtake another one.
+    const bool noted = result.verdict == Verdict::NOTE && transport == check::UDP;
+    EXPECT_TRUE(result.verdict == Verdict::PASS || result.verdict == Verdict::SKIP || noted)
         << check::textOf(result, false);
   }
 }

@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <fstream>
 
 #include "shared/Address.h"
 #include "support/RunningService.h"
@@ -180,6 +181,44 @@ TEST_F(ToolAndService, MakesLinesOfInputRequestsOfOneConnection) {
   EXPECT_EQ(m_running.linesWith("uiName=\"a b\"").size(), 1u);
   EXPECT_EQ(m_running.linesWith("tid=5").size(), 1u);
   EXPECT_EQ(m_running.linesWith("connected pid").size(), 1u);
+}
+
+TEST(Tool, ShowsWhoHoldsWhat) {
+  const std::string file = testing::TempDir() + uniqueName();
+  const std::string state =
+      R"({"version": 1, "pid": 812, "writtenAtMs": 1767225600123,
+          "clients": [{"id": 4, "name": "pid=4711 uid=1000", "pid": 4711, "uid": 1000, "registered": false, "holds": true}],
+          "settings": [
+            {"key": "a", "what": "affinity", "tid": 4713, "original": "0-7", "applied": "7", "boosts":
+              [{"client": 4, "request": 1004, "requestName": "requestCpuCoreForThread", "level": 1, "expiresAtMs": null}]},
+            {"key": "i", "what": "io", "pid": 4711, "threads": [{"tid": 1, "original": 0}], "applied": 16385, "boosts":
+              [{"client": 9, "request": 1006, "requestName": "requestHighIOFreq", "level": 2, "expiresAtMs": 0}]},
+            {"key": "f", "what": "frequency", "cpus": [{"original": 4, "applied": 9}, {"original": 5, "applied": 9}],
+             "boosts": []}]})";
+  const struct {
+    std::string content;
+    const char* arguments;
+    int exitCode;
+    const char* shows;
+  } cases[] = {
+      {state, "", 0,
+       "CPUs of thread 4713  0-7      7              1004 requestCpuCoreForThread  1      until cancelled"},
+      {state, "", 0, "pid=4711 uid=1000          CPUs"},
+      {state, "", 0, "a forgotten client         I/O of 1 threads of 4711  none     best-effort 1"},
+      {state, "", 0, "nobody: is to be put back  frequency of 2 CPUs       4-5 kHz  9 kHz"},
+      {state, "--json", 0, R"("applied":16385)"},
+      {R"({"version": 2})", "", 6, "of a later version"},
+      {R"({"version": 1, "pid": "x"})", "", 6, "is no state of a service"},
+      {"", "", 6, "is no state of a service"},
+  };
+  for (const auto& c : cases) {
+    std::ofstream(file) << c.content;
+    const Outcome run = shell(kTool + "holds --state-file " + file + " " + c.arguments);
+    EXPECT_EQ(run.exitCode, c.exitCode) << run.output;
+    EXPECT_THAT(run.output, HasSubstr(c.shows));
+  }
+  remove(file.c_str());
+  EXPECT_EQ(shell(kTool + "holds --state-file " + file).exitCode, 3);
 }
 
 TEST_F(ToolAndService, ManyRequestsAndLongOnesAreAllAnswered) {
