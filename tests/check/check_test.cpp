@@ -16,7 +16,7 @@ using testing::HasSubstr;
 check::Settings settingsFor(const std::string& name) {
   check::Settings settings;
   settings.target.name = name;
-  settings.answerWithinMs = 300;
+  settings.answerWithinMs = 500;
   settings.quietMs = settings.pushWithinMs = 100;
   return settings;
 }
@@ -94,6 +94,47 @@ TEST(Checker, FindsWhatAServiceDoesWrong) {
     const TinyService service(row.wrong);
     const check::Result result = tryCase(row.finder, settingsFor(service.name()));
     EXPECT_EQ(result.verdict, row.verdict) << static_cast<int>(row.wrong) << check::textOf(result, false);
+  }
+}
+
+TEST(Checker, FindsEachScriptedFaultOfTheReferenceService) {
+  const struct {
+    const char* fault;
+    const char* finder;
+    Verdict verdict = Verdict::FAIL;
+  } rows[] = {
+      {"delay=2000", "answers.check-permission"},
+      {"no-answer", "answers.check-permission"},
+      {"no-answer,every=7", "framing.pipelined"},
+      {"twice,every=5", "answers.every-request"},
+      {"swap,every=9", "answers.in-order"},
+      {"wrong-timestamp,every=2", "answers.time-stamp"},
+      {"wrong-funcid,every=5", "answers.every-request"},
+      {"two-bodies,only=1010", "pushes.well-formed"},
+      {"two-bodies,only=1010", "pushes.among-answers"},
+      {"garbage,every=9", "answers.in-order"},
+      {"bad-magic", "answers.check-permission"},
+      {"cut-header", "answers.check-permission"},
+      {"huge-length", "answers.check-permission"},
+      {"close,every=9", "framing.pipelined"},
+      {"half-close,every=9", "framing.pipelined"},
+      {"stop-reading,every=9", "framing.coalesced"},
+      {"lose-split", "framing.cut-at-every-byte"},
+      {"lose-split", "framing.byte-by-byte"},
+      {"lose-coalesced", "framing.coalesced"},
+      {"keep-boosts", "undo.by-leaving"},
+      {"keep-boosts", "undo.overlapping"},
+      {"no-push", "pushes.well-formed", Verdict::SKIP},
+      {"refuse", "answers.check-permission"},
+      {"no-accept", "answers.check-permission"},
+  };
+  for (const auto& row : rows) {
+    service::ServerOptions options;
+    std::string problem;
+    ASSERT_TRUE(service::parseFault(row.fault, options.faults.emplace_back(), problem)) << problem;
+    const RunningService service({}, options);
+    const check::Result result = tryCase(row.finder, settingsFor(service.name()));
+    EXPECT_EQ(result.verdict, row.verdict) << row.fault << "\n" << check::textOf(result, false);
   }
 }
 
