@@ -202,7 +202,8 @@ TEST(Tool, ShowsWhoHoldsWhat) {
     const char* shows;
   } cases[] = {
       {state, "", 0,
-       "CPUs of thread 4713  0-7      7              1004 requestCpuCoreForThread  1      until cancelled"},
+       "CPUs of thread 4713       0-7      7              1004 requestCpuCoreForThread  1      until "
+       "cancelled"},
       {state, "", 0, "pid=4711 uid=1000          CPUs"},
       {state, "", 0, "a forgotten client         I/O of 1 threads of 4711  none     best-effort 1"},
       {state, "", 0, "nobody: is to be put back  frequency of 2 CPUs       4-5 kHz  9 kHz"},

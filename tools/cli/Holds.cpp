@@ -7,11 +7,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <vector>
 
 #include "base/clock.h"
@@ -106,9 +103,11 @@ std::vector<Row> rowsOf(const Json& state) {
       row[4] = fmt::format("{} {}", boost.at("request").get<int64_t>(), text(boost, "requestName"));
       row[5] = std::to_string(boost.at("level").get<int64_t>());
       const Json& until = boost.at("expiresAtMs");
-      row[6] = until.is_null()
-                   ? "until cancelled"
-                   : fmt::format("{:.1f} s", static_cast<double>(until.get<int64_t>() - nowMs()) / 1000);
+      row[6] =
+          until.is_null()
+              ? "until cancelled"
+              : fmt::format("{:.1f} s",
+                            static_cast<double>(std::max<int64_t>(until.get<int64_t>() - nowMs(), 0)) / 1000);
       rows.push_back(row);
     }
     if (setting.at("boosts").empty()) {
@@ -143,15 +142,14 @@ std::string tableOf(const Json& state) {
 /// Reads and formats the file. `shown` is what to print, or what is wrong; `raw` is what the file holds.
 ExitCode look(const std::string& path, bool json, std::string& shown, std::string& raw) {
   raw.clear();
-  std::ifstream file(path);
-  std::stringstream bytes;
-  if (!file || !(bytes << file.rdbuf())) {
-    shown = fmt::format("cannot read {}: {}; does the service run, with --state-file?",
-                        shared::printable(path), shared::errorText(errno));
+  std::vector<std::string> lines;
+  const std::string problem = readLines(path, lines);
+  if (!problem.empty()) {
+    shown = problem + "; does the service run, with --state-file?";
     return EXIT_NO_SERVICE;
   }
+  for (const std::string& line : lines) raw += line + "\n";
   try {
-    raw = bytes.str();
     const Json state = Json::parse(raw);
     shown = tableOf(state);
     if (json) shown = state.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
