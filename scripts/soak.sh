@@ -42,7 +42,7 @@ rm -f "$output"/*
 [ -f "$BUILD/$tree/build.ninja" ] ||
   cmake -G Ninja -S . -B "$BUILD/$tree" -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 -DTARNBOOSTER_BUILD_JAVA=OFF \
     -DTARNBOOSTER_SANITIZE=thread >"$output/cmake"
-cmake --build "$BUILD/release" --target tarnbooster-service hostile_service tarnbooster_soak_jar
+cmake --build "$BUILD/release" --target tarnbooster-service tarnbooster_soak_jar
 cmake --build "$BUILD/$tree" --target tarnbooster
 
 release=$BUILD/release
@@ -61,7 +61,7 @@ say "soaking for $minutes minutes, $tree"
 status=0
 # The library's own lines are not of interest; what else is said on standard error is.
 env "${environment[@]}" "${java[@]}" com.tarn.performance.Soak $((minutes * 60)) \
-  "$release/service/tarnbooster-service" "$release/tests/soak/hostile_service" "$memory" \
+  "$release/service/tarnbooster-service" "$memory" \
   2> >(grep --line-buffered -av TARNBOOSTER >"$output/stderr") || status=$?
 head -c 20000 "$output"/stderr "$output"/tsan.* 2>/dev/null || true
 [ "$status" -eq 0 ] || die "the soak failed with $status; see $output"

@@ -1,4 +1,5 @@
-// The reference service: what it understands, does, answers and undoes, asked in plain bytes.
+// The reference service: what it does, bounds and undoes, asked in plain bytes. How it reads and answers is
+// tested by its fuzzer and by the cases of `tarnbooster check`, all of which it passes.
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -11,7 +12,6 @@
 
 #include "service/effects/Preload.h"
 #include "service/faults/Faults.h"
-#include "service/wire/RequestReader.h"
 #include "shared/Address.h"
 #include "support/RunningService.h"
 
@@ -19,13 +19,12 @@ namespace {
 
 using service::Policy;
 using service::ServerOptions;
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::StartsWith;
+
+const bool g_isSet = (g_patience = std::chrono::seconds(5), true);
 
 /// The reply to a request() without a body.
-Bytes answer(uint16_t funcid) {
-  return reply(funcid, 0, "", 5, 1234567);
+Bytes answer(uint16_t funcid, int64_t timestamp = 5) {
+  return reply(funcid, 0, "", timestamp, 1234567);
 }
 
 /// The body of 1002, 1004 and 1006, which look alike: a level in the one place is a thread in the other.
@@ -36,86 +35,6 @@ Bytes boost(std::initializer_list<int> levelOrTids, int timeoutMs = 0) {
   message.set_timeout(timeoutMs);
   message.set_action(1);
   return message.SerializeAsString();
-}
-
-TEST(ServiceRequests, EveryRequestIsReadFromItsBytesAndShownInOneLine) {
-  const struct {
-    uint16_t funcid;
-    const char* body;
-    const char* line;
-  } cases[] = {
-      {1001, "", "checkPermission pid="},
-      {1002, "08 03 10 02 18 e8 07 20 05", "scene=3 level=2 timeoutms=1000 action=5"},
-      {1004, "08 03 10 65 10 66 18 e8 07 20 05", "scene=3 bindtids=[101,102] timeout=1000 action=5"},
-      {1005, "08 65 08 66", "cancelCpuCoreForThread"},
-      {1006, "08 03 10 02 18 00 20 80 80 80 80 10", "scene=3 level=2 timeoutms=0 action=4294967296"},
-      {1008, "08 02 12 04 41 0a 22 42", "level=2 uiName=\"A\\x0a\\x22B\""},
-      {1010, "", "registerANRCallback pid="},
-      {1011, "0a 02 2f 61 0a 02 2f 62", "files=2 [\"/a\", \"/b\"]"},
-      {1011, "", "files=0 []"},
-      {1013, "08 01 10 02 18 03 20 65 28 0a 30 07", "iolevel=3 bindtids=[101] timeout=10 action=7"},
-      {1014, "08 01 10 00 18 01 20 65", "cancelcpu=1 cancelio=0 cancelthread=1 bindtids=[101]"},
-      {1099, "ff", "unknownRequest pid="},
-  };
-  Policy scripted;  // so that nothing is done
-  for (const auto& c : cases) scripted.scriptedStatus[c.funcid] = 40;
-  ServerOptions options;
-  options.onRegister = {{7, "not for a refused registration"}};
-  RunningService running(scripted, options);
-  BytesClient client(running.name());
-  const std::string who = " pid=" + std::to_string(getpid()) + " uid=" + std::to_string(getuid()) + " tid=77";
-  for (const auto& c : cases) {
-    EXPECT_EQ(client.ask(c.funcid, hex(c.body)), 40u) << c.line;
-    const auto lines = running.linesWith(c.line);
-    ASSERT_EQ(lines.size(), 1u) << c.line;
-    EXPECT_THAT(lines[0], AllOf(StartsWith(std::to_string(c.funcid) + " "), HasSubstr(who)));
-  }
-}
-
-TEST(ServiceRequests, RequestsSplitAtEveryByteAreReadOnce) {
-  const Bytes two = request(1002, boost({2}, 9)) + request(1003);
-  for (size_t split = 0; split <= two.size(); ++split) {
-    service::RequestReader reader;
-    service::RequestPacket packet;
-    std::string seen, problem;
-    for (const Bytes& part : {two.substr(0, split), two.substr(split)}) {
-      reader.append(reinterpret_cast<const uint8_t*>(part.data()), part.size());
-      while (reader.next(packet, problem) == service::RequestReader::Result::PACKET) {
-        seen += std::to_string(packet.funcid) + ":" + std::to_string(packet.body.size()) + " ";
-      }
-      seen += "| ";
-    }
-    const char* const wanted = split == two.size() ? "1002:8 1003:0 | | "
-                               : split >= 40       ? "1002:8 | 1003:0 | "
-                                                   : "| 1002:8 1003:0 | ";
-    EXPECT_EQ(seen, wanted) << split;
-  }
-}
-
-TEST(ServiceRequests, BadInputClosesThatClientOnlyAndWhatCameBeforeIsServed) {
-  Bytes wrongMagic = request(1003), wrongVersion = request(1003), tooLong = request(1011);
-  wrongMagic[0] = 'X';
-  wrongVersion[4] = 5;
-  tooLong.replace(8, 4, hex("01000001"));
-  const std::pair<Bytes, const char*> cases[] = {
-      {wrongMagic, "magic 0x48444358 instead of 0x48444352"},
-      {wrongVersion, "header version 5 instead of 4"},
-      {tooLong, "16777217 bytes is announced"},
-      {request(1002), "the 0 body bytes of requestCpuHighFreq are not its message"},
-      {request(1004, hex("08 03 10")), "the 3 body bytes of requestCpuCoreForThread are not its message"},
-  };
-  RunningService running;
-  BytesClient bystander(running.name());
-  for (const auto& [bytes, line] : cases) {
-    BytesClient client(running.name());
-    client.write(request(1009) + bytes + request(1003));
-    EXPECT_EQ(client.read(1000), answer(1009)) << "the request before is answered, the one behind is not";
-    EXPECT_FALSE(client.write(request(1003))) << line;
-    EXPECT_EQ(running.linesWith(line).size(), 1u) << line;
-    EXPECT_EQ(bystander.ask(1003), 0u);
-  }
-  BytesClient(running.name()).write(request(1008, hex("08 02 12 01 41")) + request(1009).substr(0, 20));
-  EXPECT_TRUE(running.says("uiName=\"A\"") && running.says("disconnected inside a request"));
 }
 
 struct TemporaryFolder {
@@ -129,81 +48,81 @@ struct TemporaryFolder {
   std::string path = "/tmp/tarnbooster_test_XXXXXX";
 };
 
-/// A made-up /sys: CPUs 0 and 1 share one policy, as the cores of a cluster do, CPU 2 has its own, 3 has
-/// none.
-class ServiceFrequency : public testing::Test {
- protected:
-  ServiceFrequency() {
-    for (const std::string cpu : {"cpu0", "cpu2"}) {
-      m_sys.write(kCpus + cpu + "/cpufreq/scaling_min_freq", cpu == "cpu0" ? "400000" : "900000");
-      m_sys.write(kCpus + cpu + "/cpufreq/cpuinfo_min_freq", "300000");
-      m_sys.write(kCpus + cpu + "/cpufreq/scaling_max_freq", "1800000");
-    }
-    m_sys.write(kCpus + "cpu3/online", "1");
-    std::filesystem::create_directory_symlink("cpu0", m_sys.path + kCpus + "cpu1");
+TEST(ServiceFrequency, TheStrongestBoostRulesAndTheLastOneToEndRestores) {
+  // A made-up /sys: CPUs 0 and 1 share one policy, as the cores of a cluster do, CPU 2 has its own, 3 none.
+  const TemporaryFolder sys;
+  const std::string cpus = "/devices/system/cpu/", floorOf = "/cpufreq/scaling_min_freq";
+  for (const std::string cpu : {"cpu0", "cpu2"}) {
+    sys.write(cpus + cpu + floorOf, cpu == "cpu0" ? "400000" : "900000");
+    sys.write(cpus + cpu + "/cpufreq/cpuinfo_min_freq", "300000");
+    sys.write(cpus + cpu + "/cpufreq/scaling_max_freq", "1800000");
   }
-  /// Those of CPUs 0 and 2.
-  std::string floors() const {
+  sys.write(cpus + "cpu3/online", "1");
+  std::filesystem::create_directory_symlink("cpu0", sys.path + cpus + "cpu1");
+  const auto floors = [&] {
     std::string first, second;
-    std::ifstream(m_sys.path + kCpus + "cpu0/cpufreq/scaling_min_freq") >> first;
-    std::ifstream(m_sys.path + kCpus + "cpu2/cpufreq/scaling_min_freq") >> second;
+    std::ifstream(sys.path + cpus + "cpu0" + floorOf) >> first;
+    std::ifstream(sys.path + cpus + "cpu2" + floorOf) >> second;
     return first + " " + second;
-  }
-  const std::string kCpus = "/devices/system/cpu/";
-  const TemporaryFolder m_sys;
-  RunningService m_running{Policy{{}, false, m_sys.path}};
-  BytesClient m_client{m_running.name()}, m_other{m_running.name()};
-};
-
-TEST_F(ServiceFrequency, TheStrongestBoostRulesAndTheLastOneToEndRestores) {
-  EXPECT_EQ(m_client.ask(1002, boost({1})), 0u);
+  };
+  RunningService running{Policy{{}, false, sys.path}};
+  BytesClient client(running.name()), other(running.name());
+  EXPECT_EQ(client.ask(1002, boost({1})), 0u);
   EXPECT_EQ(floors(), "800000 900000") << "never lowered";
-  EXPECT_EQ(m_client.ask(1002, boost({9})), 0u);
+  EXPECT_EQ(client.ask(1002, boost({9})), 0u);
   EXPECT_EQ(floors(), "1800000 1800000");
-  EXPECT_EQ(m_other.ask(1002, boost({2})), 0u);
+  EXPECT_EQ(other.ask(1002, boost({2})), 0u);
   EXPECT_EQ(floors(), "1800000 1800000") << "a weaker boost beside a stronger one changes nothing";
-  EXPECT_EQ(m_client.ask(1003), 0u);
+  EXPECT_EQ(client.ask(1003), 0u);
   EXPECT_EQ(floors(), "1300000 1300000") << "the other client's still holds";
-  EXPECT_EQ(m_client.ask(1002, boost({3}, 1)), 0u);
-  EXPECT_TRUE(m_running.says("its time is up"));
+  EXPECT_EQ(client.ask(1002, boost({3}, 1)), 0u);
+  EXPECT_TRUE(running.says("its time is up"));
   EXPECT_EQ(floors(), "1300000 1300000");
-  EXPECT_EQ(m_other.ask(1002, boost({0})), service::Status::BAD_ARGUMENT);
-  m_other.hangUp();
+  EXPECT_EQ(other.ask(1002, boost({0})), service::Status::BAD_ARGUMENT);
+  other.hangUp();
   EXPECT_TRUE(eventually([&] { return floors() == "400000 900000"; })) << floors();
-  EXPECT_EQ(m_client.ask(1002, boost({1})), 0u);
-  m_sys.write(kCpus + "cpu2/cpufreq/scaling_min_freq", "600000");
+  EXPECT_EQ(client.ask(1002, boost({1})), 0u);
+  sys.write(cpus + "cpu2/cpufreq/scaling_min_freq", "600000");
   for (const char* const limit : {"min", "max"}) {  // a cap takes the floor down with it
-    m_sys.write(kCpus + "cpu0/cpufreq/scaling_" + limit + "_freq", "500000");
+    sys.write(cpus + "cpu0/cpufreq/scaling_" + limit + "_freq", "500000");
   }
-  m_running.stop();
+  running.stop();
   EXPECT_EQ(floors(), "400000 600000") << "what somebody else has moved is left alone, a capped floor is not";
+
+  // Over UDP nobody is seen to go.
+  const service::Log log(service::Priority::DEBUG, [](service::Priority, const std::string&) {});
+  service::Dispatcher dispatcher({{}, false, sys.path}, log);
+  const std::pair<int, uint32_t> cases[] = {
+      {0, service::Status::BAD_ARGUMENT}, {600'001, service::Status::BAD_ARGUMENT}, {600'000, 0}};
+  for (const auto& [timeoutMs, status] : cases) {
+    service::Request request;
+    amc::RequestCPUHighFreq message;
+    message.set_level(1);
+    message.set_timeoutms(timeoutMs);
+    request.funcid = 1002;
+    request.message = message;
+    EXPECT_EQ(dispatcher.handle(request, service::Requester(), 1, 77)->status, status) << timeoutMs;
+  }
+  EXPECT_EQ(dispatcher.boosts().nextExpiry(), 600'077);
 }
 
-TEST(ServiceCores, AThreadIsBoundToItsHighestCpuAndGetsItsOwnBack) {
+std::vector<service::Fault> faults(const std::string& script) {
+  std::vector<service::Fault> one(1);
+  std::string problem;
+  EXPECT_TRUE(service::parseFault(script, one[0], problem)) << problem;
+  return one;
+}
+
+TEST(ServiceCores, AThreadGetsItsOwnCpusBackUnlessOthersHaveMovedIt) {
   const ParkedThread thread;
   const auto before = thread.cpus();
   const std::string bound = before.substr(before.find_last_of("-,") + 1);
-  if (bound == before) GTEST_SKIP() << "this process may use one CPU only: nothing would change";
-  const auto isBack = [&] { return thread.cpus() == before; };
+  if (bound == before) GTEST_SKIP() << "NOT TESTED: this process may use one CPU only";
+  const Bytes bind = boost({thread.tid});
   RunningService running;
-  BytesClient client(running.name()), other(running.name());
-  EXPECT_EQ(client.ask(1004, boost({thread.tid}, 1)), 0u);
-  EXPECT_TRUE(running.says("-> " + bound + ")")) << "it was bound for a moment";
-  EXPECT_TRUE(eventually(isBack)) << "its time is up";
-
+  BytesClient client(running.name());
   amc::CancelCPUCoreForThread cancel;
   cancel.add_bindtids(thread.tid);
-  EXPECT_EQ(client.ask(1004, boost({thread.tid})), 0u);
-  EXPECT_EQ(other.ask(1004, boost({thread.tid})), 0u);
-  EXPECT_EQ(client.ask(1005, cancel.SerializeAsString()), 0u);
-  EXPECT_EQ(thread.cpus(), bound) << "the other client still holds it";
-  EXPECT_EQ(other.ask(1005, cancel.SerializeAsString()), 0u);
-  EXPECT_TRUE(isBack()) << "cancelled";
-
-  EXPECT_EQ(other.ask(1004, boost({thread.tid})), 0u);
-  other.hangUp();
-  EXPECT_TRUE(eventually(isBack)) << "disconnected";
-
   amc::RequestUnifyCPUIOThreadCore unified;
   ASSERT_TRUE(unified.ParseFromString(hex("08 01 10 00 18 00 28 00 30 01")));
   unified.add_bindtids(thread.tid);
@@ -213,33 +132,25 @@ TEST(ServiceCores, AThreadIsBoundToItsHighestCpuAndGetsItsOwnBack) {
   EXPECT_EQ(client.ask(1014, hex("08 00 10 00 18 01 20 01")), 0u);  // another thread
   EXPECT_EQ(thread.cpus(), bound);
   EXPECT_EQ(client.ask(1014, hex("08 00 10 00 18 01")), 0u);  // all threads
-  EXPECT_TRUE(isBack());
+  EXPECT_EQ(thread.cpus(), before);
 
-  EXPECT_EQ(client.ask(1004, boost({thread.tid})), 0u);
-  running.stop();
-  EXPECT_TRUE(isBack()) << "the service has ended";
-}
+  ServerOptions keeping;
+  keeping.faults = faults("keep-boosts");
+  RunningService keeper({}, keeping);
+  EXPECT_EQ(BytesClient(keeper.name()).ask(1004, bind), 0u);
+  EXPECT_TRUE(keeper.says("disconnected"));
+  EXPECT_EQ(thread.cpus(), bound);
+  keeper.stop();
+  EXPECT_EQ(thread.cpus(), before) << "the service has ended";
 
-/// Moves the thread as somebody else would.
-void moveTo(pid_t tid, int cpu) {
-  cpu_set_t cpus;
-  CPU_ZERO(&cpus);
-  CPU_SET(cpu, &cpus);
-  EXPECT_EQ(sched_setaffinity(tid, sizeof(cpus), &cpus), 0);
-}
-
-TEST(ServiceCores, AThreadThatOthersHaveMovedIsLeftThere) {
-  const ParkedThread thread;
-  const std::string first = thread.cpus().substr(0, thread.cpus().find_first_of("-,"));
-  if (thread.cpus() == first) GTEST_SKIP() << "NOT TESTED: this process may use one CPU only";
-  RunningService running;
-  EXPECT_EQ(BytesClient(running.name()).ask(1004, boost({thread.tid}, 0)), 0u);
-  BytesClient client(running.name());
-  EXPECT_EQ(client.ask(1004, boost({thread.tid})), 0u);
-  moveTo(thread.tid, std::stoi(first));
+  EXPECT_EQ(client.ask(1004, bind), 0u);
+  cpu_set_t first;
+  CPU_ZERO(&first);
+  CPU_SET(std::stoi(before), &first);
+  EXPECT_EQ(sched_setaffinity(thread.tid, sizeof(first), &first), 0);
   client.hangUp();
   EXPECT_TRUE(running.says("by others, left so"));
-  EXPECT_EQ(thread.cpus(), first);
+  EXPECT_EQ(thread.cpus(), std::to_string(std::stoi(before)));
 }
 
 TEST(ServiceServer, WantOfDescriptorsIsWaitedOut) {
@@ -264,29 +175,48 @@ TEST(ServiceServer, WantOfDescriptorsIsWaitedOut) {
   EXPECT_TRUE(eventually([&] { return thread.cpus() == before; }));
 }
 
-TEST(ServiceServer, ClientsAndBoostsOfAUserAreBoundedAndReclaimed) {
+TEST(ServiceServer, ClientsAndBoostsAreBoundedAndReclaimed) {
   const ParkedThread thread;
+  const Bytes bind = boost({thread.tid});
   ServerOptions options;
   options.clientLimits.perUser = 3;
   service::BoostLimits limits;
-  limits.perUser = 2;
+  limits.perHolder = 2;
+  limits.perUser = 3;
   RunningService running({}, options, limits);
-  BytesClient first(running.name()), second(running.name());
-  const uint32_t wanted[] = {0, 0, service::Status::TOO_MANY_BOOSTS};
-  for (const uint32_t status : wanted) EXPECT_EQ(first.ask(1004, boost({thread.tid})), status);
-  EXPECT_EQ(second.ask(1004, boost({thread.tid})), service::Status::TOO_MANY_BOOSTS);
-  BytesClient third(running.name()), fourth(running.name());
+  BytesClient first(running.name()), second(running.name()), third(running.name()), fourth(running.name());
   EXPECT_EQ(fourth.read(1), "") << "turned away";
   EXPECT_TRUE(running.says("3 clients of its user are served"));
+  const auto full = service::Status::TOO_MANY_BOOSTS;
+  const struct {
+    BytesClient& client;
+    Bytes body;
+    uint32_t status;
+  } cases[] = {
+      {first, boost({1}), service::Status::NOT_YOURS},
+      {first, boost({-5, 0}), service::Status::NOT_YOURS},
+      {first, boost({}), service::Status::BAD_ARGUMENT},
+      {first, boost({thread.tid}, -1), service::Status::BAD_ARGUMENT},
+      {first, boost({1, thread.tid}), service::Status::PARTLY},
+      {first, bind, 0},
+      {first, bind, full},  // a client's
+      {second, bind, 0},
+      {second, bind, full},  // a user's
+  };
+  for (const auto& c : cases) EXPECT_EQ(c.client.ask(1004, c.body), c.status) << &c - cases;
+  amc::CancelCPUCoreForThread cancel;
+  cancel.add_bindtids(thread.tid);
+  EXPECT_EQ(first.ask(1005, cancel.SerializeAsString()), 0u);
+  EXPECT_EQ(first.ask(1004, boost({thread.tid}, 1)), 0u) << "what has ended no longer counts";
+  EXPECT_TRUE(running.says("its time is up"));
+  for (const uint32_t status : {0u, 0u, uint32_t{full}}) EXPECT_EQ(first.ask(1004, bind), status);
   first.hangUp();
   EXPECT_TRUE(running.says("disconnected"));
-  EXPECT_EQ(second.ask(1004, boost({thread.tid}, 1)), 0u) << "its boosts are free again";
-  EXPECT_TRUE(running.says("its time is up"));
-  for (const uint32_t status : wanted) EXPECT_EQ(second.ask(1004, boost({thread.tid})), status);
+  EXPECT_EQ(second.ask(1004, bind), 0u) << "its boosts are free again";
   EXPECT_EQ(BytesClient(running.name()).ask(1009), 0u) << "and its place";
 }
 
-TEST(ServiceServer, UnfinishedRequestsShareABudgetAndWhoTakesMostGivesWay) {
+TEST(ServiceServer, WhoTakesMostMemoryOrNeverReadsGivesWay) {
   ServerOptions options;
   options.clientLimits.requestBytes = 3 << 20;
   RunningService running({}, options);
@@ -299,28 +229,11 @@ TEST(ServiceServer, UnfinishedRequestsShareABudgetAndWhoTakesMostGivesWay) {
   modest.write(half.substr(0, half.size() / 2));
   EXPECT_EQ(greedy.read(1), "");
   EXPECT_EQ(running.linesWith("takes memory that others need").size(), 1u);
-  EXPECT_EQ(BytesClient(running.name()).ask(1003), 0u);
-}
-
-TEST(ServiceServer, ABoostWithoutAProcessNeedsAnEnd) {
-  const TemporaryFolder sys;
-  const std::string cpu = "/devices/system/cpu/cpu0/cpufreq/";
-  for (const char* const name : {"scaling_min_freq", "cpuinfo_min_freq"}) sys.write(cpu + name, "3");
-  sys.write(cpu + "scaling_max_freq", "9");
-  const service::Log log(service::Priority::DEBUG, [](service::Priority, const std::string&) {});
-  service::Dispatcher dispatcher({{}, false, sys.path}, log);
-  const std::pair<int, uint32_t> cases[] = {
-      {0, service::Status::BAD_ARGUMENT}, {600'001, service::Status::BAD_ARGUMENT}, {600'000, 0}};
-  for (const auto& [timeoutMs, status] : cases) {
-    service::Request request;
-    amc::RequestCPUHighFreq message;
-    message.set_level(1);
-    message.set_timeoutms(timeoutMs);
-    request.funcid = 1002;
-    request.message = message;
-    EXPECT_EQ(dispatcher.handle(request, service::Requester(), 1, 77)->status, status) << timeoutMs;
-  }
-  EXPECT_EQ(dispatcher.boosts().nextExpiry(), 600'077);
+  BytesClient deaf(running.name()), other(running.name());
+  Bytes many;
+  for (int i = 0; i < 2000; ++i) many += request(1009);
+  for (int i = 0; i < 100 && deaf.write(many); ++i) EXPECT_EQ(other.ask(1003), 0u);
+  EXPECT_TRUE(running.says("it does not read its replies"));
 }
 
 TEST(ServiceServer, AConnectionThatHasChangedHandsIsRefused) {
@@ -362,15 +275,13 @@ TEST(ServiceUdp, APeerIsKnownAsLongAsItIsHeardOf) {
   EXPECT_TRUE(running.says("it has been silent for long"));
   EXPECT_TRUE(registered.saw(UDP_EVENT_DATA, 18)) << "what it acknowledges says that it is there";
   EXPECT_EQ(running.linesWith("forgot").size(), 1u);
-}
 
-TEST(ServiceUdp, AnAddressThatNeverAcknowledgesGetsFewDatagramsAndGivesItsPlaceFirst) {
-  ServerOptions options;
+  // Who never acknowledges gets few datagrams, and gives its place first.
+  options = {};
   options.udpTiming.intervalMs = 300;
   options.udpLimits.peers = 2;
-  RunningService running({}, options);
-  sockaddr_in to{};
-  ASSERT_TRUE(shared::parseAddress(running.udpAddress(), to));
+  RunningService small({}, options);
+  ASSERT_TRUE(shared::parseAddress(small.udpAddress(), to));
   Endpoint honest(500);
   honest.queue(to, 1, request(1009));
   ASSERT_TRUE(honest.saw(UDP_EVENT_DATA));
@@ -379,33 +290,14 @@ TEST(ServiceUdp, AnAddressThatNeverAcknowledgesGetsFewDatagramsAndGivesItsPlaceF
     peer.send(to, datagram(PACKET_SYN, 100000));
     for (uint32_t i = 1; i <= 5; ++i)
       peer.send(to, datagram(PACKET_DATA, 100000 + i, 0, 32, request(1009), i));
-    EXPECT_TRUE(running.says("1009 resetScreenResolution udp=" + addressText(peer.address), 5));
+    EXPECT_TRUE(small.says("1009 resetScreenResolution udp=" + addressText(peer.address), 5));
   }
-  EXPECT_TRUE(running.says("forgot udp=" + addressText(forged[0].address) + ": others need its place"));
-  EXPECT_TRUE(running.says("forgot udp=" + addressText(forged[1].address) + ": it does not acknowledge"));
+  EXPECT_TRUE(small.says("forgot udp=" + addressText(forged[0].address) + ": others need its place"));
+  EXPECT_TRUE(small.says("forgot udp=" + addressText(forged[1].address) + ": it does not acknowledge"));
   int datagrams = 0;
   while (!forged[1].receive(200).empty()) ++datagrams;
   EXPECT_LE(datagrams, 6 + 6) << "its own acknowledged, one reply sent three times";
-  EXPECT_EQ(running.linesWith("forgot udp=" + addressText(honest.localAddress())).size(), 0u);
-}
-
-TEST(ServiceCores, OnlyThreadsOfTheClientAreBoundAndNotWithoutEnd) {
-  const ParkedThread thread;
-  const Bytes bind = boost({thread.tid});
-  RunningService running;
-  BytesClient client(running.name());
-  EXPECT_EQ(client.ask(1004, boost({1})), service::Status::NOT_YOURS);
-  EXPECT_EQ(client.ask(1004, boost({-5, 0})), service::Status::NOT_YOURS);
-  EXPECT_EQ(client.ask(1004, boost({})), service::Status::BAD_ARGUMENT);
-  EXPECT_EQ(client.ask(1004, boost({thread.tid}, -1)), service::Status::BAD_ARGUMENT);
-  EXPECT_EQ(client.ask(1004, boost({1, thread.tid})), service::Status::PARTLY);
-  for (size_t i = 1; i < service::BoostLimits().perHolder; ++i) ASSERT_EQ(client.ask(1004, bind), 0u);
-  EXPECT_EQ(client.ask(1004, bind), service::Status::TOO_MANY_BOOSTS);
-  EXPECT_EQ(BytesClient(running.name()).ask(1004, bind), 0u) << "another client still gets its";
-  amc::CancelCPUCoreForThread cancel;
-  cancel.add_bindtids(thread.tid);
-  EXPECT_EQ(client.ask(1005, cancel.SerializeAsString()), 0u);
-  EXPECT_EQ(client.ask(1004, bind), 0u) << "what has ended no longer counts";
+  EXPECT_EQ(small.linesWith("forgot").size(), 2u);
 }
 
 TEST(ServiceIo, PriorityOfTheClientsThreadsIsRaisedAndPutBack) {
@@ -432,8 +324,7 @@ TEST(ServicePreload, ReadsRegularFilesAheadWithTheClientsRightsAndOpensNothingEl
   const std::string file = folder.write("/file", "text"), fifo = folder.path + "/fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const std::pair<std::vector<std::string>, uint32_t> cases[] = {
-      {{}, service::Status::DONE},
-      {{file, file}, service::Status::DONE},
+      {{file}, service::Status::DONE},
       {{fifo, "/dev/zero", "file", ""}, service::Status::BAD_ARGUMENT},  // a fifo's open would wait
       {{folder.path + "/none"}, service::Status::FAILED},
       {{folder.path + "/none", file}, service::Status::PARTLY},
@@ -457,56 +348,73 @@ TEST(ServicePreload, ReadsRegularFilesAheadWithTheClientsRightsAndOpensNothingEl
   EXPECT_EQ(asNobody(), service::Status::DONE);
 }
 
-TEST(ServiceRequests, TooManyFileNamesAreCountedAndNotKept) {
-  Bytes body;
-  for (int i = 0; i < 100'000; ++i) body += hex("0a 00");
-  RunningService running;
-  BytesClient client(running.name());
-  EXPECT_EQ(client.ask(1011, body), service::Status::BAD_ARGUMENT);
-  EXPECT_TRUE(running.says("files=100000 [\"\", "));
-  EXPECT_FALSE(client.write(request(1011, "\x0b")) && client.write(request(1009)) && client.read(1) != "");
-}
-
 TEST(ServiceFaults, EachStrikesWhenItsScriptSays) {
-  const Bytes one = answer(1009), push = reply(1010, 0, hex("08 01 12 05") + "first"),
-              second = reply(1010, 0, hex("08 02 12 06") + "second");
-  const auto with = [&](size_t at, const Bytes& bytes) {
-    return Bytes(one).replace(at, bytes.size(), bytes);
+  const Bytes a = answer(1009, 1), b = answer(1009, 2), c = answer(1009, 3);
+  const Bytes three = request(1009, "", 1) + request(1009, "", 2) + request(1009, "", 3);
+  const Bytes first = reply(1010, 0, hex("08 01 12 05") + "first");
+  const Bytes second = reply(1010, 0, hex("08 02 12 06") + "second");
+  const auto with = [&](size_t at, const Bytes& bytes) { return Bytes(c).replace(at, bytes.size(), bytes); };
+  // What the second of three clients gets for what it sends; the third is served, save by the 1009 of some.
+  const struct {
+    const char* script;
+    Bytes gets;
+    Bytes sends;
+  } rows[] = {
+      {"no-answer,only=1009", "", three},
+      {"no-answer,every=2,only=1009", a + c, three},
+      {"no-answer,after=1,only=1009", a, three},
+      {"no-answer,only=1003", a + b + c, three},
+      {"no-answer,from=3600000", a + b + c, three},
+      {"twice,after=2", a + b + c + c, three},
+      {"swap,every=2,only=1009", a + c + b, three},
+      {"garbage=8,every=3", a + b + service::Faults({service::Fault()}, 0).noise(8) + c, three},
+      {"wrong-timestamp,every=3", a + b + with(24, hex("04")), three},
+      {"wrong-funcid,every=3", a + b + with(6, hex("f2")), three},
+      {"bad-magic,every=3", a + b + with(0, "S"), three},
+      {"huge-length,every=3", a + b + with(12, hex("ffffffff")), three},
+      {"cut-header=5,every=3", a + b + c.substr(0, 5), three},
+      {"two-bodies,every=3", a + b + c + first + second, three},
+      {"close,after=1,only=1009", a, three},
+      {"half-close,after=1,only=1009", a + b, three},
+      {"stop-reading,after=1,only=1009", a + b, three},
+      {"lose-coalesced", a, three},
+      {"lose-split", a + b, three.substr(0, 84)},
+      {"delay=1,after=1", a + b + c, three},
+      {"refuse,every=2", "", three},
+      {"no-accept,every=2", "", three},
+      {"no-push,after=1", answer(1010) + first, request(1010)},
   };
-  // What comes for three requests, until the service closes or has answered a fourth (1001).
-  const std::pair<const char*, Bytes> cases[] = {
-      {"no-answer", ""},
-      {"no-answer,every=2", one + one},
-      {"no-answer,after=1", one},
-      {"no-answer,only=1003", one + one + one},
-      {"no-answer,from=3600000", one + one + one},
-      {"twice,after=2", one + one + one + one},
-      {"wrong-timestamp,every=3", one + one + with(24, hex("06"))},
-      {"wrong-funcid,every=3", one + one + with(6, hex("f2"))},
-      {"bad-magic,every=3", one + one + with(0, "S")},
-      {"huge-length,every=3", one + one + with(12, hex("ffffffff"))},
-      {"cut-header=5,every=3", one + one + one.substr(0, 5)},
-      {"two-bodies,every=3", one + one + one + push + second},
-      {"close,after=1", one},
-      {"half-close,after=1", one + one},
-      {"stop-reading,after=1", one + one},
-      {"lose-coalesced", one},
-      {"delay=1,after=1", one + one + one},
-  };
-  for (const auto& [script, wanted] : cases) {
+  for (const auto& row : rows) {
     ServerOptions options;
-    std::string problem;
-    ASSERT_TRUE(service::parseFault(script, options.faults.emplace_back(), problem)) << problem;
-    options.faults[0].only = options.faults[0].only < 0 ? 1009 : options.faults[0].only;
+    options.onRegister = {{1, "first"}, {2, "second"}};
+    options.faults = faults(row.script);
     RunningService running({}, options);
-    BytesClient client(running.name());
-    client.write(request(1009) + request(1009) + request(1009));
-    const auto startsWith = [&](const char* text) { return Bytes(script).find(text) == 0; };
-    const bool goesOn = wanted.size() >= 64 + 5 || startsWith("no-answer");
-    const bool ends = startsWith("close") || startsWith("half-close");
-    if (goesOn) client.write(request(1001));
-    EXPECT_EQ(client.read(wanted.size() + (goesOn || ends ? 32 : 0)), wanted + (goesOn ? answer(1001) : ""))
-        << script;
+    BytesClient before(running.name()), client(running.name());
+    client.write(row.sends);
+    EXPECT_EQ(client.read(row.gets.size()), row.gets) << row.script;
+    BytesClient after(running.name());
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(after.ask(1001), 0u) << row.script;
+    EXPECT_EQ(client.readNow(), "") << row.script;
+    if (options.faults[0].kind != service::FaultKind::LOSE_SPLIT) continue;
+    client.write(request(1003));
+    EXPECT_EQ(client.read(32), answer(1003)) << "the piece is forgotten";
+  }
+  for (const auto& [script, copies] :
+       {std::pair("udp-lose=100", 0), {"udp-duplicate=100", 2}, {"twice", 1}}) {
+    ServerOptions options;
+    options.faults = faults(script);
+    RunningService running({}, options);
+    sockaddr_in to{};
+    ASSERT_TRUE(shared::parseAddress(running.udpAddress(), to));
+    PlainPeer peer;
+    peer.send(to, datagram(PACKET_SYN, 100000));
+    peer.send(to, datagram(PACKET_DATA, 100001, 0, 32, request(1009), 1));
+    EXPECT_TRUE(running.says("1009 resetScreenResolution udp="));
+    int seen = 0;
+    for (Bytes bytes; !(bytes = peer.receive(50)).empty();) {
+      seen += bytes[1] == PACKET_ACK && sequenceOf(bytes) == 100000 ? 1 : 0;
+    }
+    EXPECT_EQ(seen, copies) << script;
   }
   for (const char* const bad :
        {"", "slow", "delay=x", "delay=-1", "close=3", "close,every=0", "close,often=1"}) {
@@ -515,36 +423,6 @@ TEST(ServiceFaults, EachStrikesWhenItsScriptSays) {
     EXPECT_FALSE(service::parseFault(bad, fault, problem)) << bad;
     EXPECT_NE(problem, "");
   }
-}
-
-TEST(ServicePush, OnlyRegisteredClientsGetThemWithAnEmptyReplyBetweenTwoBodies) {
-  ServerOptions options;
-  options.onRegister = {{7, "abc"}, {-1, ""}};
-  options.repeat = {{{9, "d"}, 20, 0}};
-  RunningService running({}, options);
-  BytesClient client(running.name()), other(running.name());
-  client.write(request(1010));
-  const Bytes seven = hex("08 07 12 03 616263"), nine = hex("08 09 12 01 64");
-  const Bytes minusOne = hex("08 ff ff ff ff ff ff ff ff ff 01 12 00");
-  const Bytes wanted = answer(1010) + reply(1010, 0, seven) + reply(1010, 0) + reply(1010, 0, minusOne) +
-                       reply(1010, 0) + reply(1010, 0, nine) + reply(1010, 0) + reply(1010, 0, nine);
-  EXPECT_EQ(client.read(wanted.size()), wanted);
-  other.write(request(1009));
-  EXPECT_EQ(other.read(32), answer(1009)) << "no push before it";
-}
-
-TEST(ServiceServer, AClientThatNeverReadsStallsNobodyAndIsClosed) {
-  RunningService running;
-  BytesClient deaf(running.name()), other(running.name());
-  Bytes many;
-  for (int i = 0; i < 2000; ++i) many += request(1009);
-  bool open = true;
-  for (int i = 0; i < 100 && open; ++i) {
-    open = deaf.write(many);
-    EXPECT_EQ(other.ask(1003), 0u);
-  }
-  EXPECT_FALSE(open);
-  EXPECT_TRUE(running.says("it does not read its replies"));
 }
 
 }  // namespace

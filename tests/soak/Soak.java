@@ -15,7 +15,7 @@ import java.util.concurrent.locks.LockSupport;
 import java.util.concurrent.locks.ReentrantReadWriteLock;
 
 /**
- * {@code Soak SECONDS SERVICE HOSTILE-SERVICE CHECK-MEMORY}: sixteen threads over all natives, while services come,
+ * {@code Soak SECONDS SERVICE CHECK-MEMORY}: sixteen threads over all natives, while services come,
  * stand still, lie and die. Ends with 0 when, with everything quiet again, memory, descriptors and threads are where
  * they were at the first quiet moment (after a minute, or after half of the time).
  */
@@ -33,7 +33,7 @@ public final class Soak {
     private static final AtomicLong KEPT = new AtomicLong();
     private static final Random RANDOM = new Random(ProcessHandle.current().pid());
 
-    private static String[] programs;
+    private static String program;
     private static Process service;
     private static volatile boolean done;
 
@@ -146,11 +146,23 @@ public final class Soak {
 
     // ---- the services ----
 
+    private static final String[] MOODS = {"garbage=40", "bad-magic", "cut-header", "wrong-funcid", "twice", "two-bodies",
+            "huge-length", "huge-length=5000", "close", "half-close", "refuse", "no-answer", "stop-reading"};
+
     private static void start(boolean hostile) throws IOException {
-        List<String> command = hostile
-                ? List.of(programs[1], NAME, Integer.toString(RANDOM.nextInt(1 << 30)))
-                :
-                    List.of(programs[0], "--name", NAME, "--push-every", "0.01:7:pushed");
+        final String pushed = "x".repeat(hostile ? 128 + RANDOM.nextInt(16000) : 6);
+                    List<String> command = new ArrayList<>(
+                            List.of(program, "--name", NAME, "--push-every", "0.01:7:" + pushed));
+                    final boolean refusing = hostile && RANDOM.nextInt(4) == 0;
+                    for (int funcid = 1001; refusing && funcid <= 1014; funcid++)
+                        command.addAll(List.of("--status", funcid + "=5"));
+                    // A mood for a quarter of a second, then another.
+                    for (int ms = 0; hostile && ms < 6000; ms += 250) {
+                        final String mood = MOODS[RANDOM.nextInt(MOODS.length)];
+                        final int seed = RANDOM.nextInt(1 << 30);
+                        command.addAll(
+                                List.of("--fault", mood + ",from=" + ms + ",for=250,chance=50,seed=" + seed));
+                    }
                     service = new ProcessBuilder(command)
                                       .redirectErrorStream(true)
                                       .redirectOutput(ProcessBuilder.Redirect.DISCARD)
@@ -269,8 +281,8 @@ public final class Soak {
 
             private static void soak(String[] arguments) throws Exception {
                 final long seconds = Long.parseLong(arguments[0]);
-                programs = new String[] {arguments[1], arguments[2]};
-                boolean checkMemory = Boolean.parseBoolean(arguments[3]);
+                program = arguments[1];
+                boolean checkMemory = Boolean.parseBoolean(arguments[2]);
                 setListener((type, timestamp, status, funcid, code, data) -> {
                     if (REPORTS.incrementAndGet() % 4096 == 0)
                         LockSupport.parkNanos(50_000_000); // a listener that is slow at times

@@ -89,6 +89,12 @@ class BytesClient : public Connection {
     if (answer.size() < kHeaderBytes) return UINT32_MAX;
     return readReplyHeader(reinterpret_cast<const uint8_t*>(answer.data())).status;
   }
+  /// What is there already.
+  Bytes readNow() const {
+    Bytes bytes(65536, 0);
+    bytes.resize(std::max<ssize_t>(recv(m_connection, bytes.data(), bytes.size(), MSG_DONTWAIT), 0));
+    return bytes;
+  }
 };
 
 /// A thread of this process that waits until the object ends.

@@ -20,9 +20,12 @@
 
 using Bytes = std::string;
 
-/// Waits until `condition` holds, at most 20 seconds. The result is the condition's.
+/// How long the waits below last when what they wait for does not come.
+inline std::chrono::milliseconds g_patience{20'000};
+
+/// Waits until `condition` holds, at most g_patience. The result is the condition's.
 inline bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  const auto deadline = std::chrono::steady_clock::now() + g_patience;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return condition();
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -81,12 +84,12 @@ inline Bytes reply(uint16_t funcid, uint32_t status, const Bytes& body = "", int
 class Connection {
  public:
   ~Connection() { hangUp(); }
-  /// Exactly `count` bytes, or fewer when the connection ends or 20 seconds pass without any.
+  /// Exactly `count` bytes, or fewer when the connection ends or g_patience passes without any.
   Bytes read(size_t count) {
     Bytes bytes;
     while (bytes.size() < count) {
       pollfd waiting = {m_connection, POLLIN, 0};
-      if (poll(&waiting, 1, 20000) != 1) break;
+      if (poll(&waiting, 1, static_cast<int>(g_patience.count())) != 1) break;
       char buffer[65536];
       const ssize_t got = recv(m_connection, buffer, std::min(sizeof(buffer), count - bytes.size()), 0);
       if (got <= 0) break;
