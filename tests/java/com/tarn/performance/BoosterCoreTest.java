@@ -7,6 +7,7 @@ import static org.junit.Assert.*;
 import java.util.*;
 import java.util.concurrent.RejectedExecutionException;
 import org.junit.Test;
+import org.junit.function.ThrowingRunnable;
 
 /** The rules of the interface, with a library, a service and a clock that the test turns. */
 public class BoosterCoreTest {
@@ -48,19 +49,6 @@ public class BoosterCoreTest {
         library.run(5000);
         assertEquals(List.of(), library.heldScenes());
         assertEquals("nothing more to do", Long.MAX_VALUE, core.wakeIn());
-    }
-
-    @Test
-    public void attemptsStopWhenNothingIsWanted() {
-        library.serviceUp = false;
-        library.start().run(10_000);
-        assertEquals("of the start", 1, library.attempts);
-        Boost boost = cpu(1, 4000);
-        library.run(10_000);
-        assertEquals(5, library.attempts);
-        assertEquals("not sent 0", state(boost));
-        assertEquals("1 not sent", library.told());
-        assertEquals(Long.MAX_VALUE, core.wakeIn());
     }
 
     @Test
@@ -116,6 +104,12 @@ public class BoosterCoreTest {
         assertEquals("preloading not sent"
                         + ", termination not sent".repeat(31),
                 library.told());
+        library.attempts = 0;
+        cpu(1, 4000);
+        library.run(10_000);
+        assertEquals("while something is wanted", 4, library.attempts);
+        assertEquals("1 not sent", library.told());
+        assertEquals(Long.MAX_VALUE, core.wakeIn());
         library.restart();
         cpu(1, 2000);
         library.run(10_000);
@@ -190,19 +184,7 @@ public class BoosterCoreTest {
     }
 
     @Test
-    public void whatSomebodyElseSwitchedOffIsTriedOnceInAnInterval() {
-        library.start();
-        library.enabled = false;
-        cpu(1, 60_000);
-        library.run(10_000);
-        assertTrue("" + library.sends, library.sends >= 9 && library.sends <= 11);
-        library.enabled = true;
-        library.run(1000);
-        assertEquals(List.of(1), library.heldScenes());
-    }
-
-    @Test
-    public void aRestartBySomebodyElseIsNoticedAlsoAfterAReportWasLost() {
+    public void whatSomebodyElseDoesIsNoticedAlsoAfterAReportWasLost() {
         library.serviceUp = false;
         library.start().run(2000);
         cpu(1, 60_000);
@@ -219,6 +201,14 @@ public class BoosterCoreTest {
         library.foreignRequest();
         assertEquals(List.of(), library.heldScenes());
         library.run(10);
+        assertEquals(List.of(1), library.heldScenes());
+        library.enabled = false;
+        library.sends = 0;
+        library.run(10_000);
+        assertTrue("tried once in an interval " + library.sends, library.sends >= 9 && library.sends <= 11);
+        library.restart();
+        library.enabled = true;
+        library.run(1100);
         assertEquals(List.of(1), library.heldScenes());
     }
 
@@ -276,18 +266,28 @@ public class BoosterCoreTest {
 
     @Test
     public void mistakesAreRefused() {
-        for (int wrong : new int[] {0, -1, 600_001}) {
-            assertThrows(IllegalArgumentException.class, () -> lasting(wrong));
-        }
-        for (String wrong : new String[] {"", "a\0", "ä".repeat(54)}) {
-            assertThrows(IllegalArgumentException.class, () -> BoosterConfig.of(wrong));
+        for (ThrowingRunnable mistake : List.<ThrowingRunnable>of(()
+                                                                          -> lasting(0),
+                     ()
+                             -> lasting(-1),
+                     ()
+                             -> lasting(600_001),
+                     ()
+                             -> BoosterConfig.of(""),
+                     ()
+                             -> BoosterConfig.of("a\0"),
+                     ()
+                             -> BoosterConfig.of("ä".repeat(54)),
+                     ()
+                             -> lasting(1).threads(),
+                     ()
+                             -> lasting(1).threads(new int[65]),
+                     ()
+                             -> lasting(1).cpuLevel(0),
+                     () -> booster.requestScreenResolution(1, "a".repeat(4097)))) {
+            assertThrows(IllegalArgumentException.class, mistake);
         }
         assertThrows(IllegalStateException.class, () -> lasting(1).build());
-        assertThrows(IllegalArgumentException.class, () -> lasting(1).threads());
-        assertThrows(IllegalArgumentException.class, () -> lasting(1).threads(new int[65]));
-        assertThrows(IllegalArgumentException.class, () -> lasting(1).cpuLevel(0));
-        assertThrows(
-                IllegalArgumentException.class, () -> booster.requestScreenResolution(1, "a".repeat(4097)));
     }
 
     /** What every boost of a story comes to, whatever happens on the way. */

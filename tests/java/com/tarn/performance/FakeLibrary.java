@@ -188,7 +188,7 @@ final class FakeLibrary implements Natives {
         sends++;
         assertTrue("stamps are unique", request.stamp != 0 && stamps.add(request.stamp));
         during.run();
-        if (!enabled || !isRunning() && !find(true)) {
+        if (!enabled || !find(true)) {
             return TarnBoosterJNI.NO_ENGINE;
         }
         write(request);
@@ -196,10 +196,7 @@ final class FakeLibrary implements Natives {
     }
 
     private boolean find(boolean own) {
-        if (isRunning()) {
-            return true;
-        }
-        if (enabled) {
+        if (enabled && !isRunning()) {
             notices.add(now + 3 * MS);
         }
         return tryStart(own);

@@ -10,16 +10,21 @@ import java.util.*;
 import java.util.concurrent.locks.LockSupport;
 import java.util.function.BooleanSupplier;
 
-/** A running tarnbooster-service. */
-final class ServiceProcess implements AutoCloseable {
+/** The running tarnbooster-service, one at a time. */
+final class ServiceProcess {
     /** A name that no other test process has, on whatever machine or container shares this network. */
     static final String NAME = "tarnbooster-test-" + UUID.randomUUID();
     private static final Path OUTPUT = Path.of(System.getProperty("tarn.stderr") + ".service");
 
-    private final Process process;
+    private static Process process;
 
-    /** Starts it under {@link #NAME}; it listens when this returns. */
-    ServiceProcess(String... options) throws IOException {
+    /** Starts it under {@link #NAME} after the end of the one before; it listens when this returns. */
+    static void start(String... options) throws IOException {
+        if (process == null) {
+            Runtime.getRuntime().addShutdownHook(new Thread(ServiceProcess::stop));
+        } else {
+            stop();
+        }
         List<String> command =
                 command("TARN_EMULATOR", System.getenv("TARN_SERVICE"), "--lines", "plain", "--name", NAME);
         Collections.addAll(command, options);
@@ -47,7 +52,7 @@ final class ServiceProcess implements AutoCloseable {
     }
 
     /** Waits for a line that begins with one text and contains another. */
-    void awaitLine(String start, String part) {
+    static void awaitLine(String start, String part) {
         until("the service says " + start + " " + part, () -> {
             try (var lines = Files.lines(OUTPUT)) {
                 return lines.anyMatch(line -> line.startsWith(start) && line.contains(part));
@@ -58,14 +63,13 @@ final class ServiceProcess implements AutoCloseable {
     }
 
     /** Sends it a signal, as in STOP. */
-    void signal(String name) throws IOException {
+    static void signal(String name) throws IOException {
         Process kill = new ProcessBuilder("kill", "-" + name, "" + process.pid()).inheritIO().start();
         until("kill " + name, () -> !kill.isAlive());
     }
 
     /** Ends it, as a service that dies does: its clients learn by their sockets. */
-    @Override
-    public void close() {
+    static void stop() {
         process.destroyForcibly();
         until("the service has ended", () -> !process.isAlive());
     }

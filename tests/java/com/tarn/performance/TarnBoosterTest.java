@@ -7,9 +7,10 @@ import static org.junit.Assert.*;
 
 import java.io.File;
 import java.io.IOException;
-import java.util.Arrays;
-import java.util.Collections;
-import java.util.List;
+import java.lang.management.ManagementFactory;
+import java.lang.management.ThreadMXBean;
+import java.nio.file.*;
+import java.util.*;
 import org.junit.*;
 import org.junit.runners.MethodSorters;
 
@@ -22,31 +23,14 @@ public class TarnBoosterTest {
     private static final TarnBooster BOOSTER = TarnBooster.get();
     private static final FakeLibrary.Heard LISTENER = new FakeLibrary.Heard();
     private static final List<String> HEARD = LISTENER.all;
-    private static ServiceProcess service;
 
     @BeforeClass
     public static void start() {
+        ServiceProcess.stop();
         BOOSTER.addListener(LISTENER, Runnable::run);
-        BoosterConfig config = BoosterConfig.builder(ServiceProcess.NAME)
-                                       .retryIntervalSeconds(1)
-                                       .libraryLoader(System::loadLibrary)
-                                       .build();
+        BoosterConfig config = BoosterConfig.builder(ServiceProcess.NAME).retryIntervalSeconds(1).build();
         assertTrue(BOOSTER.start(config));
         assertFalse(BOOSTER.start(config));
-    }
-
-    @AfterClass
-    public static void stopTheService() {
-        service.close();
-    }
-
-    private static void restart() throws Exception {
-        if (service != null) {
-            service.close();
-        }
-        HEARD.clear();
-        service = new ServiceProcess("--status", "1002=0", "--status", "1006=5", "--status", "1013=0",
-                "--push-on-register", "7:abc");
     }
 
     private static void awaitHeard(String what) {
@@ -70,16 +54,11 @@ public class TarnBoosterTest {
         Boost early = BOOSTER.boost(lasting(1).cpuLevel(1).build());
         BOOSTER.start(BoosterConfig.of(arguments[0]));
         jam();
-        until("a state",
-                ()
-                        -> BOOSTER.connectionState() == CONNECTION_UNAVAILABLE
-                        || BOOSTER.connectionState() == CONNECTION_UNRESPONSIVE);
-        if (BOOSTER.connectionState() == CONNECTION_UNRESPONSIVE) {
-            System.exit(STUCK);
-        }
+        List<Integer> ends = List.of(CONNECTION_UNAVAILABLE, CONNECTION_UNRESPONSIVE);
+        until("a state", () -> ends.contains(BOOSTER.connectionState()));
         boolean told = BOOSTER.loadFailure() instanceof UnsatisfiedLinkError
                 && CpuLoadTrace.startOrNull(1, 1) == null && early.state() == BOOST_NOT_SENT;
-        System.exit(told ? ABSENT : 1);
+        System.exit(BOOSTER.connectionState() == CONNECTION_UNRESPONSIVE ? STUCK : told ? ABSENT : 1);
     }
 
     /** Requests for more bytes than the sockets and the library's queue hold. */
@@ -96,15 +75,17 @@ public class TarnBoosterTest {
             until("no connection", () -> BOOSTER.connectionState() == CONNECTION_DISCONNECTED);
             until("no service", () -> boost.state() == BOOST_PENDING);
             for (int i = 0; i < 2; i++) {
-                restart();
-                service.awaitLine("1013 requestUnifyCpuIOThreadCore", "scene=77 cpulevel=2 iolevel=1");
+                HEARD.clear();
+                ServiceProcess.start("--status", "1002=0", "--status", "1006=5", "--status", "1013=0",
+                        "--push-on-register", "7:abc");
+                ServiceProcess.awaitLine("1013 requestUnifyCpuIOThreadCore", "scene=77 cpulevel=2 iolevel=1");
                 awaitHeard("event 7 with 3 bytes");
                 assertEquals(BOOST_SENT, boost.state());
             }
             assertEquals(List.of("connected", "event 7 with 3 bytes"),
                     HEARD.stream().filter(what -> !what.matches("disconnected|77 .*")).toList());
         }
-        service.awaitLine("1014 cancelUnifyCpuIOThreadCore", "cancelcpu=1 cancelio=1 cancelthread=0");
+        ServiceProcess.awaitLine("1014 cancelUnifyCpuIOThreadCore", "cancelcpu=1 cancelio=1 cancelthread=0");
     }
 
     @Test
@@ -128,14 +109,14 @@ public class TarnBoosterTest {
                      "1007 cancelHighIOFreq|", "1008 | level=4 uiName=\"main ui\"", "1009 |",
                      "1011 | files=2 [\"/a\", \"b c\"]", "1001 |")) {
             String[] parts = line.split("\\|", -1);
-            service.awaitLine(parts[0], parts[1]);
+            ServiceProcess.awaitLine(parts[0], parts[1]);
         }
     }
 
     @Test
     public void b3WhileItIsOffTheServiceHoldsNothing() {
         Boost boost = BOOSTER.boost(lasting(60_000).scene(78).cpuLevel(1).build());
-        service.awaitLine("1002 ", "scene=78");
+        ServiceProcess.awaitLine("1002 ", "scene=78");
         BOOSTER.setEnabled(false);
         awaitHeard("disabled");
         until("off", () -> TarnBoosterJNI.cancelHighIOFreq(1, 1) == TarnBoosterJNI.NO_ENGINE);
@@ -147,7 +128,7 @@ public class TarnBoosterTest {
 
     @Test
     public void b4ADeafServiceHoldsNobodyUp() throws Exception {
-        service.signal("STOP");
+        ServiceProcess.signal("STOP");
         jam();
         awaitHeard("unresponsive");
         long[] nanos = new long[100];
@@ -162,7 +143,7 @@ public class TarnBoosterTest {
                 runChild(System.getProperty("java.library.path"), ServiceProcess.NAME));
         Boost late = BOOSTER.boost(lasting(60_000).cpuLevel(1).build());
         HEARD.clear();
-        service.signal("CONT");
+        ServiceProcess.signal("CONT");
         awaitHeard("connected");
         until("sent late", () -> late.state() == BOOST_SENT);
         late.close();
@@ -171,5 +152,36 @@ public class TarnBoosterTest {
     @Test
     public void b5WithoutTheLibraryNothingIsThrown() throws Exception {
         assertEquals(ABSENT, runChild("/", "nobody"));
+    }
+
+    @Test
+    public void b6ABusyThreadIsChargedItsCpuTimeAndClosingTwiceChangesNothing() {
+        Path cpu = Path.of("/sys/devices/system/cpu/cpu0");
+        Assume.assumeTrue("the machine shows its CPUs", Files.isDirectory(cpu));
+        int tid = TarnBooster.currentThreadId();
+        for (int period : new int[] {-1, Integer.MIN_VALUE, CpuLoadTrace.MAX_PERIOD_MS + 1}) {
+            assertThrows(IllegalArgumentException.class, () -> CpuLoadTrace.start(tid, period));
+        }
+        for (int other : new int[] {0, 1, NOBODY}) {
+            assertThrows(IllegalStateException.class, () -> CpuLoadTrace.start(other, 1));
+        }
+        assertEquals(-1, TarnBoosterJNI.stopTraceCpuLoad(12345)); // handles are even
+        ThreadMXBean clock = ManagementFactory.getThreadMXBean();
+        CpuLoadTrace.start(tid, 1); // stays open: the process may end while samplers run
+        CpuLoadTrace trace = CpuLoadTrace.start(tid, 1);
+        long end = clock.getCurrentThreadCpuTime() + 500_000_000;
+        while (clock.getCurrentThreadCpuTime() < end) {
+            Thread.onSpinWait();
+        }
+        assertThrows(IllegalStateException.class, trace::khzTicks);
+        CpuLoad load = trace.stop();
+        assertSame(load, trace.stop());
+        assertThrows(IllegalArgumentException.class, () -> trace.secondsAt(0));
+        // Without frequencies the sum is the ticks, negative; the last may come after the last sample.
+        double seconds = load.secondsAt(-1);
+        assertEquals(-seconds * TarnBoosterJNI.getTickRate(), load.khzTicks(), 0.001);
+        boolean charged = seconds >= 0.25 && seconds <= load.elapsedSeconds() + 0.1;
+        boolean frequencies = Files.isReadable(cpu.resolve("cpufreq/scaling_cur_freq"));
+        assertTrue(load.toString(), frequencies ? load.khzTicks() != 0 : charged);
     }
 }
