@@ -1,8 +1,5 @@
 #!/usr/bin/env bash
-# Runs JUnit classes in one virtual machine with checked JNI:
-#
-#   run.sh OUTPUT-FOLDER LIBRARY-FOLDER CLASSPATH CLASS...
-#
+# Runs JUnit classes in one virtual machine with checked JNI: run.sh OUTPUT-FOLDER LIBRARY-FOLDER CLASSPATH CLASS...
 # From the environment: TARN_SERVICE, the service's program. To run a build for another processor: TARN_JAVA, the
 # command that starts its java, and TARN_EMULATOR, the command in front of its programs; both may have several words.
 # Fails when a test does, and when JNI is used wrongly.

@@ -7,7 +7,6 @@ import static org.junit.Assert.*;
 import java.util.*;
 import java.util.concurrent.RejectedExecutionException;
 import org.junit.Test;
-import org.junit.function.ThrowingRunnable;
 
 /** The rules of the interface, with a library, a service and a clock that the test turns. */
 public class BoosterCoreTest {
@@ -101,9 +100,8 @@ public class BoosterCoreTest {
         }
         assertEquals(RESULT_FULL, booster.terminateApp());
         library.run(5000);
-        assertEquals("preloading not sent"
-                        + ", termination not sent".repeat(31),
-                library.told());
+        String each = ", termination not sent";
+        assertEquals("preloading not sent" + each.repeat(31), library.told());
         library.attempts = 0;
         cpu(1, 4000);
         library.run(10_000);
@@ -169,9 +167,8 @@ public class BoosterCoreTest {
         library.run(0);
         assertEquals("one had no room", 255, library.heldScenes().stream().filter(s -> s == 9).count());
         assertEquals(BOOST_NOT_SENT, many.get(many.size() - 1).state());
-        assertEquals("connected, 1 sent"
-                        + ", 9 sent".repeat(255),
-                library.told());
+        String each = ", 9 sent";
+        assertEquals("connected, 1 sent" + each.repeat(255), library.told());
         many.forEach(Boost::close);
         library.run(992);
         assertEquals("it is late at the service, and in time here", List.of(1), library.heldScenes());
@@ -184,44 +181,13 @@ public class BoosterCoreTest {
     }
 
     @Test
-    public void whatSomebodyElseDoesIsNoticedAlsoAfterAReportWasLost() {
-        library.serviceUp = false;
-        library.start().run(2000);
-        cpu(1, 60_000);
-        library.run(0); // an attempt; its report is on the way
-        core.setEnabled(false);
-        library.run(10);
-        library.serviceUp = true;
-        core.setEnabled(true);
-        library.run(3000);
-        assertEquals(List.of(1), library.heldScenes());
-        library.restart();
-        library.foreignRequest();
-        library.now += 10 * FakeLibrary.MS;
-        library.foreignRequest();
-        assertEquals(List.of(), library.heldScenes());
-        library.run(10);
-        assertEquals(List.of(1), library.heldScenes());
-        library.enabled = false;
-        library.sends = 0;
-        library.run(10_000);
-        assertTrue("tried once in an interval " + library.sends, library.sends >= 9 && library.sends <= 11);
-        library.restart();
-        library.enabled = true;
-        library.run(1100);
-        assertEquals(List.of(1), library.heldScenes());
-    }
-
-    @Test
     public void whatListenersThrowReachesTheHandlerAndRemovedOnesHearNothing() {
         List<Throwable> handled = new ArrayList<>();
         List<Runnable> tasks = new ArrayList<>();
         RuntimeException thrown = new RuntimeException("on purpose");
-        BoosterListener throwing = new BoosterListener() {
-            @Override
-            public void onConnectionChanged(int state) {
-                throw thrown;
-            }
+        FakeLibrary.Heard throwing = new FakeLibrary.Heard();
+        throwing.then = () -> {
+            throw thrown;
         };
         FakeLibrary.Heard noting = new FakeLibrary.Heard();
         core.addListener(throwing, Runnable::run);
@@ -253,12 +219,11 @@ public class BoosterCoreTest {
         IllegalStateException reason = new IllegalStateException("no library");
         library.loadFailure = new ExceptionInInitializerError(reason);
         core.start(BoosterConfig.of("s"), library, () -> {});
-        Boost boost = cpu(1, 1000);
+        cpu(1, 1000);
         booster.terminateApp();
         library.run(0);
         assertEquals("unavailable, 1 not sent, termination not sent", library.told());
         assertSame(reason, core.loadFailure());
-        assertEquals("not sent 0", state(boost));
         assertEquals(BOOST_NOT_SENT, cpu(2, 1000).state());
         assertEquals(RESULT_UNAVAILABLE, booster.terminateApp());
         assertFalse(core.start(BoosterConfig.of("s"), library, () -> {}));
@@ -266,28 +231,18 @@ public class BoosterCoreTest {
 
     @Test
     public void mistakesAreRefused() {
-        for (ThrowingRunnable mistake : List.<ThrowingRunnable>of(()
-                                                                          -> lasting(0),
-                     ()
-                             -> lasting(-1),
-                     ()
-                             -> lasting(600_001),
-                     ()
-                             -> BoosterConfig.of(""),
-                     ()
-                             -> BoosterConfig.of("a\0"),
-                     ()
-                             -> BoosterConfig.of("ä".repeat(54)),
-                     ()
-                             -> lasting(1).threads(),
-                     ()
-                             -> lasting(1).threads(new int[65]),
-                     ()
-                             -> lasting(1).cpuLevel(0),
-                     () -> booster.requestScreenResolution(1, "a".repeat(4097)))) {
-            assertThrows(IllegalArgumentException.class, mistake);
+        for (int wrong : new int[] {0, -1, 600_001}) {
+            assertThrows(IllegalArgumentException.class, () -> lasting(wrong));
         }
+        for (String wrong : new String[] {"", "a\0", "ä".repeat(54)}) {
+            assertThrows(IllegalArgumentException.class, () -> BoosterConfig.of(wrong));
+        }
+        String text = "a".repeat(4097);
         assertThrows(IllegalStateException.class, () -> lasting(1).build());
+        assertThrows(IllegalArgumentException.class, () -> lasting(1).threads());
+        assertThrows(IllegalArgumentException.class, () -> lasting(1).threads(new int[65]));
+        assertThrows(IllegalArgumentException.class, () -> lasting(1).cpuLevel(0));
+        assertThrows(IllegalArgumentException.class, () -> booster.requestScreenResolution(1, text));
     }
 
     /** What every boost of a story comes to, whatever happens on the way. */
@@ -295,7 +250,7 @@ public class BoosterCoreTest {
     public void theServiceHoldsWhatIsWantedAfterAnyStory() {
         for (int seed = 0; seed < 1000; seed++) {
             try {
-                new Story(seed).tell();
+                new Story().tell(seed);
             } catch (Throwable failure) {
                 throw new AssertionError("story " + seed, failure);
             }
@@ -303,22 +258,14 @@ public class BoosterCoreTest {
     }
 
     private static final class Story {
-        final Random random;
+        final Random random = new Random();
         final FakeLibrary library = new FakeLibrary();
         final List<Boost> boosts = new ArrayList<>();
         int scenes;
 
-        Story(int seed) {
-            random = new Random(seed);
-        }
-
-        void tell() {
-            library.core.addListener(new BoosterListener() {
-                @Override
-                public void onConnectionChanged(int state) {
-                    library.during.run(); // between a decision and its request
-                }
-            }, Runnable::run);
+        void tell(int seed) {
+            random.setSeed(seed);
+            library.heard.then = () -> library.during.run(); // between a decision and its request
             library.start();
             library.during = () -> {
                 if (random.nextInt(6) == 0) {
@@ -330,9 +277,15 @@ public class BoosterCoreTest {
                 library.run(random.nextInt(3) == 0 ? random.nextInt(2500) : random.nextInt(20));
             }
             library.during = () -> {};
+            library.enabled = true;
             library.core.setEnabled(true);
             library.serviceUp = true;
             library.run(4000);
+            library.restart(); // noticed at once by what somebody else does
+            library.foreignRequest();
+            library.now += 10 * FakeLibrary.MS;
+            library.foreignRequest();
+            library.run(10);
             List<Integer> wanted = new ArrayList<>();
             for (Boost boost : boosts) {
                 for (int ignored : boost.state() == BOOST_SENT ? boost.request().parts() : new int[0]) {
@@ -361,6 +314,8 @@ public class BoosterCoreTest {
                 library.restart();
             } else if (what == 9) {
                 library.core.setEnabled(random.nextBoolean());
+            } else if (what == 10) {
+                library.enabled &= random.nextInt(4) != 0; // somebody else switches it off
             } else if (what == 11) {
                 library.foreignRequest();
             }

@@ -9,7 +9,6 @@ import java.util.stream.IntStream;
 /** The library, a service behind it, and the time, for one core that the test turns by hand. */
 final class FakeLibrary implements Natives {
     static final long MS = BoosterCore.MS;
-    private static final byte[] NO_DATA = {};
 
     /** What the service holds: a part of one request. Boosts are told apart by their scenes. */
     record Hold(int functionId, int scene, int part, long until) {}
@@ -17,10 +16,12 @@ final class FakeLibrary implements Natives {
     /** A listener that writes down what it hears. */
     static final class Heard implements BoosterListener {
         final List<String> all = new CopyOnWriteArrayList<>();
+        Runnable then = () -> {}; // after a change of the connection
 
         @Override
         public void onConnectionChanged(int state) {
             all.add(BoosterCodes.connectionName(state));
+            then.run();
         }
         @Override
         public void onBoostChanged(Boost boost, int state) {
@@ -44,7 +45,7 @@ final class FakeLibrary implements Natives {
     final TarnBooster booster = new TarnBooster(core);
     final List<Request> served = new ArrayList<>();
     final List<Hold> holds = new ArrayList<>();
-    private final Heard heard = new Heard();
+    final Heard heard = new Heard();
     final Set<Integer> refusing = new HashSet<>(); // function identifiers
     Runnable during = () -> {}; // runs inside every request
     Error loadFailure;
@@ -53,7 +54,6 @@ final class FakeLibrary implements Natives {
     boolean enabled = true;
     boolean debug;
     int attempts;
-    int sends;
     long now = 1_000_000 * MS;
     long interval;
 
@@ -84,7 +84,7 @@ final class FakeLibrary implements Natives {
             while (!notices.isEmpty() && notices.peek() <= now) {
                 notices.remove();
                 if (enabled) {
-                    receiver.onData(1, 0, TarnBoosterJNI.STATUS_NO_ENGINE, 0, 0, NO_DATA);
+                    receiver.onData(1, 0, TarnBoosterJNI.STATUS_NO_ENGINE, 0, 0, new byte[0]);
                 }
             }
             if (core.step()) {
@@ -145,7 +145,7 @@ final class FakeLibrary implements Natives {
     }
 
     void refuse(int functionId, long stamp, int status) {
-        receiver.onData(1, stamp, status, functionId, 0, NO_DATA);
+        receiver.onData(1, stamp, status, functionId, 0, new byte[0]);
     }
 
     // ---- the library ----
@@ -185,7 +185,6 @@ final class FakeLibrary implements Natives {
 
     @Override
     public int send(Request request) {
-        sends++;
         assertTrue("stamps are unique", request.stamp != 0 && stamps.add(request.stamp));
         during.run();
         if (!enabled || !find(true)) {

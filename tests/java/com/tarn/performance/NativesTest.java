@@ -4,12 +4,10 @@ import static com.tarn.performance.ServiceProcess.until;
 import static com.tarn.performance.TarnBoosterJNI.*;
 import static org.junit.Assert.*;
 
-import java.io.IOException;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.*;
 import java.util.*;
 import java.util.concurrent.*;
-import java.util.concurrent.locks.LockSupport;
 import java.util.function.*;
 import java.util.regex.Pattern;
 import java.util.stream.*;
@@ -37,7 +35,6 @@ public class NativesTest {
     private static final Set<Thread> THREADS = ConcurrentHashMap.newKeySet();
     private static final int TID = 1234;
     private static final long TIME = 7_000_000_000L;
-    private static final long LARGE = (5L << 32) + 6;
     private static final int[] TIDS = {Integer.MAX_VALUE - 1, Integer.MAX_VALUE}; // no system has such
     private static final String SERVED = " bindtids=[2147483646,2147483647]";
     private static final String END = " 1234 7000000000";
@@ -52,8 +49,8 @@ public class NativesTest {
                     ": 3 5 2 50" + END, () -> requestCpuCoreForThread(3, 5, TIDS, 50, TID, TIME)),
             new Row("1005 cancelCpuCoreForThread", SERVED, ": 2" + END,
                     () -> cancelCpuCoreForThread(TIDS, TID, TIME)),
-            new Row("1006 requestHighIOFreq", " scene=3 level=2 timeoutms=1000 action=" + LARGE,
-                    ": 3 6 2 1000" + END, () -> requestHighIOFreq(3, LARGE, 2, 1000, TID, TIME)),
+            new Row("1006 requestHighIOFreq", " scene=3 level=2 timeoutms=1000 action=21474836486",
+                    ": 3 6 2 1000" + END, () -> requestHighIOFreq(3, 21_474_836_486L, 2, 1000, TID, TIME)),
             new Row("1007 cancelHighIOFreq", "", ":" + END, () -> cancelHighIOFreq(TID, TIME)),
             new Row("1008 requestScreenResolution", " level=4 uiName=\"main ui\"", ": 4 main ui" + END,
                     () -> requestScreenResolution(4, "main ui", TID, TIME)),
@@ -90,18 +87,18 @@ public class NativesTest {
     }
 
     /** The reports of one kind in the order in which they came, once there are `count` of them. */
-    private List<Report> await(int count, Predicate<Report> kind) {
+    private List<Report> await(int count, Predicate<Report> kind) throws Exception {
         until(reports, () -> reports.stream().filter(kind).count() >= count);
         return reports.stream().filter(kind).toList();
     }
 
     /** What this process has written to its standard error, the library's log lines among it. */
-    private static String log() throws IOException {
+    private static String log() throws Exception {
         return Files.readString(Path.of(System.getProperty("tarn.stderr")));
     }
 
     /** The natives' lines after a length of log(), as in {@code D setDebug: 1}. */
-    private static String nativesSince(int mark) throws IOException {
+    private static String nativesSince(int mark) throws Exception {
         return NATIVE.matcher(log().substring(mark))
                 .results()
                 .map(line -> line.group(1) + " " + line.group(2))
@@ -125,7 +122,7 @@ public class NativesTest {
     }
 
     @Test
-    public void a2AttemptsAreThrottledUntilTheIntervalHasPassed() throws IOException {
+    public void a2AttemptsAreThrottledUntilTheIntervalHasPassed() throws Exception {
         setRetryConnectInterval(2147484); // in milliseconds more than 31 bits
         ServiceProcess.start("--push-every", "0.1:7:first");
         assertEquals(0, initTarnBooster(ServiceProcess.NAME, 0, "local"));
@@ -133,7 +130,7 @@ public class NativesTest {
         setRetryConnectInterval(1);
         until("a request finds a connection, and does not break it", () -> {
             boolean found = request() != NO_ENGINE;
-            LockSupport.parkNanos(20_000_000);
+            Thread.sleep(20);
             return found && isRunning() == 1;
         });
     }
@@ -194,11 +191,10 @@ public class NativesTest {
             ServiceProcess.awaitLine(row.name + " ", " tid=" + TID + row.served + " -> ");
         }
         assertEquals(NO_THREADS, cancelCpuCoreForThread(null, TID, TIME));
-        assertEquals(NO_THREADS, cancelCpuCoreForThread(new int[0], TID, TIME));
     }
 
     @Test
-    public void a6WhatTheLibraryDoesNotLookAtIsRefusedBeforeIt() {
+    public void a6WhatTheLibraryDoesNotLookAtIsRefusedBeforeIt() throws Exception {
         Map<String, ThrowingRunnable> calls = Map.of("remote",
                 ()
                         -> initTarnBooster(null, 0, "l"),
@@ -218,7 +214,7 @@ public class NativesTest {
     }
 
     @Test
-    public void a7RefusalsComeInOrderOnOneThreadAlsoAfterAListenerHasThrown() throws IOException {
+    public void a7RefusalsComeInOrderOnOneThreadAlsoAfterAListenerHasThrown() throws Exception {
         setListener((type, timestamp, status, funcid, code, data) -> {
             note(type, timestamp, status, funcid, code, data);
             if (timestamp == 1_000_000) {
@@ -235,7 +231,7 @@ public class NativesTest {
     }
 
     @Test
-    public void a8TheOtherNativesAreLoggedUnlessDebuggingIsOff() throws IOException {
+    public void a8TheOtherNativesAreLoggedUnlessDebuggingIsOff() throws Exception {
         int mark = log().length();
         setHCEnable(true);
         setRetryConnectInterval(77);

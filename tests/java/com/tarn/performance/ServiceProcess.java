@@ -2,13 +2,11 @@ package com.tarn.performance;
 
 import static org.junit.Assert.assertTrue;
 
-import java.io.IOException;
-import java.io.UncheckedIOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.*;
+import java.util.concurrent.Callable;
 import java.util.concurrent.locks.LockSupport;
-import java.util.function.BooleanSupplier;
 
 /** The running tarnbooster-service, one at a time. */
 final class ServiceProcess {
@@ -18,13 +16,13 @@ final class ServiceProcess {
 
     private static Process process;
 
+    static {
+        Runtime.getRuntime().addShutdownHook(new Thread(ServiceProcess::stop));
+    }
+
     /** Starts it under {@link #NAME} after the end of the one before; it listens when this returns. */
-    static void start(String... options) throws IOException {
-        if (process == null) {
-            Runtime.getRuntime().addShutdownHook(new Thread(ServiceProcess::stop));
-        } else {
-            stop();
-        }
+    static void start(String... options) throws Exception {
+        stop();
         List<String> command =
                 command("TARN_EMULATOR", System.getenv("TARN_SERVICE"), "--lines", "plain", "--name", NAME);
         Collections.addAll(command, options);
@@ -43,34 +41,32 @@ final class ServiceProcess {
     }
 
     /** Long enough for an emulated processor on a busy machine: a wait that runs out is a fault. */
-    static void until(Object what, BooleanSupplier condition) {
+    static void until(Object what, Callable<Boolean> condition) throws Exception {
         long start = System.nanoTime();
-        while (!condition.getAsBoolean()) {
+        while (!condition.call()) {
             assertTrue("waited in vain: " + what, System.nanoTime() - start < 60_000_000_000L);
             LockSupport.parkNanos(2_000_000);
         }
     }
 
     /** Waits for a line that begins with one text and contains another. */
-    static void awaitLine(String start, String part) {
+    static void awaitLine(String start, String part) throws Exception {
         until("the service says " + start + " " + part, () -> {
             try (var lines = Files.lines(OUTPUT)) {
                 return lines.anyMatch(line -> line.startsWith(start) && line.contains(part));
-            } catch (IOException e) {
-                throw new UncheckedIOException(e);
             }
         });
     }
 
     /** Sends it a signal, as in STOP. */
-    static void signal(String name) throws IOException {
-        Process kill = new ProcessBuilder("kill", "-" + name, "" + process.pid()).inheritIO().start();
-        until("kill " + name, () -> !kill.isAlive());
+    static void signal(String name) throws Exception {
+        new ProcessBuilder("kill", "-" + name, "" + process.pid()).inheritIO().start().waitFor();
     }
 
     /** Ends it, as a service that dies does: its clients learn by their sockets. */
     static void stop() {
-        process.destroyForcibly();
-        until("the service has ended", () -> !process.isAlive());
+        if (process != null) {
+            process.destroyForcibly().onExit().join();
+        }
     }
 }

@@ -6,9 +6,7 @@ import static com.tarn.performance.ServiceProcess.until;
 import static org.junit.Assert.*;
 
 import java.io.File;
-import java.io.IOException;
-import java.lang.management.ManagementFactory;
-import java.lang.management.ThreadMXBean;
+import java.lang.management.*;
 import java.nio.file.*;
 import java.util.*;
 import org.junit.*;
@@ -33,12 +31,12 @@ public class TarnBoosterTest {
         assertFalse(BOOSTER.start(config));
     }
 
-    private static void awaitHeard(String what) {
+    private static void awaitHeard(String what) throws Exception {
         until(what + " in " + HEARD, () -> HEARD.contains(what));
     }
 
     /** Runs a virtual machine with the library's folder, or with none; its exit code. */
-    private static int runChild(String library, String name) throws IOException {
+    private static int runChild(String library, String name) throws Exception {
         List<String> command =
                 ServiceProcess.command(System.getenv("TARN_JAVA") != null ? "TARN_JAVA" : "TARN_DEFAULT_JAVA",
                         "-Djava.library.path=" + library, "-cp", System.getProperty("java.class.path"),
@@ -50,7 +48,7 @@ public class TarnBoosterTest {
     }
 
     /** What that runs. Ends by System.exit, once it knows how things stand. */
-    public static void main(String[] arguments) {
+    public static void main(String[] arguments) throws Exception {
         Boost early = BOOSTER.boost(lasting(1).cpuLevel(1).build());
         BOOSTER.start(BoosterConfig.of(arguments[0]));
         jam();
@@ -89,7 +87,7 @@ public class TarnBoosterTest {
     }
 
     @Test
-    public void b2EveryRequestReachesTheServiceInItsOwnForm() {
+    public void b2EveryRequestReachesTheServiceInItsOwnForm() throws Exception {
         Boost cpu = BOOSTER.boost(lasting(600_000).cpuLevel(3).scene(1).action(1L << 40).build());
         Boost threads = BOOSTER.boost(lasting(600_000).threads(NOBODY).callingThread(99).build());
         Boost io = BOOSTER.boost(lasting(600_000).ioLevel(2).build());
@@ -114,7 +112,7 @@ public class TarnBoosterTest {
     }
 
     @Test
-    public void b3WhileItIsOffTheServiceHoldsNothing() {
+    public void b3WhileItIsOffTheServiceHoldsNothing() throws Exception {
         Boost boost = BOOSTER.boost(lasting(60_000).scene(78).cpuLevel(1).build());
         ServiceProcess.awaitLine("1002 ", "scene=78");
         BOOSTER.setEnabled(false);
@@ -141,6 +139,7 @@ public class TarnBoosterTest {
         assertTrue("" + nanos[90], nanos[90] < 5_000_000);
         assertEquals("another process ends while its booster is stuck", STUCK,
                 runChild(System.getProperty("java.library.path"), ServiceProcess.NAME));
+        assertEquals("and without the library nothing is thrown", ABSENT, runChild("/", "nobody"));
         Boost late = BOOSTER.boost(lasting(60_000).cpuLevel(1).build());
         HEARD.clear();
         ServiceProcess.signal("CONT");
@@ -150,12 +149,7 @@ public class TarnBoosterTest {
     }
 
     @Test
-    public void b5WithoutTheLibraryNothingIsThrown() throws Exception {
-        assertEquals(ABSENT, runChild("/", "nobody"));
-    }
-
-    @Test
-    public void b6ABusyThreadIsChargedItsCpuTimeAndClosingTwiceChangesNothing() {
+    public void b5ABusyThreadIsChargedItsCpuTimeAndClosingTwiceChangesNothing() throws Exception {
         Path cpu = Path.of("/sys/devices/system/cpu/cpu0");
         Assume.assumeTrue("the machine shows its CPUs", Files.isDirectory(cpu));
         int tid = TarnBooster.currentThreadId();
