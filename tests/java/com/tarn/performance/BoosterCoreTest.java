@@ -48,6 +48,11 @@ public class BoosterCoreTest {
         library.run(5000);
         assertEquals(List.of(), library.heldScenes());
         assertEquals("nothing more to do", Long.MAX_VALUE, core.wakeIn());
+        library.enabled = false; // by somebody else
+        library.stamps.clear();
+        cpu(2, 60_000);
+        library.run(10_000);
+        assertEquals("tried once in an interval", 10, library.stamps.size(), 1);
     }
 
     @Test

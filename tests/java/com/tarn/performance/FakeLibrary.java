@@ -50,21 +50,18 @@ final class FakeLibrary implements Natives {
     Runnable during = () -> {}; // runs inside every request
     Error loadFailure;
     boolean serviceUp = true;
-    boolean registered;
+    boolean registered, debug;
     boolean enabled = true;
-    boolean debug;
     int attempts;
-    long now = 1_000_000 * MS;
-    long interval;
+    long now = 1_000_000 * MS, interval;
 
     private TarnBoosterListener receiver;
     private final Queue<Long> notices = new ArrayDeque<>(); // when reports of a missing engine arrive
-    private final Set<Long> stamps = new HashSet<>();
+    final Set<Long> stamps = new HashSet<>();
     private boolean engine;
     private boolean broken; // the service has gone from the other end of the engine's socket
     private long engineEnds = Long.MAX_VALUE;
-    private long lastStart = Long.MIN_VALUE / 2;
-    private long lastOwnAttempt = Long.MIN_VALUE / 2;
+    private long lastStart = Long.MIN_VALUE / 2, lastOwnAttempt = lastStart;
 
     FakeLibrary() {
         core.addListener(heard, Runnable::run);

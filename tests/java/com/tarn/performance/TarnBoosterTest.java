@@ -15,8 +15,7 @@ import org.junit.runners.MethodSorters;
 /** The interface over the real library and service: the stations of one story, in the order of their names. */
 @FixMethodOrder(MethodSorters.NAME_ASCENDING)
 public class TarnBoosterTest {
-    private static final int ABSENT = 4;
-    private static final int STUCK = 5;
+    private static final int ABSENT = 4, STUCK = 5; // exit codes
     private static final int NOBODY = Integer.MAX_VALUE; // no system has such a thread
     private static final TarnBooster BOOSTER = TarnBooster.get();
     private static final FakeLibrary.Heard LISTENER = new FakeLibrary.Heard();
