@@ -22,7 +22,7 @@ namespace service {
 namespace {
 
 /// More at once is cut short by the kernel.
-constexpr int64_t kPiece = 1024 * 1024;
+constexpr int64_t kPiece = int64_t{1024} * 1024;
 
 const char kNoAnswer[] = "files cannot be looked at in time: their disk does not answer";
 

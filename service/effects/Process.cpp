@@ -124,7 +124,9 @@ std::string Process::rightsProblem() const {
   if (now.empty()) return "what the process may do cannot be seen any more";
   // By user id, for what was executed between connecting and the first look.
   unsigned real = 0, effective = 0;
-  if (sscanf(now.c_str(), "Uid: %u %u", &real, &effective) != 2 || effective != m_uid || now != m_rights) {
+  std::istringstream words(now);
+  std::string label;
+  if (!(words >> label >> real >> effective) || effective != m_uid || now != m_rights) {
     return "the process has other rights now than when it connected: it has to connect anew";
   }
   return "";

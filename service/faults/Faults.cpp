@@ -61,7 +61,7 @@ const struct {
 /// Cuts the text in front of the next comma off.
 std::string cut(std::string& text) {
   const size_t comma = text.find(',');
-  const std::string part = text.substr(0, comma);
+  std::string part = text.substr(0, comma);
   text.erase(0, comma == std::string::npos ? comma : comma + 1);
   return part;
 }
@@ -125,7 +125,7 @@ bool parseFault(const std::string& text, Fault& fault, std::string& problem) {
   return true;
 }
 
-Faults::Faults(std::vector<Fault> faults, int64_t startedAt) : m_startedAt(startedAt) {
+Faults::Faults(const std::vector<Fault>& faults, int64_t startedAt) : m_startedAt(startedAt) {
   for (const Fault& fault : faults) {
     m_faults.push_back({fault, std::mt19937_64(static_cast<uint64_t>(fault.seed)), {}});
     m_noise.seed(static_cast<uint64_t>(fault.seed));

@@ -67,7 +67,7 @@ class Faults {
  public:
   Faults() = default;
   /// startedAt  milliseconds of the clock that strikes() is given
-  Faults(std::vector<Fault> faults, int64_t startedAt);
+  Faults(const std::vector<Fault>& faults, int64_t startedAt);
 
   bool isEmpty() const { return m_faults.empty(); }
 
