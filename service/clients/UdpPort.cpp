@@ -146,7 +146,7 @@ void UdpPort::sendOn(DatagramClient& peer, int64_t now) {
     peer.m_waiting.pop_front();
     // Before the transport would send once more.
     if (!peer.m_hasAcknowledged) {
-      peer.m_acknowledgeBy = now + kFirstReplySends * m_timing.intervalMs - m_timing.intervalMs / 5;
+      peer.m_acknowledgeBy = now + int64_t{kFirstReplySends} * m_timing.intervalMs - m_timing.intervalMs / 5;
     }
   }
   if (problem != nullptr) forget(m_peers.find(peerKey(peer.m_address)), problem);
