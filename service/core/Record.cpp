@@ -21,7 +21,7 @@ namespace {
 using nlohmann::json;
 
 /// A record longer than this is no record of ours.
-constexpr off_t kMaxRecordBytes = 64 * 1024 * 1024;
+constexpr off_t kMaxRecordBytes = off_t{64} * 1024 * 1024;
 
 std::string bootId() {
   std::string id;
