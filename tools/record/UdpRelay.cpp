@@ -55,7 +55,8 @@ std::unique_ptr<UdpRelay::Socket> UdpRelay::open(const sockaddr_in& local, std::
   if (!socket->fd || bind(socket->fd.get(), address, sizeof(local)) != 0) return nullptr;
   socket->watch = m_recorder.loop().add(socket->fd.get(), EPOLLIN,
                                         [handler = std::move(handler)](uint32_t) { handler(); });
-  return socket->watch != 0 ? std::move(socket) : nullptr;
+  if (socket->watch == 0) return nullptr;
+  return socket;
 }
 
 bool UdpRelay::start(const sockaddr_in& as, std::string& problem) {
