@@ -97,7 +97,7 @@ void appendFooter(const std::string& footer, std::string& page) {
 }
 
 std::string manualOf(const CLI::App& app, int section, const std::string& seeAlso) {
-  const std::string name = app.get_name();
+  const std::string& name = app.get_name();
   std::string about = app.get_description();
   std::string summary = about.substr(0, about.find('.'));
   std::replace(summary.begin(), summary.end(), '\n', ' ');

@@ -63,7 +63,9 @@ TEST(ReplyFraming, ALengthCostsNoMemoryForLong) {
   residentPages(&addressed);
   Owner listener;
   Engine reused(&listener);
-  for (int i = 0; i < 64; ++i) reused.read(kPlain + reply(1011, 0, Bytes(1 << 20, 'b')));
+  for (int i = 0; i < 300; ++i, listener.m_got.clear()) {
+    reused.read(kPlain + reply(1011, 0, Bytes(1 << 20, 'b')));
+  }
   reused.read(kPlain + reply(1010, 0).substr(0, 12) + hex("00000005") +
               Bytes(16, '\0'));  // 80 MiB and 5 bytes
   const Bytes part(1 << 20, 'b');
