@@ -102,12 +102,12 @@ TARN_CLMUL uint32_t carryless(uint32_t crc, const uint8_t* bytes, size_t length)
   const __m128i by64 = _mm_set_epi64x(0x1C6E41596, 0x154442BD4);
   const __m128i by16 = _mm_set_epi64x(0x0CCAA009E, 0x1751997D0);
   __m128i lanes[4];
-  for (int lane = 0; lane < 4; ++lane) lanes[lane] = load(bytes + 16 * lane);
+  for (size_t lane = 0; lane < 4; ++lane) lanes[lane] = load(bytes + 16 * lane);
   lanes[0] = _mm_xor_si128(lanes[0], _mm_cvtsi32_si128(static_cast<int>(crc)));
   bytes += 64;
   length -= 64;
   for (; length >= 64; length -= 64, bytes += 64) {
-    for (int lane = 0; lane < 4; ++lane) lanes[lane] = folded(lanes[lane], by64, load(bytes + 16 * lane));
+    for (size_t lane = 0; lane < 4; ++lane) lanes[lane] = folded(lanes[lane], by64, load(bytes + 16 * lane));
   }
   __m128i all = lanes[0];
   for (int lane = 1; lane < 4; ++lane) all = folded(all, by16, lanes[lane]);

@@ -183,8 +183,9 @@ void garbage(Check& check) {
   for (int round = 0; round < 16; ++round) {
     std::string bytes(size_t{1} << (round % 13 + 4), '\0');
     for (char& byte : bytes) byte = static_cast<char>(random());
-    if (round % 2 == 1)
-      bytes = client::packRequest(static_cast<uint16_t>(1001 + round % 11), "", 77, 1).substr(0, 12) + bytes;
+    if (round % 2 == 1) {
+      bytes.insert(0, client::packRequest(static_cast<uint16_t>(1001 + round % 11), "", 77, 1), 0, 12);
+    }
     check.sending(fmt::format("{} bytes of garbage, round {}", bytes.size(), round));
     Talk talk = check.connect();
     talk.allowPushes();

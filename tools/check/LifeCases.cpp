@@ -40,6 +40,7 @@ void comeAndGo(Check& check) {
 
 void manyAtOnce(Check& check) {
   std::vector<Talk> talks;
+  talks.reserve(static_cast<size_t>(check.settings().clients));
   for (int i = 0; i < check.settings().clients; ++i) talks.push_back(check.connect());
   for (int round = 0; round < 3; ++round) {
     for (Talk& talk : talks) talk.send(talk.pack(FUNCID_CHECK_PERMISSION));
