@@ -19,7 +19,7 @@ Installs what the build and the tests need (Debian packages), then runs, in this
 
   --quick     only format and release
 
-Builds go to build/ (or \$TARNBOOSTER_BUILD). A first run takes about ten minutes on two cores.
+Builds go to build/ (or \$TARNBOOSTER_BUILD). A first run takes about half an hour on two cores.
 TXT
 }
 
