@@ -6,6 +6,7 @@
 #include <sys/auxv.h>
 #endif
 #ifdef __x86_64__
+#include <cpuid.h>
 #include <immintrin.h>
 #endif
 
@@ -134,7 +135,9 @@ const udp::CrcWay* udp::crcWay(unsigned index) {
 #ifdef __aarch64__
     return hasInstruction() ? 2U : 1U;
 #elif defined(__x86_64__)
-    return __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("sse4.1") ? 2U : 1U;
+    unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+    constexpr unsigned kNeeded = bit_PCLMUL | bit_SSE4_1;
+    return __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 && (ecx & kNeeded) == kNeeded ? 2U : 1U;
 #else
     return 1U;
 #endif
