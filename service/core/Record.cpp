@@ -56,17 +56,33 @@ std::string keyOf(const json& line) {
   return key != line.end() && key->is_string() ? key->get<std::string>() : "";
 }
 
+bool isSameFile(int fd, const struct stat& other) {
+  struct stat own {};
+  return fstat(fd, &own) == 0 && own.st_dev == other.st_dev && own.st_ino == other.st_ino;
+}
+
 }  // namespace
 
+Record::~Record() {
+  // Still locked: who has opened it meanwhile finds out that it is gone.
+  if (m_file && m_kept.empty()) unlink(m_path.c_str());
+}
+
 bool Record::open(const std::string& path, std::string& problem) {
-  m_file = shared::UniqueFd(keepAboveStdio(
-      ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600)));
   struct stat status {};
+  bool isOurs = false;
+  // Again when its owner has removed it, or put another into its place, before it was locked here.
+  for (int tries = 0; tries < 10 && !isOurs; ++tries) {
+    m_file = shared::UniqueFd(keepAboveStdio(
+        ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600)));
+    if (!m_file || flock(m_file.get(), LOCK_EX | LOCK_NB) != 0) break;
+    isOurs = lstat(path.c_str(), &status) == 0 && isSameFile(m_file.get(), status);
+  }
   if (!m_file || fstat(m_file.get(), &status) != 0) {
     problem = "cannot open the record " + path + ": " + shared::errorText(errno);
   } else if (!S_ISREG(status.st_mode) || status.st_size > kMaxRecordBytes) {
     problem = path + " is no record of this service";
-  } else if (flock(m_file.get(), LOCK_EX | LOCK_NB) != 0) {
+  } else if (!isOurs) {
     problem = "another service uses the record " + path + ": end it, or give --record another path";
   } else {
     std::istringstream lines(contents(m_file.get()));

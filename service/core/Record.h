@@ -5,7 +5,7 @@
 //   {"boot": "..."}                     the first line: what follows is of this boot of the machine
 //   {"key": "...", "found": {...}}      the setting `key` is about to be changed, or was changed further
 //   {"key": "..."}                      it was put back
-// It is emptied whenever nothing is held.
+// It is emptied whenever nothing is held, and removed at the end when nothing is left to be put back.
 #pragma once
 
 #include <map>
@@ -20,6 +20,9 @@ class Record {
  public:
   /// Without a file: remembers nothing.
   Record() = default;
+  Record(const Record&) = delete;
+  Record& operator=(const Record&) = delete;
+  ~Record();
 
   /// Opens or makes the file, which only one service at a time may use, and reads what the last one left.
   /// False, with the problem named, when that fails. A damaged line is passed over.
