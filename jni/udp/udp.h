@@ -30,8 +30,7 @@
 //   another offset or tl, or past its tl  dropped, ack; ERROR "session:%d offset error:%u local:%u"
 //   no such message, and of is not 0 or   dropped, ack; ERROR
 //   dl is beyond tl                       "Not session:%d sessionPair:%d first package offset:%u"
-//   more than we allow or have            refused: no ack, s stays, so that the sender tries again or gives
-//   up.
+//   more than we allow or have            refused: no ack, s stays: the sender tries again or gives up;
 //                                         DEBUG "session:%d tl:%u not acknowledged, %s: ...", then one of the
 //                                         two lines above
 //
@@ -72,11 +71,12 @@
 // whoever they are for.
 //
 // What peers can make us hold. A receiver of about 150 bytes per address that something comes from, 65,536 at
-// most; then one is forgotten, "R_FORGET RECEIVER:%s": of those that have never completed a message the one
-// silent for longest, and only without any such of the others. Unfinished messages: 16 for each receiver, of
-// each no more than twice the bytes that have come, and in all no more than the transport's budget. When that
-// is reached those of the peer silent for longest are dropped, and after 60 s without a piece any is ("R_DROP
-// ..."). What then still comes of it meets "no such message" above: the sender is not told.
+// most unless the constructor is told otherwise; then one is forgotten, "R_FORGET RECEIVER:%s": of those that
+// have never completed a message the one silent for longest, and only without any such of the others.
+// Unfinished messages: 16 for each receiver, of each no more than twice the bytes that have come, and in all
+// no more than the transport's budget. When that is reached those of the peer silent for longest are dropped,
+// and after 60 s without a piece any is ("R_DROP ..."). What then still comes of it meets "no such message"
+// above: the sender is not told.
 //
 // Threads. One thread, started by startThread(), runs loop() and owns everything but the message queue and
 // the stop request. recvEvent() is called on it. send() and queueMessage() are for any other thread: on a
@@ -161,8 +161,13 @@ class UDP {
   };
 
   /// receiveBudget  bytes that unfinished messages may hold; a message of more is refused
-  explicit UDP(const UdpTiming& timing = UdpTiming(), size_t receiveBudget = udp::kReceiveBudget)
-      : m_memory(receiveBudget), m_timing(timing), m_requests(udp::kSendQueueMessages) {}
+  /// receivers      how many of those that something comes from are remembered; at least 1
+  explicit UDP(const UdpTiming& timing = UdpTiming(), size_t receiveBudget = udp::kReceiveBudget,
+               size_t receivers = udp::kMaxReceivers)
+      : m_memory(receiveBudget),
+        m_timing(timing),
+        m_maxReceivers(receivers),
+        m_requests(udp::kSendQueueMessages) {}
 
   /// An event of the transport, a UdpEvent. Transport thread: while it runs, nothing is sent or received.
   ///
@@ -184,12 +189,12 @@ class UDP {
   ///
   /// address, port  what the log line shows as configured; the address is text
   ///
-  /// Returns 0; or -1 after one ERROR line, with everything released.
+  /// Returns 0; or -1 with errno set after one ERROR line, with everything released.
   int createSocket(const sockaddr_in& local, const char* address, int port);
 
   /// Starts the joinable transport thread as entry(argument). The entry calls loop() and returns when that
-  /// does. Returns 0; or -1 after one ERROR line, and then the caller still has the socket (stop() closes
-  /// it).
+  /// does. Returns 0; or -1 with errno set after one ERROR line, and then the caller still has the socket
+  /// (stop() closes it).
   int startThread(void* (*entry)(void*), void* argument);
 
   /// Runs the transport until stop() is called. Transport thread, once. Returns 0, or -1 when the timers'
@@ -301,6 +306,7 @@ class UDP {
   void removeReceiver(const Receiver& receiver);
 
   const UdpTiming m_timing;
+  const size_t m_maxReceivers;
 
   // Shared with callers.
   BoundedQueue<std::unique_ptr<SendPack>> m_requests;  // 10 messages; guards itself

@@ -36,7 +36,7 @@ constexpr uint32_t kReacknowledged = 5;      // sequence numbers back from the e
 constexpr int kRetransmitMs = 500;           // milliseconds from a send to the next send of the same packet
 constexpr int kMaxRetransmissions = 5;       // after the first send: six sends in all
 constexpr unsigned kSendQueueMessages = 10;  // messages that may wait for the transport thread
-constexpr size_t kMaxReceivers = 65536;      // peers; beyond, one is forgotten
+constexpr size_t kMaxReceivers = 65536;      // peers, unless told otherwise; beyond, one is forgotten
 constexpr size_t kMaxPartialMessages = 16;   // per peer; a well-formed sender never has more than one
 constexpr size_t kReceiveBudget =
     64 << 20;  // bytes of unfinished messages in a transport, unless told otherwise

@@ -195,7 +195,7 @@ void UDP::dropExpiredMessages(int64_t now) {
 }
 
 UDP::Receiver& UDP::createReceiver(const sockaddr_in& from, bool completed) {
-  if (m_receivers.size() >= udp::kMaxReceivers) {
+  if (m_receivers.size() >= m_maxReceivers) {
     const Receiver& silent = *(m_strangers.empty() ? m_proven : m_strangers).front();
     LOG_WARN_IN("processReceive", __LINE__, "R_FORGET RECEIVER:%s", receiverText(&silent).c_str());
     removeReceiver(silent);

@@ -19,7 +19,10 @@ struct Endpoint : UDP {
     Bytes message;
   };
   explicit Endpoint(int intervalMs = 25) : UDP(UdpTiming{nowMs, intervalMs}) {
-    const auto entry = [](void* self) -> void* { return static_cast<Endpoint*>(self)->loop(), nullptr; };
+    const auto entry = [](void* self) -> void* {
+      EXPECT_EQ(static_cast<Endpoint*>(self)->loop(), 0);
+      return nullptr;
+    };
     EXPECT_TRUE(createSocket(loopback(), "127.0.0.1", 0) == 0 && startThread(entry, this) == 0);
   }
   ~Endpoint() override { stop(); }

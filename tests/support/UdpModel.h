@@ -47,7 +47,7 @@ inline Bytes pattern(int64_t id, uint32_t from, uint32_t length) {
 
 class Model {
  public:
-  explicit Model(size_t budget) : m_budget(budget) {}
+  Model(size_t budget, size_t receivers) : m_budget(budget), m_maxReceivers(receivers) {}
 
   struct Message {
     uint16_t port;
@@ -63,7 +63,8 @@ class Model {
     while (const Session* oldest = oldestSession()) {
       if (now - oldest->last < 60000) break;
       line(5, "R_DROP unfinished session:%d, no piece for %d ms RS:%s");
-      drop(m_receivers.at(oldest->port), oldest->id);
+      auto& sessions = m_receivers.at(oldest->port).sessions;
+      sessions.erase(sessions.begin() + (oldest - sessions.data()));
     }
     const bool taken = pump();
     if (!m_timers.empty() && m_timers[0]->expiry <= now) return fire();
@@ -215,6 +216,7 @@ class Model {
     if (packet.type == 4) {
       const bool completed = r != nullptr && r->completed;
       if (r != nullptr && r->open) line(5, "R_CLEANNewSync %s RS:%s");
+      if (r == nullptr && m_receivers.size() == m_maxReceivers) forgetOne();
       if (r == nullptr || r->open) {
         line(5, "R_NEW RECEIVER:%s");
         m_receivers[port] = {false, completed, 0, ++m_tick, {}};
@@ -246,11 +248,8 @@ class Model {
 
   /// False when the piece is refused.
   bool reassembled(Receiver& r, uint16_t port, const UdpPkg& p) {
-    const auto findSession = [&] {
-      return std::find_if(r.sessions.begin(), r.sessions.end(),
-                          [&](const Session& s) { return s.id == p.sessionId; });
-    };
-    auto session = findSession();
+    auto session = std::find_if(r.sessions.begin(), r.sessions.end(),
+                                [&](const Session& s) { return s.id == p.sessionId; });
     const bool known = session != r.sessions.end();
     const bool fits = uint64_t{p.offset} + p.dataLength <= p.totalLength;
     const char* const complaint = known ? "session:%d offset error:%u local:%u"
@@ -266,8 +265,7 @@ class Model {
       while (used() != 0 && used() + 128 + p.dataLength > m_budget) {
         if (!dropSilentest(r)) return line(6, complaint), false;
       }
-      r.sessions.push_back({port, p.sessionId, p.totalLength, "", 0, 0, 0});
-      session = findSession();
+      session = r.sessions.insert(session, {port, p.sessionId, p.totalLength, "", 0, 0, 0});
     }
     if (!known && session == r.sessions.end()) {  // a message in one piece, or one that has not begun
       if (p.dataLength == p.totalLength) completed(r, port, p.sessionId, payload);
@@ -294,6 +292,14 @@ class Model {
     r.completed = true;
     event(UDP_EVENT_DATA, port, id, message);
   }
+  void forgetOne() {
+    line(5, "R_FORGET RECEIVER:%s");
+    const auto worth = [](const auto& entry) {
+      return std::pair(entry.second.completed, entry.second.heard);
+    };
+    m_receivers.erase(std::min_element(m_receivers.begin(), m_receivers.end(),
+                                       [&](auto& a, auto& b) { return worth(a) < worth(b); }));
+  }
   bool dropSilentest(const Receiver& except) {
     Receiver* silent = nullptr;
     for (auto& [port, r] : m_receivers) {
@@ -303,10 +309,6 @@ class Model {
     line(5, "R_DROP unfinished messages, others need their room RS:%s");
     silent->sessions.clear();
     return true;
-  }
-  void drop(Receiver& r, int64_t id) {
-    r.sessions.erase(std::find_if(r.sessions.begin(), r.sessions.end(),
-                                  [id](const Session& session) { return session.id == id; }));
   }
   const Session* oldestSession() const {
     const Session* oldest = nullptr;
@@ -318,7 +320,7 @@ class Model {
     return oldest;
   }
 
-  const size_t m_budget;
+  const size_t m_budget, m_maxReceivers;
   std::map<uint64_t, Sender> m_senders;
   std::map<uint16_t, Receiver> m_receivers;
   std::vector<Packet*> m_timers;
@@ -327,7 +329,7 @@ class Model {
 
 /// The transport, with its inner state within reach.
 struct Subject : UDP {
-  explicit Subject(size_t budget) : UDP(UdpTiming{[] { return g_wrap.now; }, 500}, budget) {
+  Subject(size_t budget, size_t receivers) : UDP({[] { return g_wrap.now; }, 500}, budget, receivers) {
     createSocket(loopback(), "", 0);
     g_wrap.trace.clear();
   }
@@ -345,7 +347,8 @@ struct Subject : UDP {
 /// Both side by side.
 class Pair {
  public:
-  explicit Pair(size_t budget) : m_model(budget), m_budget(budget), m_subject(start(budget)) {}
+  Pair(size_t budget, size_t receivers)
+      : m_model(budget, receivers), m_budget(budget), m_subject(start(budget), receivers) {}
 
   void setTime(int64_t now) { m_model.now = g_wrap.now = now; }
   void send(uint16_t port, int64_t id, uint32_t length) {
@@ -392,7 +395,8 @@ inline void play(const uint8_t* bytes, size_t size) {
     int64_t id = 1;
   } streams[3];
   Choices choose(bytes, size);
-  Pair pair(6000 + 1000 * choose.below(4));
+  const uint32_t limits = choose.byte();
+  Pair pair(6000 + limits % 4 * 1000, 3 - limits / 4 % 3);
   int64_t now = 1000000, id = 1;
   pair.setTime(now);
   while (choose.more()) {

@@ -41,7 +41,7 @@ struct UdpStory : testing::Test {
     return trace.find("to " + std::to_string(port) + " ") != Bytes::npos ? 1 : 0;
   }
   UdpStory() { pair.setTime(1); }
-  Pair pair{udp::kReceiveBudget};
+  Pair pair{udp::kReceiveBudget, udp::kMaxReceivers};
 };
 
 TEST_F(UdpStory, FiveOutstandingSixSendsHalfASecondApartAndAPacketThatBoundsItsSender) {
@@ -76,30 +76,6 @@ TEST_F(UdpStory, LimitsAreKeptAndRefusedPiecesAreNotAcknowledged) {
   EXPECT_EQ(at(60000), "wait 1\n");
   EXPECT_EQ(at(60001), "wait -1\n") << "unfinished messages do not stay for ever";
   EXPECT_EQ(say(1, 1, 0x80000011, 0, 2000, 1000, 17), 1);
-}
-
-TEST(UdpPeers, ThoseThatHaveCompletedAMessageAreForgottenLast) {
-  g_wrap = Wrap();
-  Subject subject(udp::kReceiveBudget);
-  const auto say = [&](uint32_t host, int type, uint32_t sequence) {
-    sockaddr_in from = loopback(7);
-    from.sin_addr.s_addr = htonl(host);
-    g_wrap.trace.clear();
-    g_wrap.inbox.emplace_back(from, datagram(type, sequence, 0, 1, type == 1 ? pattern(7, 0, 1) : ""));
-    subject.startLoop();
-    return g_wrap.trace;
-  };
-  const auto isKnown = [&](uint32_t host) { return say(host, 1, 5).find("R_IGNORERecvSEQ") != Bytes::npos; };
-  for (uint32_t host = 1; host <= 65536; ++host) say(host, 4, 10);
-  say(1, 1, 11);  // this one completes a message
-  say(2, 4, 10);  // and this one was just heard
-  EXPECT_EQ(say(70000, 4, 10).find("5R_FORGET RECEIVER:%s"), 0U);
-  EXPECT_TRUE(!isKnown(3) && isKnown(4) && isKnown(2));
-  for (uint32_t host = 80000; host < 80000 + 65535; ++host) say(host, 4, 10);
-  EXPECT_TRUE(isKnown(1) && isKnown(80000) && !isKnown(2) && !isKnown(70000));
-  EXPECT_EQ(say(1, 4, 10).find("5R_CLEANNewSync"), 0U);
-  for (uint32_t host = 200000; host < 200000 + 65536; ++host) say(host, 4, 10);
-  EXPECT_TRUE(isKnown(1)) << "although its direction began anew";
 }
 
 }  // namespace
