@@ -20,7 +20,9 @@ int UDP::createSocket(const sockaddr_in& local, const char* address, int port) {
   m_interval = m_timing.intervalMs;
   srand(static_cast<unsigned>(time(nullptr)));  // kept, although nothing here draws a random number
   if (m_wake.open() != 0) {
-    LOG_ERROR("Create pipe failed errno:%d", errno);
+    const int error = errno;
+    LOG_ERROR("Create pipe failed errno:%d", error);
+    errno = error;
     return -1;
   }
   // Non-blocking, for sends: a full socket loses the datagram, and its timer sends it again.
@@ -28,9 +30,11 @@ int UDP::createSocket(const sockaddr_in& local, const char* address, int port) {
   socklen_t length = sizeof(m_local);
   if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0 ||
       getsockname(fd, reinterpret_cast<sockaddr*>(&m_local), &length) != 0) {
-    LOG_ERROR("Create socket failed fd:%d %s errno:%d", fd, addressText(local).c_str(), errno);
+    const int error = errno;
+    LOG_ERROR("Create socket failed fd:%d %s errno:%d", fd, addressText(local).c_str(), error);
     if (fd >= 0) closeDescriptor(fd);
     m_wake.close();
+    errno = error;
     return -1;
   }
   m_fd = fd;
@@ -43,6 +47,7 @@ int UDP::startThread(void* (*entry)(void*), void* argument) {
   const int error = pthread_create(&m_thread, nullptr, entry, argument);
   if (error != 0) {
     LOG_ERROR("Start thread failed ret:%d", error);
+    errno = error;
     return -1;
   }
   m_threadStarted = true;

@@ -32,6 +32,7 @@ class DatagramClient : public Client {
   bool m_hasAcknowledged = false;              // anything, ever: somebody is there
   int64_t m_acknowledgeBy = INT64_MAX;         // until then it has to, or it is forgotten
   std::deque<UdpMailbox::Message> m_deferred;  // requests that came while it was busy
+  size_t m_deferredBytes = 0;                  // of these
   std::deque<std::string> m_waiting;
   size_t m_inFlight = 0;
   std::unique_ptr<UdpReplier> m_replier;  // made for the first reply

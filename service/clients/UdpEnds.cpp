@@ -1,7 +1,5 @@
 #include "service/clients/UdpEnds.h"
 
-#include <cerrno>
-
 namespace service {
 namespace {
 
@@ -28,7 +26,6 @@ UdpInbox::~UdpInbox() {
 }
 
 bool UdpInbox::listen(const sockaddr_in& address) {
-  errno = 0;
   return open(*this, address);
 }
 
@@ -36,7 +33,7 @@ int UdpReplier::recvEvent(int event, const sockaddr_in& /*peer*/, int64_t /*sess
                           const uint8_t* /*data*/, uint32_t /*len*/) {
   if (event == UDP_EVENT_SESSION_FINISH) m_mailbox.put({m_serial, false});
   if (event == UDP_EVENT_TIMEOUT) m_mailbox.put({m_serial, true});
-  return 0;  // nobody has business to send data here
+  return 0;
 }
 
 UdpReplier::~UdpReplier() {

@@ -28,12 +28,12 @@ class UdpInbox : public UDP {
   UdpMailbox& m_mailbox;
 };
 
-/// Sends replies to one peer.
+/// Sends replies to one peer. Nobody has business to send messages to it, so that it has no room for them.
 class UdpReplier : public UDP {
  public:
   /// serial  names it in the mailbox
   UdpReplier(UdpMailbox& mailbox, uint64_t serial, const UdpTiming& timing)
-      : UDP(timing), m_mailbox(mailbox), m_serial(serial) {}
+      : UDP(timing, 0, 1), m_mailbox(mailbox), m_serial(serial) {}
   ~UdpReplier() override;
   int recvEvent(int event, const sockaddr_in& peer, int64_t sessionId, const uint8_t* data,
                 uint32_t len) override;

@@ -37,12 +37,18 @@ void UdpMailbox::put(const Delivery& delivery) {
   ring();
 }
 
-UdpMailbox::Contents UdpMailbox::take() {
+UdpMailbox::Contents UdpMailbox::take(bool messagesToo) {
   uint64_t rings = 0;
   [[maybe_unused]] const ssize_t got = read(m_event.get(), &rings, sizeof(rings));
   const std::lock_guard<std::mutex> lock(m_lock);
-  m_bytes = 0;
-  return std::exchange(m_contents, {});
+  Contents taken = std::exchange(m_contents, {});
+  if (messagesToo) {
+    m_bytes = 0;
+  } else {
+    m_contents.messages.swap(taken.messages);
+    if (!m_contents.messages.empty()) ring();
+  }
+  return taken;
 }
 
 }  // namespace service

@@ -43,8 +43,8 @@ class UdpMailbox {
   void put(const sockaddr_in& from, const uint8_t* data, uint32_t length);
   void put(const Delivery& delivery);
 
-  /// Everything in the box, in order of arrival.
-  Contents take();
+  /// What is in the box, in order of arrival; without `messagesToo` they stay, and so do their bounds.
+  Contents take(bool messagesToo);
 
  private:
   void ring() const;

@@ -32,7 +32,8 @@ bool UdpPort::start(const sockaddr_in& address, std::string& problem) {
 }
 
 void UdpPort::receive(int64_t now) {
-  UdpMailbox::Contents contents = m_mailbox.take();
+  // Others stay where they are counted until those that were taken have had their turn.
+  UdpMailbox::Contents contents = m_mailbox.take(m_arrived.empty());
   if (contents.dropped != 0) {
     m_log.warning(fmt::format("dropped {} UDP messages: more than could be kept", contents.dropped));
   }
@@ -68,8 +69,11 @@ int64_t UdpPort::nextDue() const {
 bool UdpPort::request(UdpMailbox::Message message, int64_t now) {
   const auto known = m_peers.find(peerKey(message.from));
   if (known != m_peers.end() && known->second->isBusy()) {  // answers come in the order of the requests
-    std::deque<UdpMailbox::Message>& deferred = known->second->m_deferred;
-    if (deferred.size() < kMaxUdpDeferred) deferred.push_back(std::move(message));
+    DatagramClient& peer = *known->second;
+    const size_t bytes = peer.m_deferredBytes + message.bytes.size();
+    if (peer.m_deferred.size() >= kMaxUdpDeferred || bytes > kMaxUdpDeferredBytes) return true;
+    peer.m_deferredBytes = bytes;
+    peer.m_deferred.push_back(std::move(message));
     return true;
   }
   RequestPacket packet;
@@ -165,6 +169,7 @@ void UdpPort::resume(DatagramClient& peer, int64_t now) {
   for (; !peer.m_deferred.empty(); peer.m_deferred.pop_back()) {
     m_arrived.push_front(std::move(peer.m_deferred.back()));
   }
+  peer.m_deferredBytes = 0;
   sendOn(peer, now);
 }
 

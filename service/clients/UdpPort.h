@@ -42,6 +42,7 @@ constexpr int kFirstReplySends = 3;
 constexpr size_t kUdpRequestsPerRound = 64;
 /// Requests that wait while one of the same peer is being carried out; more are dropped.
 constexpr size_t kMaxUdpDeferred = 1024;
+constexpr size_t kMaxUdpDeferredBytes = size_t{1024} * 1024;
 
 class UdpPort {
  public:

@@ -262,6 +262,18 @@ TEST(ServiceServer, AConnectionThatHasChangedHandsIsRefused) {
   for (const int fd : {names[0], names[1], results[0], results[1]}) close(fd);
 }
 
+TEST(ServiceUdp, WhatWaitsInTheMailboxIsBounded) {
+  service::UdpMailbox box;
+  const std::vector<uint8_t> half(service::kMaxMailboxBytes / 2);
+  for (int i = 0; i < 2; ++i) box.put(loopback(), half.data(), half.size());
+  EXPECT_TRUE(box.take(false).messages.empty());
+  box.put(loopback(), half.data(), 1);
+  pollfd ready{box.fd(), POLLIN, 0};
+  EXPECT_EQ(poll(&ready, 1, 0), 1);
+  const auto taken = box.take(true);
+  EXPECT_TRUE(taken.messages.size() == 2 && taken.dropped == 1);
+}
+
 TEST(ServiceUdp, APeerIsKnownAsLongAsItIsHeardOf) {
   ServerOptions options;
   options.udpLimits.ageMs = 1000;
