@@ -39,7 +39,7 @@ buildPackages=(g++ lld cmake ninja-build protobuf-compiler libprotobuf-dev andro
   openjdk-17-jdk-headless libjetbrains-annotations-java libcli11-dev libfmt-dev nlohmann-json3-dev)
 # What the tests need beside that.
 testPackages=(clang llvm clang-format clang-tidy cppcheck libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libenet-dev
-  zlib1g-dev junit4 valgrind proguard-cli android-libnativehelper-dev mscgen tshark groff-base man-db pkg-config systemd)
+  zlib1g-dev junit4 valgrind proguard-cli android-libnativehelper-dev mscgen tshark libxml2-utils groff-base man-db pkg-config systemd)
 
 # useJava17: points JAVA_HOME and PATH at Debian's OpenJDK 17, whatever other Java the machine has; without it at any
 # JDK from 17 on that JAVA_HOME or PATH leads to.

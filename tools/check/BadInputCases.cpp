@@ -78,7 +78,7 @@ void wrongVersion(Check& check) {
     }
     bystander.look();
   }
-  check.came("no answer");
+  check.came("not served");
 }
 
 void unknownRequest(Check& check) {

@@ -26,6 +26,7 @@ struct Settings {
   int64_t quietMs = 300;          // how long to listen for what must not come
   int64_t pushWithinMs = 1500;    // how long to wait for pushes
   int clients = 32;               // how many at once
+  int attempts = 3;               // over UDP, where datagrams get lost: until a case fails for good
   bool destructive = false;
   std::set<uint16_t> silent;  // requests that the service does not answer; found out by survey()
 };

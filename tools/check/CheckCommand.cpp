@@ -9,11 +9,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <memory>
 
 #include "shared/Text.h"
 #include "tools/check/Check.h"
 #include "tools/check/Reports.h"
+#include "tools/check/SelfTest.h"
 #include "tools/cli/Values.h"
 
 namespace check {
@@ -25,16 +27,24 @@ const char kAbout[] =
 const char kFooter[] =
     "\nA case passes, fails, is skipped when it cannot be tried, or passes with notes: the service does\n"
     "something else than the reference service, which is lawful. Effects are tried on a thread of this\n"
-    "program. Cases that may harm the service or its other clients need --destructive. --answer-within is\n"
-    "2000 here unless given, over UDP 4000.\n"
+    "program. Cases that may harm the service or its other clients need --destructive. Over UDP, where\n"
+    "datagrams get lost, a case that fails is tried again, twice; one that passes then has a note.\n"
+    "--answer-within is 2000 here unless given, over UDP 4000.\n"
+    "\n--self-test examines the checker instead: each case is tried on small services of its own, one that "
+    "is\n"
+    "right and one or more that do one thing wrong. A line for each says whether the case noticed; a "
+    "failure\n"
+    "means that the checker cannot be relied on here.\n"
     "\nExamples:\n"
     "  tarnbooster check --socket demo\n"
     "  tarnbooster check --udp 127.0.0.1:4711 --brief\n"
     "  tarnbooster check 'framing.*' answers.in-order 12 --skip '*.large-body'\n"
     "  tarnbooster check --strict --junit check.xml\n"
     "  tarnbooster check --list\n"
+    "  tarnbooster check --self-test --brief\n"
     "\nExit codes: 0 no case has failed, 1 one has (or, with --strict, has notes), 2 wrong options,\n"
-    "3 no service is there, 7 the output could not be written.\n";
+    "3 no service is there, 7 the output could not be written. With --self-test: 0 every case found what it\n"
+    "is there for, 1 one did not.\n";
 
 /// Longer than the transport tries to deliver a datagram.
 constexpr int64_t kUdpAnswerMs = 4000;
@@ -43,7 +53,7 @@ struct Options {
   Settings settings;
   std::vector<std::string> chosen, skipped;
   std::string junit;
-  bool list = false, strict = false, brief = false;
+  bool list = false, strict = false, brief = false, selfTest = false;
 };
 
 bool matches(const std::vector<std::string>& patterns, int number, const char* name) {
@@ -60,8 +70,9 @@ std::vector<int> choose(const Options& options) {
     const Case& which = allCases()[static_cast<size_t>(number - 1)];
     if (!options.chosen.empty() && !matches(options.chosen, number, which.name)) continue;
     if (matches(options.skipped, number, which.name)) continue;
-    if (!options.list && (which.flags & transport) == 0) continue;
-    if (!options.list && (which.flags & DESTRUCTIVE) != 0 && !options.settings.destructive) continue;
+    const bool all = options.list || options.selfTest;
+    if (!all && (which.flags & transport) == 0) continue;
+    if (!all && (which.flags & DESTRUCTIVE) != 0 && !options.settings.destructive) continue;
     numbers.push_back(number);
   }
   return numbers;
@@ -100,32 +111,60 @@ bool write(const std::string& path, const std::string& text) {
   return false;
 }
 
+/// What is to be run, one after the other: cases on a service, or trials of the checker.
+struct Step {
+  const Case* which;
+  std::function<Result()> run;
+};
+
+std::vector<Step> stepsOf(const Options& options, const std::vector<int>& numbers) {
+  std::vector<Step> steps;
+  for (const int number : numbers) {
+    if (options.selfTest) {
+      for (const Trial& trial : allTrials()) {
+        if (trial.number == number) steps.push_back({&trial.shown, [&trial] { return runTrial(trial); }});
+      }
+      continue;
+    }
+    const Case& which = allCases()[static_cast<size_t>(number - 1)];
+    steps.push_back(
+        {&which, [&which, &options, number] { return runCase(number, which, options.settings); }});
+  }
+  return steps;
+}
+
 int run(Options& options, const cli::Program& program) {
   if (options.list) return list(options);
   options.settings.target = program.target;
-  const std::vector<int> numbers = choose(options);
-  if (numbers.empty())
+  const std::vector<Step> steps = stepsOf(options, choose(options));
+  if (steps.empty())
     return cli::fail(cli::EXIT_USAGE, "no case is left to try: --list shows all, and what each needs");
-  std::string problem;
-  if (client::connectTo(program.target, problem) == nullptr) return cli::fail(cli::EXIT_NO_SERVICE, problem);
-  survey(options.settings);
+  if (!options.selfTest) {
+    std::string problem;
+    if (client::connectTo(program.target, problem) == nullptr)
+      return cli::fail(cli::EXIT_NO_SERVICE, problem);
+    survey(options.settings);
+  }
   std::vector<Result> results;
   Totals totals;
   bool written = true;
   const int64_t start = client::steadyMs();
-  for (const int number : numbers) {
-    const Case& which = allCases()[static_cast<size_t>(number - 1)];
-    showProgress(which, results.size(), numbers.size());
-    results.push_back(runCase(number, which, options.settings));
+  for (const Step& step : steps) {
+    showProgress(*step.which, results.size(), steps.size());
+    results.push_back(step.run());
     totals.add(results.back().verdict);
     endProgress();
-    written = cli::writeOut(program.json ? jsonOf(results.back()) : textOf(results.back(), options.brief)) &&
+    const Result& result = results.back();
+    written = cli::writeOut(program.json ? jsonOf(result)
+                                         : textOf(result, options.brief, options.selfTest ? 46 : 28)) &&
               written;
   }
   const int64_t took = client::steadyMs() - start;
-  written = cli::writeOut(program.json ? jsonOf(totals, took) : textOf(totals, took)) && written;
+  const char* const what = options.selfTest ? "trials" : "cases";
+  written = cli::writeOut(program.json ? jsonOf(totals, took) : textOf(totals, took, what)) && written;
   if (!options.junit.empty()) {
-    written = write(options.junit, junitOf(results, program.target.text(), options.strict)) && written;
+    const std::string on = options.selfTest ? "--self-test" : program.target.text();
+    written = write(options.junit, junitOf(results, on, options.strict)) && written;
   }
   if (!written) return cli::EXIT_OUTPUT;
   return totals.failed > 0 || (options.strict && totals.noted > 0) ? cli::EXIT_REFUSED : cli::EXIT_ANSWERED;
@@ -146,6 +185,8 @@ void addCheckCommand(CLI::App& app, cli::Program& program) {
       ->type_name("CASE")
       ->allow_extra_args(false);
   sub->add_flag("--list", options->list, "List the cases, and try none");
+  sub->add_flag("--self-test", options->selfTest,
+                "Prove the checker: does each case notice a service that is wrong?");
   sub->add_flag("--strict", options->strict, "A case with notes counts as failed");
   sub->add_flag("--brief", options->brief, "One line for each case that passes");
   sub->add_flag("--destructive", settings.destructive,
@@ -165,6 +206,8 @@ void addCheckCommand(CLI::App& app, cli::Program& program) {
       ->capture_default_str()
       ->check(cli::decimal(1, 60000));
   sub->callback([&app, options, &program] {
+    if (options->selfTest && app.count("--socket") + app.count("--udp") > 0)
+      throw CLI::ValidationError("--self-test tries services of its own: leave --socket and --udp out");
     if (app.count("--udp") > 0) options->settings.answerWithinMs = kUdpAnswerMs;
     if (app.count("--answer-within") > 0) options->settings.answerWithinMs = program.how.answerWithinMs;
     program.run = [options, &program] { return run(*options, program); };

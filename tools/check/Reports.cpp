@@ -67,17 +67,17 @@ void Totals::add(Verdict verdict) {
   }
 }
 
-std::string textOf(const Result& result, bool brief) {
+std::string textOf(const Result& result, bool brief, int nameWidth) {
   std::string text =
-      fmt::format("{:3} {:28} {}", result.number, result.which->name, verdictWord(result.verdict));
+      fmt::format("{:3} {:{}} {}", result.number, result.which->name, nameWidth, verdictWord(result.verdict));
   if (result.verdict == Verdict::SKIP) return text + ": " + result.came + "\n";
   if (brief && result.verdict == Verdict::PASS) return text + "\n";
   return text + "\n" + detailsOf(result, "      ");
 }
 
-std::string textOf(const Totals& totals, int64_t tookMs) {
-  return fmt::format("{} cases: {} passed, {} passed with notes, {} failed, {} skipped, in {:.1f} s\n",
-                     totals.passed + totals.noted + totals.failed + totals.skipped, totals.passed,
+std::string textOf(const Totals& totals, int64_t tookMs, const char* what) {
+  return fmt::format("{} {}: {} passed, {} passed with notes, {} failed, {} skipped, in {:.1f} s\n",
+                     totals.passed + totals.noted + totals.failed + totals.skipped, what, totals.passed,
                      totals.noted, totals.failed, totals.skipped, seconds(tookMs));
 }
 

@@ -15,9 +15,11 @@ struct Totals {
 };
 
 /// A case as lines of text.
-/// brief  one line, unless it has failed or has notes
-std::string textOf(const Result& result, bool brief);
-std::string textOf(const Totals& totals, int64_t tookMs);
+/// brief      one line, unless it has failed or has notes
+/// nameWidth  columns for the name
+std::string textOf(const Result& result, bool brief, int nameWidth);
+/// what  they are counts of: "cases"
+std::string textOf(const Totals& totals, int64_t tookMs, const char* what);
 
 /// A case as one JSON object.
 std::string jsonOf(const Result& result);
