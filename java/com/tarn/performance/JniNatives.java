@@ -1,7 +1,8 @@
 package com.tarn.performance;
 
-import java.io.File;
+import java.io.FileInputStream;
 import java.io.IOException;
+import java.io.InputStream;
 
 /** The library itself. */
 final class JniNatives implements Natives {
@@ -88,8 +89,13 @@ final class JniNatives implements Natives {
 
     /** The kernel's id of the calling thread; 0 where the kernel does not tell (before Linux 3.17). */
     static int currentThreadId() {
-        try {
-            return Integer.parseInt(new File("/proc/thread-self").getCanonicalFile().getName());
+        // Not the name that the link leads to: old virtual machines keep such names for all threads for a while.
+        try (InputStream stat = new FileInputStream("/proc/thread-self/stat")) {
+            int id = 0;
+            for (int c = stat.read(); c >= '0' && c <= '9'; c = stat.read()) {
+                id = id * 10 + c - '0';
+            }
+            return id;
         } catch (IOException | RuntimeException unknown) {
             return 0;
         }
