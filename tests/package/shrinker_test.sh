@@ -8,7 +8,7 @@ read -ra java <<<"${TARN_JAVA:-${TARN_DEFAULT_JAVA:-java}}"
 
 # run NAME RULE...: shrinks the application, then runs it. The shrinker cannot read this JDK, and is told not to mind.
 run() {
-  proguard -injars "$application:$library" -outjars "$1.jar" -dontwarn -dontnote -forceprocessing \
+  proguard -injars "$application:$library" -outjars "$1.jar" -dontwarn '**' -dontnote -forceprocessing \
     -keep 'class com.tarn.example.Application { public static void main(java.lang.String[]); }' \
     "${@:2}" >"$1.log" 2>&1 || { cat "$1.log"; exit 1; }
   "${java[@]}" -Djava.library.path="$folder" -cp "$1.jar" com.tarn.example.Application >"$1.out" 2>"$1.err"
