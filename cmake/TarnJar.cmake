@@ -20,8 +20,8 @@ endif()
 #
 # Builds NAME.jar for Java RELEASE into the current build folder; its path is the property TARN_JAR of TARGET. OPTIONS
 # go to javac, FILES (relative to the source folder) into the jar as they are. The jar holds no time of its own, so
-# equal sources give equal jars. PUBLISHED makes NAME-sources.jar and NAME-javadoc.jar, too, by the target
-# TARGET_published, which the default build leaves out.
+# equal sources give equal jars. PUBLISHED puts the project's version into the jar, and makes NAME-sources.jar and
+# NAME-javadoc.jar, too, by the target TARGET_published, which the default build leaves out.
 function(tarn_jar target name release)
   cmake_parse_arguments(PARSE_ARGV 3 arg "PUBLISHED" "MAIN" "SOURCES;OPTIONS;CLASSPATH;FILES")
   set(classes ${CMAKE_CURRENT_BINARY_DIR}/${name}.classes)
@@ -36,14 +36,21 @@ function(tarn_jar target name release)
   if(arg_MAIN)
     set(main --main-class=${arg_MAIN})
   endif()
+  if(arg_PUBLISHED)
+    file(CONFIGURE OUTPUT ${name}.manifest
+      CONTENT "Implementation-Title: ${name}\nImplementation-Version: ${PROJECT_VERSION}\n")
+    set(manifestFile ${CMAKE_CURRENT_BINARY_DIR}/${name}.manifest)
+    set(manifest --manifest=${manifestFile})
+  endif()
   # -options: that release 8 is old is known, and wanted.
   add_custom_command(
     OUTPUT ${jar}
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${classes}
     COMMAND ${TARNBOOSTER_JAVAC} --release ${release} -encoding UTF-8 -g -Xlint:all,-options -Werror -implicit:none
       ${arg_OPTIONS} -cp "${classpath}" -d ${classes} ${arg_SOURCES}
-    COMMAND ${TARNBOOSTER_JAR} --create --file ${jar} --date=2024-01-01T00:00:00Z ${main} ${contents} -C ${classes} .
-    DEPENDS ${arg_SOURCES} ${arg_CLASSPATH} ${arg_FILES}
+    COMMAND ${TARNBOOSTER_JAR} --create --file ${jar} --date=2024-01-01T00:00:00Z ${main} ${manifest}
+      ${contents} -C ${classes} .
+    DEPENDS ${arg_SOURCES} ${arg_CLASSPATH} ${arg_FILES} ${manifestFile}
     VERBATIM COMMENT "Building ${name}.jar")
   add_custom_target(${target} ALL DEPENDS ${jar})
   set_target_properties(${target} PROPERTIES TARN_JAR ${jar})

@@ -7,8 +7,8 @@ if [ $# -ne 1 ] || [ "$1" = --help ]; then
   cat <<'HELP'
 usage: scripts/check-aar.sh AAR
 
-Checks an Android package: its files and no others, the manifest's minimum API level, classes for Java 8 with
-the natives and onData, rules for the shrinker, for each ABI a library fit to be loaded (scripts/check-library.sh),
+Checks an Android package: its files and no others, the manifest's minimum API level, classes of this
+version for Java 8 with the natives and onData, rules for the shrinker, for each ABI a library fit to be loaded (scripts/check-library.sh),
 the same one for native code, with the header and descriptions that Prefab reads. Exit status 0 when all is well.
 HELP
   [ $# -eq 1 ]
@@ -44,6 +44,7 @@ mkdir classes && (cd classes && jar --extract --file ../classes.jar)
 find classes -name '*.class' -print0 | while IFS= read -r -d '' class; do
   [ "$(od -An -j6 -N2 -tu1 "$class" | tr -d ' ')" = 052 ] || die "$class is not for Java 8"
 done
+grep -q "^Implementation-Version: $(projectVersion)" classes/META-INF/MANIFEST.MF || die "the classes are of another version"
 natives=$(javap -p -cp classes com.tarn.performance.TarnBoosterJNI)
 [ "$(grep -c ' native ' <<<"$natives")" -eq 23 ] || die "the class has not the 23 natives"
 grep -q 'static void onData(int, long, int, int, int, byte\[\])' <<<"$natives" || die "the class has no onData"
