@@ -119,6 +119,13 @@ endService() {
   servicePid=
 }
 
+# inShell WORD...: the command as one types it.
+inShell() {
+  local words
+  printf -v words '%q ' "$@"
+  printf '%s' "${words% }"
+}
+
 say "starting the service, then the application"
 startService --push-on-register "7:application not responding"
 mkfifo "$work/toApp" "$work/fromApp"
@@ -176,7 +183,7 @@ cat <<END
 
 Now try, in two terminals. End the service with Ctrl-C and start it again, and see the boost come back:
 
-  $build/service/tarnbooster-service --name try --push-on-register 7:hello
+  $(inShell "${emulatorCommand[@]}" "$build/service/tarnbooster-service" --name try --push-on-register 7:hello)
 
-  ${application[*]} --hold try
+  $(inShell "${application[@]}" --hold try)
 END
