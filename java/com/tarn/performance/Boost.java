@@ -22,6 +22,7 @@ public final class Boost implements Closeable {
     boolean asked; // the present connection was given a request for this boost, and no cancel since
     boolean everAsked;
     boolean refused;
+    boolean partly; // the latest request for it was served in part
     int status;
     long stamp; // of the latest request for it
     long servedUntil; // when the service's time for it is up, if asked
@@ -46,7 +47,7 @@ public final class Boost implements Closeable {
         return core.stateOf(this);
     }
 
-    /** @return the service's own status if it has refused, otherwise 0 */
+    /** @return the service's own status if it has refused or served a part only, otherwise 0 */
     @NonBlocking
     public int status() {
         return core.statusOf(this);
@@ -92,6 +93,9 @@ public final class Boost implements Closeable {
         if (!isOpen(now)) {
             return everAsked ? BoosterCodes.BOOST_ENDED : BoosterCodes.BOOST_NOT_SENT;
         }
-        return asked ? BoosterCodes.BOOST_SENT : BoosterCodes.BOOST_PENDING;
+        if (!asked) {
+            return BoosterCodes.BOOST_PENDING;
+        }
+        return partly ? BoosterCodes.BOOST_PARTLY : BoosterCodes.BOOST_SENT;
     }
 }

@@ -1,8 +1,12 @@
 package com.tarn.performance;
 
+import java.util.ArrayDeque;
 import java.util.ArrayList;
+import java.util.HashMap;
 import java.util.HashSet;
 import java.util.List;
+import java.util.Map;
+import java.util.Queue;
 import java.util.Set;
 import java.util.function.Consumer;
 
@@ -94,6 +98,8 @@ final class BoostTable {
     /** Call before and after the request for a boost. */
     void asking(Boost boost, long stamp) {
         boost.stamp = stamp;
+        boost.partly = false;
+        boost.status = 0;
         inFlight = boost;
     }
 
@@ -118,10 +124,19 @@ final class BoostTable {
         return firstToCancel(everything) != null;
     }
 
-    /** The next cancel that is due, or null. */
-    Cancel nextCancel(boolean everything) {
+    /** What the service holds by requests of one kind: first what is to be cancelled next. Empty if nothing is. */
+    List<Boost> heldLikeNextCancel(boolean everything) {
+        List<Boost> held = new ArrayList<>();
         Boost first = firstToCancel(everything);
-        return first == null ? null : cancelOf(first);
+        if (first != null) {
+            held.add(first);
+            for (Boost boost : boosts) {
+                if (boost != first && boost.asked && boost.functionId() == first.functionId()) {
+                    held.add(boost);
+                }
+            }
+        }
+        return held;
     }
 
     private Boost firstToCancel(boolean everything) {
@@ -133,43 +148,37 @@ final class BoostTable {
         return null;
     }
 
-    private Cancel cancelOf(Boost first) {
+    /**
+     * The cancel that takes back the first of `held` and all of it that shares a part with what is taken back.
+     * Without the lock, since that may be many threads of many boosts.
+     */
+    static Cancel cancelOf(List<Boost> held) {
+        Map<Integer, List<Boost>> holders = new HashMap<>(); // of each part
+        for (Boost boost : held) {
+            for (int part : boost.request().parts()) {
+                holders.computeIfAbsent(part, ignored -> new ArrayList<>()).add(boost);
+            }
+        }
         Set<Integer> parts = new HashSet<>();
         Set<Boost> taken = new HashSet<>();
-        take(first, parts, taken);
-        for (boolean grown = true; grown;) {
-            grown = false;
-            for (Boost other : boosts) {
-                if (other.asked && other.functionId() == first.functionId() && !taken.contains(other)
-                        && shares(other, parts)) {
-                    take(other, parts, taken);
-                    grown = true;
+        Queue<Boost> toTake = new ArrayDeque<>(held.subList(0, 1));
+        while (!toTake.isEmpty()) {
+            Boost boost = toTake.remove();
+            if (taken.add(boost)) {
+                for (int part : boost.request().parts()) {
+                    if (parts.add(part)) {
+                        toTake.addAll(holders.get(part));
+                    }
                 }
             }
         }
-        return new Cancel(Request.cancel(first.functionId(), parts), taken);
-    }
-
-    private static void take(Boost boost, Set<Integer> parts, Set<Boost> taken) {
-        taken.add(boost);
-        for (int part : boost.request().parts()) {
-            parts.add(part);
-        }
-    }
-
-    private static boolean shares(Boost boost, Set<Integer> parts) {
-        for (int part : boost.request().parts()) {
-            if (parts.contains(part)) {
-                return true;
-            }
-        }
-        return false;
+        return new Cancel(Request.cancel(held.get(0).functionId(), parts), taken);
     }
 
     /**
      * The library has taken a cancel over.
      *
-     * @param everything as it was for {@link #nextCancel}
+     * @param everything as it was for {@link #heldLikeNextCancel}
      */
     void cancelled(Cancel cancel, boolean everything) {
         for (Boost boost : cancel.taken) {

@@ -9,13 +9,16 @@ import org.jetbrains.annotations.NotNull;
 /**
  * The numbers of the interface, their annotations, and words for them.
  *
- * <p>An annotation at a parameter or result names the constants that may stand there; development tools check
- * it, nothing looks at it at run time.
+ * <p>An annotation at a parameter or result names the constants that may stand there; development tools that have
+ * the sources check it, nothing looks at it at run time.
  */
 public final class BoosterCodes {
     /** No library for this processor, or it could not be loaded. Final: see {@link TarnBooster#loadFailure}. */
     public static final int CONNECTION_UNAVAILABLE = 0;
-    /** No connection to the service, as far as is known. One is tried for while something is wanted. */
+    /**
+     * No connection to the service, as far as is known, or the library is still being loaded. A connection is
+     * tried for while something is wanted.
+     */
     public static final int CONNECTION_DISCONNECTED = 1;
     /** A connection stands. A service that has gone is noticed by the next request to it. */
     public static final int CONNECTION_CONNECTED = 2;
@@ -34,7 +37,10 @@ public final class BoosterCodes {
      * service is silent when it does what it was asked.
      */
     public static final int BOOST_SENT = 1;
-    /** The service refused, see {@link Boost#status}. It is not asked for this boost again. */
+    /**
+     * The service refused, see {@link Boost#status}. It is not asked for this boost again. What it may have
+     * done all the same is taken back when the boost is closed.
+     */
     public static final int BOOST_REFUSED = 2;
     /**
      * Never sent, and never will be: the boost ended before it could be; or 256 others were open, the library
@@ -43,6 +49,12 @@ public final class BoosterCodes {
     public static final int BOOST_NOT_SENT = 3;
     /** Was sent, and has ended: closed, or its time is up. */
     public static final int BOOST_ENDED = 4;
+    /**
+     * As {@link #BOOST_SENT}, but the service says that it did a part only, for example bound one of two
+     * threads: its status is that of {@link BoosterConfig.Builder#partlyStatus}. What it did holds, and is asked
+     * for again when that is lost, with the rest.
+     */
+    public static final int BOOST_PARTLY = 5;
 
     /** The request will be sent, unless no connection can be had within five seconds. */
     public static final int RESULT_ACCEPTED = 0;
@@ -94,7 +106,8 @@ public final class BoosterCodes {
     /** One of {@code BOOST_…}. */
     @Documented
     @Retention(RetentionPolicy.CLASS)
-    @MagicConstant(intValues = {BOOST_PENDING, BOOST_SENT, BOOST_REFUSED, BOOST_NOT_SENT, BOOST_ENDED})
+    @MagicConstant(
+            intValues = {BOOST_PENDING, BOOST_SENT, BOOST_REFUSED, BOOST_NOT_SENT, BOOST_ENDED, BOOST_PARTLY})
     public @interface BoostState {}
 
     /** One of {@code RESULT_…}. */
@@ -116,7 +129,8 @@ public final class BoosterCodes {
 
     private static final String[] CONNECTIONS = {
             "unavailable", "disconnected", "connected", "unresponsive", "disabled"};
-    private static final String[] BOOSTS = {"pending", "sent", "refused", "not sent", "ended"};
+    private static final String[] BOOSTS = {
+            "pending", "sent", "refused", "not sent", "ended", "sent in part"};
     private static final String[] RESULTS = {"accepted", "not started", "unavailable", "disabled", "full"};
     private static final String[] FUNCTIONS = {"permission check", "CPU boost", "cancel of CPU boosts",
             "thread boost", "cancel of thread boosts", "I/O boost", "cancel of I/O boosts",

@@ -11,6 +11,7 @@ public final class BoosterConfig {
     private final String serviceName;
     private final String localName;
     private final int retryIntervalSeconds;
+    private final int partlyStatus;
     private final boolean debugLog;
     private final LibraryLoader libraryLoader;
 
@@ -18,6 +19,7 @@ public final class BoosterConfig {
         serviceName = builder.serviceName;
         localName = builder.localName;
         retryIntervalSeconds = builder.retryIntervalSeconds;
+        partlyStatus = builder.partlyStatus;
         debugLog = builder.debugLog;
         libraryLoader = builder.libraryLoader;
     }
@@ -59,6 +61,11 @@ public final class BoosterConfig {
         return retryIntervalSeconds;
     }
 
+    /** @return the status by which the service says that it did a part; 0 if by none */
+    public int partlyStatus() {
+        return partlyStatus;
+    }
+
     /** @return whether the library writes its debug lines from the start */
     public boolean debugLog() {
         return debugLog;
@@ -93,6 +100,7 @@ public final class BoosterConfig {
         private final String serviceName;
         private String localName = "application";
         private int retryIntervalSeconds = 30;
+        private int partlyStatus = 1;
         private boolean debugLog;
         private LibraryLoader libraryLoader;
 
@@ -126,6 +134,19 @@ public final class BoosterConfig {
                 throw new IllegalArgumentException("a retry interval is 1 to 86400 s, not " + seconds);
             }
             retryIntervalSeconds = seconds;
+            return this;
+        }
+
+        /**
+         * Names the status by which the service says that it did a part of what a boost asks for. Every other
+         * status that is not 0 is a refusal.
+         *
+         * @param status 1, which the reference service uses, unless told otherwise; 0 for a service that has
+         *     none
+         * @return this
+         */
+        public @NotNull Builder partlyStatus(int status) {
+            partlyStatus = status;
             return this;
         }
 

@@ -1,9 +1,6 @@
 package com.tarn.performance;
 
-import java.util.ArrayList;
-import java.util.LinkedHashSet;
 import java.util.List;
-import java.util.Set;
 import java.util.concurrent.Executor;
 import java.util.function.Consumer;
 import java.util.function.LongSupplier;
@@ -15,13 +12,15 @@ import java.util.function.LongSupplier;
  * <p>What is wanted stands in the table of boosts and a few flags, which public methods change under the
  * lock. What was sent stands beside it. A step compares the two and makes the next request that brings them
  * together: cancels first, then boosts, the registration for events, one-shot requests, and a sign of life.
+ * {@link Link} knows the connection, {@link LibraryWatch} whether the library comes back, {@link News} what
+ * listeners have yet to hear.
  *
  * <p>What the library does not tell is found out:
  *
  * <ul>
  *   <li>The first request into a connection that has broken counts as queued, and is lost. So after every
- *       request the connection is looked at again ({@link #CHECKS}); when it has ended, the service holds
- *       nothing any more, and all that is still wanted is asked for again.
+ *       request the connection is looked at again, a few times; when it has ended, the service holds nothing
+ *       any more, and all that is still wanted is asked for again.
  *   <li>A connection breaks without a word while no request is made. So a permission check goes out as a sign
  *       of life, once in a retry interval, while the service is to hold something; and before a one-shot
  *       request after a silence, since that must neither be lost nor made twice.
@@ -35,31 +34,24 @@ import java.util.function.LongSupplier;
  */
 final class BoosterCore implements TarnBoosterListener {
     static final long MS = 1_000_000L;
-    /** A native that was entered longer ago makes the booster unresponsive. */
-    static final long UNRESPONSIVE_NANOS = 1000 * MS;
     static final int MAX_NAMES = 256;
-    /** When the connection is looked at after a request: a write that fails ends it within moments. */
-    private static final long[] CHECKS = {10 * MS, 100 * MS, 1000 * MS};
-    /** A request that is made once goes over a connection that was found alive no longer ago than this. */
-    private static final long PROOF_LASTS = 1000 * MS;
-    /** The library counts its interval on another clock, in whole milliseconds. */
-    private static final long INTERVAL_MARGIN = 50 * MS;
+
     private enum Phase { NEW, LOADING, CONFIGURING, READY, UNAVAILABLE }
 
     private final LongSupplier clock; // nanoseconds that never step
     private final Listeners listeners = new Listeners();
     private final Object deliveryLock = new Object(); // keeps deliveries in order; taken before `lock`
     private final Object lock = new Object(); // guards all below
+    private final LibraryWatch watch;
 
-    // Set by start(), then only read: by the thread, without the lock.
+    // Set by start(), then only read: by the thread and the callback thread, without the lock.
     private Natives natives;
-    private Runnable startWatch;
-    private long interval; // nanoseconds
+    private int partlyStatus;
 
     // What is wanted.
     private final BoostTable table = new BoostTable();
     private final OneShots oneShots = new OneShots();
-    private boolean eventsWanted;
+    private final Events events = new Events();
     private boolean wantEnabled = true;
     private boolean wantDebug;
 
@@ -69,38 +61,19 @@ final class BoosterCore implements TarnBoosterListener {
     private Throwable loadFailure;
     private boolean enabled = true;
     private boolean debug;
-    private boolean connected;
-    private boolean eventsAsked; // on the present connection
-    private boolean eventsRefused;
-    private long eventsStamp;
+    private final Link link = new Link();
     private final Stamps stamps = new Stamps();
     private int ownNotices; // reports of a missing connection that our own attempts have caused, yet to come
     private boolean suspect; // such a report came that they do not explain
     private boolean takeBack; // so everything is being cancelled, to be asked for again
 
-    // What the thread does when. Times are those of the clock.
-    private boolean marked; // something has changed that it has not seen
+    private boolean marked; // something has changed that the thread has not seen
     private long wakeIn; // nanoseconds until it has something to do if nothing changes
-    private boolean lookDue; // the connection has to be looked at before anything else
-    private boolean fresh; // nothing was done since the last look at the connection
-    private boolean noEngine; // the latest request was told that there is no connection
-    private boolean muted; // requests find none, although it stands: somebody else has switched it off
-    private long muteUntil;
-    private long attemptAt; // no attempt to connect before
-    private long lastSent;
-    private int check = CHECKS.length; // the next of CHECKS
-    private long provenAt; // the connection carried something then, as far as can be told
-    private boolean inside; // the library has been entered
-    private long enteredAt;
-    private boolean watched; // a watchman lives
-
-    // What listeners have yet to be told.
-    private int announced = BoosterCodes.CONNECTION_DISCONNECTED; // what they know
-    private final Set<Boost> changed = new LinkedHashSet<>(); // no more than ever were in the table since
-    private final List<Integer> notSent = new ArrayList<>();
+    private final News news = new News();
 
     BoosterCore(LongSupplier clock) {
         this.clock = clock;
+        watch = new LibraryWatch(lock, clock);
     }
 
     // ---- for the public methods: any thread, at once ----
@@ -114,8 +87,9 @@ final class BoosterCore implements TarnBoosterListener {
             phase = Phase.LOADING;
             this.config = config;
             this.natives = natives;
-            this.startWatch = startWatch;
-            interval = config.retryIntervalSeconds() * 1000L * MS;
+            partlyStatus = config.partlyStatus();
+            watch.setStart(startWatch);
+            link.setInterval(config.retryIntervalSeconds() * 1000L * MS);
             wantDebug |= config.debugLog();
             return true;
         }
@@ -143,7 +117,7 @@ final class BoosterCore implements TarnBoosterListener {
         synchronized (lock) {
             if (table.close(boost, clock.getAsLong())) {
                 if (boost.everAsked) {
-                    changed.add(boost);
+                    news.changed(boost);
                 }
                 mark();
             }
@@ -191,8 +165,7 @@ final class BoosterCore implements TarnBoosterListener {
 
     void setEvents(boolean wanted) {
         synchronized (lock) {
-            eventsWanted = wanted;
-            eventsRefused = false;
+            events.want(wanted);
             mark();
         }
     }
@@ -231,9 +204,9 @@ final class BoosterCore implements TarnBoosterListener {
             config = null;
             table.clear(boost -> {
                 boost.rejected = true;
-                changed.add(boost);
+                news.changed(boost);
             });
-            oneShots.drop(clock.getAsLong(), true, notSent::add);
+            oneShots.drop(clock.getAsLong(), true, news::notSent);
         }
     }
 
@@ -253,7 +226,7 @@ final class BoosterCore implements TarnBoosterListener {
         if (type == TarnBoosterJNI.TYPE_DATA) {
             boolean wanted;
             synchronized (lock) {
-                wanted = eventsWanted;
+                wanted = events.isWanted() && wantEnabled;
             }
             if (wanted) {
                 deliver(new ServiceReport(funcid, 0, code, data), true);
@@ -281,17 +254,12 @@ final class BoosterCore implements TarnBoosterListener {
         synchronized (lock) {
             Boost boost = stamp == 0 ? null : table.find(functionId, stamp);
             if (boost != null && !boost.over) {
-                boost.refused = true;
                 boost.status = status;
-                changed.add(boost);
+                boost.partly = status == partlyStatus;
+                boost.refused = !boost.partly;
+                news.changed(boost);
             }
-            boolean events =
-                    functionId == BoosterCodes.FUNCTION_EVENTS && stamp == eventsStamp && eventsAsked;
-            if (events) {
-                eventsRefused = true;
-                eventsAsked = false;
-            }
-            report = events || stamps.remembers(functionId, stamp);
+            report = events.refuse(functionId, stamp) || stamps.remembers(functionId, stamp);
             mark();
         }
         announce();
@@ -317,26 +285,10 @@ final class BoosterCore implements TarnBoosterListener {
     /** Tells listeners what has changed since the last call. */
     void announce() {
         synchronized (deliveryLock) {
-            List<Consumer<BoosterListener>> calls = new ArrayList<>();
+            List<Consumer<BoosterListener>> calls;
             synchronized (lock) {
                 long now = clock.getAsLong();
-                int state = connectionState(now);
-                if (state != announced) {
-                    announced = state;
-                    calls.add(listener -> listener.onConnectionChanged(state));
-                }
-                for (Boost boost : changed) {
-                    int boostState = boost.state(now);
-                    if (boostState != boost.announced) {
-                        boost.announced = boostState;
-                        calls.add(listener -> listener.onBoostChanged(boost, boostState));
-                    }
-                }
-                changed.clear();
-                for (int functionId : notSent) {
-                    calls.add(listener -> listener.onNotSent(functionId));
-                }
-                notSent.clear();
+                calls = news.take(connectionState(now), now);
             }
             calls.forEach(listeners::deliver);
         }
@@ -346,42 +298,27 @@ final class BoosterCore implements TarnBoosterListener {
         if (phase == Phase.UNAVAILABLE) {
             return BoosterCodes.CONNECTION_UNAVAILABLE;
         }
-        if (isStuck(now)) {
+        if (watch.isStuck(now)) {
             return BoosterCodes.CONNECTION_UNRESPONSIVE;
         }
         if (!wantEnabled) {
             return BoosterCodes.CONNECTION_DISABLED;
         }
-        return connected ? BoosterCodes.CONNECTION_CONNECTED : BoosterCodes.CONNECTION_DISCONNECTED;
+        return link.isConnected() ? BoosterCodes.CONNECTION_CONNECTED : BoosterCodes.CONNECTION_DISCONNECTED;
     }
 
-    private boolean isStuck(long now) {
-        return inside && now - enteredAt > UNRESPONSIVE_NANOS;
-    }
-
-    /**
-     * For the watchman, who lives while the library is being called and somewhat longer: tells listeners once
-     * it has not come back for too long, which the thread itself cannot. Returns how long he may sleep,
-     * nanoseconds; -1 when he is no longer needed.
-     */
+    /** For the watchman: tells listeners when he has seen something. Returns as {@link LibraryWatch#nextRound}. */
     long watch() {
-        synchronized (lock) {
-            long now = clock.getAsLong();
-            boolean idle = !inside && now - enteredAt > 2 * UNRESPONSIVE_NANOS;
-            if (!idle && !isStuck(now)) {
-                return inside ? enteredAt + UNRESPONSIVE_NANOS + MS - now : UNRESPONSIVE_NANOS;
-            }
-            watched = false;
+        long nanos = watch.nextRound();
+        if (nanos < 0) {
+            announce();
         }
-        announce();
-        return -1;
+        return nanos;
     }
 
     /** The watchman could not be started. */
     void unwatched() {
-        synchronized (lock) {
-            watched = false;
-        }
+        watch.unwatched();
     }
 
     // ---- for the thread ----
@@ -440,9 +377,9 @@ final class BoosterCore implements TarnBoosterListener {
         if (phase == Phase.NEW || phase == Phase.UNAVAILABLE) {
             return null;
         }
-        table.expire(now, changed::add);
+        table.expire(now, news::changed);
         wakeWith(table.nextEnd(now));
-        oneShots.drop(now, !wantEnabled, notSent::add);
+        oneShots.drop(now, !wantEnabled, news::notSent);
         wakeWith(oneShots.nextDrop(now));
         if (debug != wantDebug) {
             return this::switchDebug;
@@ -453,7 +390,7 @@ final class BoosterCore implements TarnBoosterListener {
         if (suspect) {
             suspect = false;
             takeBack = true;
-            eventsAsked = false;
+            events.forgetConnection();
         }
         takeBack &= table.cancelDue(true);
         if (!wantEnabled) {
@@ -468,60 +405,49 @@ final class BoosterCore implements TarnBoosterListener {
 
     /** What the service holds is taken back before the library is switched off. */
     private Runnable jobBeforeDisabling() {
-        if (!connected || noEngine || !table.cancelDue(true)) {
+        if (!link.isConnected() || link.isDoubtful() || !table.cancelDue(true)) {
             return this::disable;
         }
-        return fresh ? () -> cancel(true) : this::look;
+        return link.isFresh() ? () -> cancel(true) : this::look;
     }
 
     private Runnable jobWhileEnabled(long now) {
-        muted &= now - muteUntil < 0;
-        boolean work = connected ? requestDue(now) : wantsConnection(now);
-        boolean checkDue = false;
-        if (check < CHECKS.length) {
-            long in = lastSent + CHECKS[check] - now;
-            checkDue = in <= 0;
-            wakeWith(in);
-        }
-        if (lookDue || !fresh && (work && !muted || checkDue)) {
+        boolean work = link.isConnected() ? requestDue(now) : wantsConnection(now);
+        wakeWith(link.nextCheck(now));
+        if (link.needsLook(work, now)) {
             return this::look;
         }
-        fresh = false;
+        link.forgetLook();
         if (!work) {
             return null;
         }
-        long blockedUntil = connected ? muteUntil : attemptAt;
-        if (connected ? muted : now - attemptAt < 0) {
-            wakeWith(blockedUntil - now);
+        if (link.blockedFor(now) > 0) {
+            wakeWith(link.blockedFor(now));
             return null;
         }
-        return connected ? this::request : this::attempt;
+        return link.isConnected() ? this::request : this::attempt;
     }
 
     private boolean wantsConnection(long now) {
-        return table.wantsAny(now) || eventsWanted && !eventsRefused || !oneShots.isEmpty();
+        return table.wantsAny(now) || events.isDue() || !oneShots.isEmpty();
     }
 
     private boolean requestDue(long now) {
-        return table.cancelDue(takeBack) || table.nextToAsk(now) != null || eventsToAsk() || oneShotDue(now)
+        return table.cancelDue(takeBack) || table.nextToAsk(now) != null || events.toAsk() || oneShotDue(now)
                 || signOfLifeDue(now);
     }
 
     private boolean oneShotDue(long now) {
-        return !oneShots.isEmpty() && now - provenAt < PROOF_LASTS;
-    }
-
-    private boolean eventsToAsk() {
-        return eventsWanted && !eventsRefused && !eventsAsked;
+        return !oneShots.isEmpty() && link.isProven(now);
     }
 
     /** Only what the service shall still hold by then makes a sign of life worth while, or a one-shot request. */
     private boolean signOfLifeDue(long now) {
-        if (!oneShots.isEmpty() && check > 0) {
-            return true; // with 0 one is on its way
+        if (!oneShots.isEmpty() && !link.awaitsProof()) {
+            return true;
         }
-        long due = lastSent + interval;
-        boolean worthWhile = eventsWanted && eventsAsked && !eventsRefused || table.wantsAny(due);
+        long due = link.signOfLifeAt();
+        boolean worthWhile = events.isHeld() || table.wantsAny(due);
         if (worthWhile && now - due < 0) {
             wakeWith(due - now);
         }
@@ -530,38 +456,23 @@ final class BoosterCore implements TarnBoosterListener {
 
     /** The service holds nothing of ours any more. */
     private void forgetConnection() {
-        table.forgetConnection(changed::add);
-        eventsAsked = false;
-        check = CHECKS.length;
+        table.forgetConnection(news::changed);
+        events.forgetConnection();
     }
 
     // Doing it: without the lock.
 
-    /** Every call of the library goes through here. */
+    /** Every call of the library goes through here, once it is loaded. */
     private void enter(Runnable call) {
-        boolean unwatched;
         synchronized (lock) {
-            inside = true;
-            enteredAt = clock.getAsLong();
-            fresh = false;
-            unwatched = !watched;
-            watched = true;
+            link.forgetLook();
         }
-        try {
-            if (unwatched) {
-                startWatch.run();
-            }
-            call.run();
-        } finally {
-            synchronized (lock) {
-                inside = false;
-            }
-        }
+        watch.enter(call);
     }
 
     private void load() {
         try {
-            enter(() -> natives.load(this));
+            natives.load(this); // may take its time, which says nothing about the service
         } catch (Throwable thrown) {
             Throwable cause = thrown.getCause();
             fail(thrown instanceof ExceptionInInitializerError && cause != null ? cause : thrown);
@@ -590,39 +501,16 @@ final class BoosterCore implements TarnBoosterListener {
         synchronized (lock) {
             phase = Phase.READY;
             config = null;
-            attempted();
+            link.attempted(clock.getAsLong());
         }
-    }
-
-    /** With the lock. */
-    private void attempted() {
-        attemptAt = clock.getAsLong() + interval + INTERVAL_MARGIN;
-        lookDue = true;
     }
 
     private void look() {
         boolean[] running = {false};
         enter(() -> running[0] = natives.isRunning());
         synchronized (lock) {
-            long now = clock.getAsLong();
-            if (connected && !running[0]) {
+            if (link.looked(running[0], clock.getAsLong())) {
                 forgetConnection();
-            }
-            if (!connected) {
-                provenAt = now; // if it stands now, it is new
-            } else if (now - lastSent >= CHECKS[0] && lastSent - provenAt > 0) {
-                provenAt = lastSent;
-            }
-            connected = running[0];
-            if (noEngine) {
-                muteUntil = now + interval;
-            }
-            muted = connected && (muted || noEngine);
-            noEngine = false;
-            lookDue = false;
-            fresh = true;
-            while (check < CHECKS.length && now - lastSent >= CHECKS[check]) {
-                check++;
             }
         }
     }
@@ -631,7 +519,7 @@ final class BoosterCore implements TarnBoosterListener {
         enter(() -> natives.setEnabled(true));
         synchronized (lock) {
             enabled = true;
-            attempted(); // it tries to connect if it must
+            link.attempted(clock.getAsLong()); // it tries to connect if it must
         }
     }
 
@@ -639,7 +527,11 @@ final class BoosterCore implements TarnBoosterListener {
         enter(() -> natives.setEnabled(false));
         synchronized (lock) {
             enabled = false;
-            forgetConnection();
+            link.forgetChecks();
+            suspect = table.cancelDue(true); // somebody else was quicker: it is taken back later
+            if (!suspect) {
+                forgetConnection();
+            }
         }
     }
 
@@ -650,7 +542,7 @@ final class BoosterCore implements TarnBoosterListener {
         }
         send(new Request(BoosterCodes.FUNCTION_CHECK_PERMISSION));
         synchronized (lock) {
-            attempted();
+            link.attempted(clock.getAsLong());
         }
     }
 
@@ -660,13 +552,13 @@ final class BoosterCore implements TarnBoosterListener {
         Request oneShot = null;
         boolean everything;
         boolean cancel;
-        boolean events;
+        boolean register;
         synchronized (lock) {
             everything = takeBack;
             cancel = table.cancelDue(everything);
             boost = cancel ? null : table.nextToAsk(clock.getAsLong());
-            events = !cancel && boost == null && eventsToAsk();
-            if (!cancel && boost == null && !events && oneShotDue(clock.getAsLong())) {
+            register = !cancel && boost == null && events.toAsk();
+            if (!cancel && boost == null && !register && oneShotDue(clock.getAsLong())) {
                 oneShot = oneShots.take();
             }
         }
@@ -674,7 +566,7 @@ final class BoosterCore implements TarnBoosterListener {
             cancel(everything);
         } else if (boost != null) {
             ask(boost);
-        } else if (events) {
+        } else if (register) {
             registerForEvents();
         } else if (oneShot != null) {
             sendOneShot(oneShot);
@@ -687,12 +579,15 @@ final class BoosterCore implements TarnBoosterListener {
     }
 
     private void cancel(boolean everything) {
-        BoostTable.Cancel cancel;
+        List<Boost> held;
         synchronized (lock) {
-            cancel = table.nextCancel(everything);
-            if (cancel == null) {
-                return;
-            }
+            held = table.heldLikeNextCancel(everything); // for this thread alone to change
+        }
+        if (held.isEmpty()) {
+            return;
+        }
+        BoostTable.Cancel cancel = BoostTable.cancelOf(held);
+        synchronized (lock) {
             remember(cancel.request);
         }
         if (send(cancel.request)) {
@@ -719,7 +614,7 @@ final class BoosterCore implements TarnBoosterListener {
         } finally {
             synchronized (lock) {
                 table.asked(boost, taken, clock.getAsLong() + request.timeoutMillis * MS);
-                changed.add(boost);
+                news.changed(boost);
             }
         }
     }
@@ -728,15 +623,16 @@ final class BoosterCore implements TarnBoosterListener {
         Request request = new Request(BoosterCodes.FUNCTION_EVENTS);
         synchronized (lock) {
             request.stamp = newStamp();
-            eventsStamp = request.stamp;
-            eventsAsked = true; // before, since the refusal may come at once
+            events.asking(request.stamp);
         }
         boolean taken = false;
         try {
             taken = send(request);
         } finally {
             synchronized (lock) {
-                eventsAsked &= taken;
+                if (!taken) {
+                    events.notTaken();
+                }
             }
         }
     }
@@ -752,7 +648,7 @@ final class BoosterCore implements TarnBoosterListener {
         } finally {
             synchronized (lock) {
                 if (!taken) {
-                    notSent.add(request.functionId);
+                    news.notSent(request.functionId);
                 }
             }
         }
@@ -780,13 +676,7 @@ final class BoosterCore implements TarnBoosterListener {
         // One send time in four thousand million looks the same, and is asked for again.
         boolean taken = result[0] != TarnBoosterJNI.NO_ENGINE;
         synchronized (lock) {
-            if (taken) {
-                lastSent = clock.getAsLong();
-                check = 0;
-            } else {
-                noEngine = true;
-                attempted(); // it may have tried to connect
-            }
+            link.sent(taken, clock.getAsLong());
         }
         return taken;
     }

@@ -9,7 +9,7 @@ import java.util.function.Consumer;
 final class Listeners {
     private static final class Registration {
         final BoosterListener listener;
-        final Executor executor;
+        volatile Executor executor;
         volatile boolean removed;
 
         Registration(BoosterListener listener, Executor executor) {
@@ -61,20 +61,32 @@ final class Listeners {
 
     private final List<Registration> registrations = new CopyOnWriteArrayList<>();
 
-    /** A listener that is there already gets the new executor. */
+    /** A listener that is there already gets the new executor, and hears what is on its way all the same. */
     synchronized void add(BoosterListener listener, Executor executor) {
-        remove(listener);
-        registrations.add(new Registration(listener, executor));
+        Registration known = find(listener);
+        if (known != null) {
+            known.executor = executor;
+        } else {
+            registrations.add(new Registration(listener, executor));
+        }
     }
 
     /** From its return on no call of the listener begins. */
     synchronized void remove(BoosterListener listener) {
+        Registration known = find(listener);
+        if (known != null) {
+            known.removed = true;
+            registrations.remove(known);
+        }
+    }
+
+    private Registration find(BoosterListener listener) {
         for (Registration registration : registrations) {
             if (registration.listener == listener) {
-                registration.removed = true;
-                registrations.remove(registration);
+                return registration;
             }
         }
+        return null;
     }
 
     void deliver(Consumer<BoosterListener> call) {

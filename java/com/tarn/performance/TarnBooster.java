@@ -77,6 +77,7 @@ public final class TarnBooster {
             BoosterThread.start(core);
         } catch (OutOfMemoryError noThread) {
             core.fail(noThread);
+            core.announce(); // there is no other thread to do it
         }
         return true;
     }

@@ -1,58 +1,49 @@
 package com.tarn.performance;
 
-import static org.junit.Assert.assertTrue;
+import static com.tarn.performance.BoosterCodes.*;
+import static org.junit.Assert.*;
 
+import java.lang.reflect.*;
 import java.util.*;
-import java.util.concurrent.CopyOnWriteArrayList;
 import java.util.stream.IntStream;
 
 /** The library, a service behind it, and the time, for one core that the test turns by hand. */
 final class FakeLibrary implements Natives {
     static final long MS = BoosterCore.MS;
+    static final Runnable NOTHING = () -> {};
 
     /** What the service holds: a part of one request. Boosts are told apart by their scenes. */
     record Hold(int functionId, int scene, int part, long until) {}
 
-    /** A listener that writes down what it hears. */
-    static final class Heard implements BoosterListener {
-        final List<String> all = new CopyOnWriteArrayList<>();
-        Runnable then = () -> {}; // after a change of the connection
-
-        @Override
-        public void onConnectionChanged(int state) {
-            all.add(BoosterCodes.connectionName(state));
-            then.run();
-        }
-        @Override
-        public void onBoostChanged(Boost boost, int state) {
-            all.add(boost.request().scene() + " " + BoosterCodes.boostName(state));
-        }
-        @Override
-        public void onServiceEvent(ServiceReport event) {
-            all.add(event.toString());
-        }
-        @Override
-        public void onRefused(ServiceReport report) {
-            all.add(report.toString());
-        }
-        @Override
-        public void onNotSent(int functionId) {
-            all.add(BoosterCodes.functionName(functionId) + " not sent");
-        }
+    /** A listener that writes down what it hears; `then` runs after a change of the connection. */
+    static BoosterListener writer(List<String> heard, Runnable then) {
+        InvocationHandler write = (proxy, method, args) -> {
+            String name = method.getName();
+            heard.add(name.equals("onConnectionChanged") ? connectionName((int) args[0])
+                            : name.equals("onBoostChanged")
+                            ? ((Boost) args[0]).request().scene() + " " + boostName((int) args[1])
+                            : name.equals("onNotSent") ? functionName((int) args[0]) + " not sent"
+                                                       : args[0].toString());
+            (name.equals("onConnectionChanged") ? then : NOTHING).run();
+            return null;
+        };
+        Class<?>[] type = {BoosterListener.class};
+        return (BoosterListener) Proxy.newProxyInstance(FakeLibrary.class.getClassLoader(), type, write);
     }
 
     final BoosterCore core = new BoosterCore(() -> this.now);
     final TarnBooster booster = new TarnBooster(core);
     final List<Request> served = new ArrayList<>();
     final List<Hold> holds = new ArrayList<>();
-    final Heard heard = new Heard();
-    final Set<Integer> refusing = new HashSet<>(); // function identifiers
-    Runnable during = () -> {}; // runs inside every request
+    final List<String> heard = new ArrayList<>();
+    final Set<Integer> made = new HashSet<>(); // requests that are made once
+    final Map<Integer, Integer> verdicts = new HashMap<>(); // of scenes and function identifiers: a status
+    private final Set<Integer> refused = new HashSet<>(); // scenes
+    Runnable during = NOTHING; // runs inside every request
+    Runnable then = NOTHING; // runs after a change of the connection
     Error loadFailure;
-    boolean serviceUp = true;
-    boolean registered, debug;
-    boolean enabled = true;
-    int attempts;
+    boolean serviceUp = true, enabled = true, registered, debug;
+    int attempts, lostOneShots;
     long now = 1_000_000 * MS, interval;
 
     private TarnBoosterListener receiver;
@@ -60,16 +51,17 @@ final class FakeLibrary implements Natives {
     final Set<Long> stamps = new HashSet<>();
     private boolean engine;
     private boolean broken; // the service has gone from the other end of the engine's socket
-    private long engineEnds = Long.MAX_VALUE;
+    private long brokenSince, engineEnds = Long.MAX_VALUE;
     private long lastStart = Long.MIN_VALUE / 2, lastOwnAttempt = lastStart;
 
     FakeLibrary() {
-        core.addListener(heard, Runnable::run);
+        core.addListener(writer(heard, () -> then.run()), Runnable::run);
     }
 
     /** Starts the core with an interval of one second and lets it do what there is to do. */
     FakeLibrary start() {
-        assertTrue(core.start(BoosterConfig.builder("s").retryIntervalSeconds(1).build(), this, () -> {}));
+        BoosterConfig.Builder config = BoosterConfig.builder("s").retryIntervalSeconds(1).debugLog(true);
+        assertTrue(core.start(config.build(), this, () -> {}));
         return run(0);
     }
 
@@ -99,8 +91,8 @@ final class FakeLibrary implements Natives {
 
     /** What the listener has heard since the last call. */
     String told() {
-        String all = String.join(", ", heard.all);
-        heard.all.clear();
+        String all = String.join(", ", heard);
+        heard.clear();
         return all;
     }
 
@@ -117,6 +109,7 @@ final class FakeLibrary implements Natives {
     /** The service ends, and what it held with it. */
     void kill() {
         serviceUp = false;
+        brokenSince = broken ? brokenSince : now;
         broken = engine;
         registered = false;
         holds.clear();
@@ -129,8 +122,9 @@ final class FakeLibrary implements Natives {
 
     /** Somebody else in the process makes a request. */
     void foreignRequest() {
-        find(false);
-        write(new Request(BoosterCodes.FUNCTION_CHECK_PERMISSION));
+        if (enabled && find(false)) {
+            write(new Request(FUNCTION_CHECK_PERMISSION));
+        }
     }
 
     long servedCount(int functionId) {
@@ -153,6 +147,8 @@ final class FakeLibrary implements Natives {
         if (loadFailure != null) {
             throw loadFailure;
         }
+        now += 2000 * MS; // it may take its time
+        assertEquals(CONNECTION_DISCONNECTED, core.connectionState());
     }
 
     @Override
@@ -162,6 +158,7 @@ final class FakeLibrary implements Natives {
 
     @Override
     public void init(String serviceName, String localName, int retryIntervalSeconds) {
+        assertTrue("set from the start", debug);
         interval = retryIntervalSeconds * 1000L * MS;
         tryStart(true);
     }
@@ -223,22 +220,30 @@ final class FakeLibrary implements Natives {
         }
         if (broken) {
             engineEnds = Math.min(engineEnds, now + 5 * MS);
+            if (request.functionId == FUNCTION_REQUEST_SCREEN_RESOLUTION) {
+                assertTrue("not risked on a silent connection", now - brokenSince < 1000 * MS);
+                lostOneShots++;
+            }
             return; // queued, and lost
         }
         served.add(request);
-        if (refusing.contains(request.functionId)) {
-            refuse(request.functionId, request.stamp, 5);
-            return;
-        }
         int function = request.functionId;
-        registered |= function == BoosterCodes.FUNCTION_EVENTS;
-        if (Set.of(1002, 1004, 1006, 1013).contains(function)) {
+        assertTrue("too many", request.names == null || request.names.length <= 256);
+        assertTrue("twice", function != FUNCTION_REQUEST_SCREEN_RESOLUTION || made.add(request.cpuLevel));
+        boolean boost = Set.of(1002, 1004, 1006, 1013).contains(function);
+        int status = verdicts.getOrDefault(boost ? request.scene : function, 0);
+        assertTrue("not asked again", status < 2 || !boost || refused.add(request.scene));
+        registered |= function == FUNCTION_EVENTS && status == 0;
+        if (boost && status < 2) {
             long until = now + request.timeoutMillis * MS;
             parts(request, request.cpuLevel != 0, request.ioLevel != 0)
                     .forEach(part -> holds.add(new Hold(function, request.scene, part, until)));
         } else if (Set.of(1003, 1005, 1007, 1014).contains(function)) {
             Set<Integer> parts = parts(request, request.cancelCpu, request.cancelIo);
             holds.removeIf(hold -> hold.functionId == function - 1 && parts.contains(hold.part));
+        }
+        if (status != 0) {
+            refuse(function, request.stamp, status);
         }
     }
 

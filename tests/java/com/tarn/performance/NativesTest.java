@@ -110,61 +110,32 @@ public class NativesTest {
     }
 
     @Test
-    public void a1AnEngineForAPortCarriesNoRequestAndEachIsReported() throws Exception {
+    public void a1AnAttemptIsMadeOncePerIntervalByARequestOrBySwitchingOn() throws Exception {
         int mark = log().length();
         setDebug(true);
-        assertEquals(0, initTarnBooster("127.0.0.1", 9, "local"));
+        assertEquals(0, initTarnBooster("127.0.0.1", 9, "local")); // for a port: carries nothing
         assertEquals("D setDebug: 1\nD initTarnBooster\nD initTarnBooster end", nativesSince(mark));
         setDebug(false);
-        assertEquals(0, isRunning());
         ROWS.forEach(row -> assertEquals(row.name, NO_ENGINE, row.call.getAsInt()));
         assertEquals(Collections.nCopies(ROWS.size(), LOST), await(ROWS.size(), report -> true));
-    }
 
-    @Test
-    public void a2AttemptsAreThrottledUntilTheIntervalHasPassed() throws Exception {
-        setRetryConnectInterval(2147484); // in milliseconds more than 31 bits
-        ServiceProcess.start("--push-every", "0.1:7:first");
+        String[] options = {"--status", "1003=5", "--push-on-register", "7:a\\b"};
+        ServiceProcess.start(options);
         assertEquals(0, initTarnBooster(ServiceProcess.NAME, 0, "local"));
         assertEquals(NO_ENGINE, request());
         setRetryConnectInterval(1);
-        until("a request finds a connection, and does not break it", () -> {
-            boolean found = request() != NO_ENGINE;
-            Thread.sleep(20);
-            return found && isRunning() == 1;
-        });
-    }
-
-    @Test
-    public void a3ADisabledClientRefusesRequestsHearsNothingAndStaysConnected() throws Exception {
-        registerANRCallback(1, 1);
-        await(1, report -> report.type == TYPE_DATA);
-        setHCEnable(false);
-        assertEquals(NO_ENGINE, request());
-        assertEquals(1, isRunning());
-        Thread.sleep(200); // for what was on its way
-        reports.clear();
-        Thread.sleep(500);
-        assertEquals("neither pushes nor the refused request", List.of(), reports);
-        setHCEnable(true);
-        assertNotEquals(NO_ENGINE, request());
-        assertEquals("first", await(1, report -> true).get(0).data);
-    }
-
-    @Test
-    public void a4AServiceThatDiesIsReportedAndOneThatComesBackIsFound() throws Exception {
-        ServiceProcess.stop();
-        until("the loss is noticed", () -> request() == NO_ENGINE);
-        assertEquals(0, isRunning());
-        await(1, LOST::equals);
-
-        ServiceProcess.start();
         setHCEnable(false);
         Thread.sleep(1100);
+        assertEquals(NO_ENGINE, request());
+        assertEquals(0, isRunning());
         setHCEnable(true);
         assertEquals("switching on connects", 1, isRunning());
+        setHCEnable(false);
+        assertEquals(NO_ENGINE, request());
+        assertEquals("it stays connected", 1, isRunning());
+        setHCEnable(true);
 
-        ServiceProcess.start("--status", "1003=5", "--push-on-register", "7:a\\b");
+        ServiceProcess.start(options);
         Thread.sleep(1100);
         request();
         until("the loss is noticed", () -> isRunning() == 0);
@@ -178,7 +149,7 @@ public class NativesTest {
     }
 
     @Test
-    public void a5EveryRequestIsLoggedSentAndAnsweredWithItsSendTime() throws Exception {
+    public void a2EveryRequestIsLoggedSentAndAnsweredWithItsSendTime() throws Exception {
         setDebug(true);
         for (Row row : ROWS) {
             int mark = log().length();
@@ -193,28 +164,21 @@ public class NativesTest {
         assertEquals(NO_THREADS, cancelCpuCoreForThread(null, TID, TIME));
     }
 
-    @Test
-    public void a6WhatTheLibraryDoesNotLookAtIsRefusedBeforeIt() throws Exception {
-        Map<String, ThrowingRunnable> calls = Map.of("remote",
-                ()
-                        -> initTarnBooster(null, 0, "l"),
-                "local",
-                ()
-                        -> initTarnBooster("r", 0, null),
-                "uiName",
-                ()
-                        -> requestScreenResolution(1, null, TID, TIME),
-                "files",
-                ()
-                        -> registerBootPreloadResource(null, TID, TIME),
-                "files[1]", () -> registerBootPreloadResource(new String[] {"/a", null}, TID, TIME));
-        calls.forEach((name, call)
-                              -> assertEquals(name + " must not be null",
-                                      assertThrows(NullPointerException.class, call).getMessage()));
+    private static void refusesNull(String name, ThrowingRunnable call) {
+        assertEquals(name + " must not be null", assertThrows(NullPointerException.class, call).getMessage());
     }
 
     @Test
-    public void a7RefusalsComeInOrderOnOneThreadAlsoAfterAListenerHasThrown() throws Exception {
+    public void a3WhatTheLibraryDoesNotLookAtIsRefusedBeforeIt() {
+        refusesNull("remote", () -> initTarnBooster(null, 0, "l"));
+        refusesNull("local", () -> initTarnBooster("r", 0, null));
+        refusesNull("uiName", () -> requestScreenResolution(1, null, TID, TIME));
+        refusesNull("files", () -> registerBootPreloadResource(null, TID, TIME));
+        refusesNull("files[1]", () -> registerBootPreloadResource(new String[] {"/a", null}, TID, TIME));
+    }
+
+    @Test
+    public void a4RefusalsComeInOrderOnOneThreadAlsoAfterAListenerHasThrown() throws Exception {
         setListener((type, timestamp, status, funcid, code, data) -> {
             note(type, timestamp, status, funcid, code, data);
             if (timestamp == 1_000_000) {
@@ -231,7 +195,7 @@ public class NativesTest {
     }
 
     @Test
-    public void a8TheOtherNativesAreLoggedUnlessDebuggingIsOff() throws Exception {
+    public void a5TheOtherNativesAreLoggedUnlessDebuggingIsOff() throws Exception {
         int mark = log().length();
         setHCEnable(true);
         setRetryConnectInterval(77);

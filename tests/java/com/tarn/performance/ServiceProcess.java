@@ -6,7 +6,6 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.*;
 import java.util.concurrent.Callable;
-import java.util.concurrent.locks.LockSupport;
 
 /** The running tarnbooster-service, one at a time. */
 final class ServiceProcess {
@@ -45,7 +44,7 @@ final class ServiceProcess {
         long start = System.nanoTime();
         while (!condition.call()) {
             assertTrue("waited in vain: " + what, System.nanoTime() - start < 60_000_000_000L);
-            LockSupport.parkNanos(2_000_000);
+            Thread.sleep(2);
         }
     }
 

@@ -5,10 +5,9 @@ import static com.tarn.performance.BoosterCodes.*;
 import static com.tarn.performance.ServiceProcess.until;
 import static org.junit.Assert.*;
 
-import java.io.File;
-import java.lang.management.*;
 import java.nio.file.*;
 import java.util.*;
+import java.util.concurrent.CopyOnWriteArrayList;
 import org.junit.*;
 import org.junit.runners.MethodSorters;
 
@@ -18,13 +17,12 @@ public class TarnBoosterTest {
     private static final int ABSENT = 4, STUCK = 5; // exit codes
     private static final int NOBODY = Integer.MAX_VALUE; // no system has such a thread
     private static final TarnBooster BOOSTER = TarnBooster.get();
-    private static final FakeLibrary.Heard LISTENER = new FakeLibrary.Heard();
-    private static final List<String> HEARD = LISTENER.all;
+    private static final List<String> HEARD = new CopyOnWriteArrayList<>();
 
     @BeforeClass
     public static void start() {
         ServiceProcess.stop();
-        BOOSTER.addListener(LISTENER, Runnable::run);
+        BOOSTER.addListener(FakeLibrary.writer(HEARD, FakeLibrary.NOTHING), Runnable::run);
         BoosterConfig config = BoosterConfig.builder(ServiceProcess.NAME).retryIntervalSeconds(1).build();
         assertTrue(BOOSTER.start(config));
         assertFalse(BOOSTER.start(config));
@@ -40,7 +38,7 @@ public class TarnBoosterTest {
                 ServiceProcess.command(System.getenv("TARN_JAVA") != null ? "TARN_JAVA" : "TARN_DEFAULT_JAVA",
                         "-Djava.library.path=" + library, "-cp", System.getProperty("java.class.path"),
                         TarnBoosterTest.class.getName(), name);
-        File output = new File(System.getProperty("tarn.stderr") + ".child");
+        var output = Path.of(System.getProperty("tarn.stderr") + ".child").toFile();
         Process child = new ProcessBuilder(command).redirectErrorStream(true).redirectOutput(output).start();
         until("the other virtual machine ends, see " + output, () -> !child.isAlive());
         return child.exitValue();
@@ -81,6 +79,10 @@ public class TarnBoosterTest {
             }
             assertEquals(List.of("connected", "event 7 with 3 bytes"),
                     HEARD.stream().filter(what -> !what.matches("disconnected|77 .*")).toList());
+            BOOSTER.setEnabled(false);
+            until("off", () -> TarnBoosterJNI.cancelHighIOFreq(1, 1) == -3 && boost.state() == BOOST_PENDING);
+            BOOSTER.setEnabled(true);
+            until("on", () -> boost.state() == BOOST_SENT);
         }
         ServiceProcess.awaitLine("1014 cancelUnifyCpuIOThreadCore", "cancelcpu=1 cancelio=1 cancelthread=0");
     }
@@ -111,31 +113,15 @@ public class TarnBoosterTest {
     }
 
     @Test
-    public void b3WhileItIsOffTheServiceHoldsNothing() throws Exception {
-        Boost boost = BOOSTER.boost(lasting(60_000).scene(78).cpuLevel(1).build());
-        ServiceProcess.awaitLine("1002 ", "scene=78");
-        BOOSTER.setEnabled(false);
-        awaitHeard("disabled");
-        until("off", () -> TarnBoosterJNI.cancelHighIOFreq(1, 1) == TarnBoosterJNI.NO_ENGINE);
-        assertEquals(BOOST_PENDING, boost.state());
-        BOOSTER.setEnabled(true);
-        until("on", () -> boost.state() == BOOST_SENT);
-        boost.close();
-    }
-
-    @Test
-    public void b4ADeafServiceHoldsNobodyUp() throws Exception {
+    public void b3ADeafServiceHoldsNobodyUp() throws Exception {
         ServiceProcess.signal("STOP");
         jam();
         awaitHeard("unresponsive");
-        long[] nanos = new long[100];
-        for (int i = 0; i < nanos.length; i++) {
-            long start = System.nanoTime();
+        long start = System.nanoTime();
+        for (int i = 0; i < 100; i++) {
             BOOSTER.boost(lasting(60_000).scene(79).cpuLevel(1).build()).close();
-            nanos[i] = System.nanoTime() - start;
         }
-        Arrays.sort(nanos);
-        assertTrue("" + nanos[90], nanos[90] < 5_000_000);
+        assertEquals("the mean in ms", 0, (System.nanoTime() - start) / 100e6, 5);
         assertEquals("another process ends while its booster is stuck", STUCK,
                 runChild(System.getProperty("java.library.path"), ServiceProcess.NAME));
         assertEquals("and without the library nothing is thrown", ABSENT, runChild("/", "nobody"));
@@ -148,33 +134,23 @@ public class TarnBoosterTest {
     }
 
     @Test
-    public void b5ABusyThreadIsChargedItsCpuTimeAndClosingTwiceChangesNothing() throws Exception {
+    public void b4ABusyThreadIsChargedItsCpuTimeAndClosingTwiceChangesNothing() throws Exception {
         Path cpu = Path.of("/sys/devices/system/cpu/cpu0");
         Assume.assumeTrue("the machine shows its CPUs", Files.isDirectory(cpu));
         int tid = TarnBooster.currentThreadId();
-        for (int period : new int[] {-1, Integer.MIN_VALUE, CpuLoadTrace.MAX_PERIOD_MS + 1}) {
-            assertThrows(IllegalArgumentException.class, () -> CpuLoadTrace.start(tid, period));
-        }
-        for (int other : new int[] {0, 1, NOBODY}) {
-            assertThrows(IllegalStateException.class, () -> CpuLoadTrace.start(other, 1));
-        }
-        assertEquals(-1, TarnBoosterJNI.stopTraceCpuLoad(12345)); // handles are even
-        ThreadMXBean clock = ManagementFactory.getThreadMXBean();
+        assertThrows(IllegalArgumentException.class, () -> CpuLoadTrace.start(tid, -1));
+        assertThrows(IllegalArgumentException.class, () -> CpuLoadTrace.start(tid, 4294968));
+        assertThrows(IllegalStateException.class, () -> CpuLoadTrace.start(NOBODY, 1));
         CpuLoadTrace.start(tid, 1); // stays open: the process may end while samplers run
         CpuLoadTrace trace = CpuLoadTrace.start(tid, 1);
-        long end = clock.getCurrentThreadCpuTime() + 500_000_000;
-        while (clock.getCurrentThreadCpuTime() < end) {
+        for (long end = System.nanoTime() + 300_000_000; System.nanoTime() < end;) {
             Thread.onSpinWait();
         }
         assertThrows(IllegalStateException.class, trace::khzTicks);
         CpuLoad load = trace.stop();
         assertSame(load, trace.stop());
         assertThrows(IllegalArgumentException.class, () -> trace.secondsAt(0));
-        // Without frequencies the sum is the ticks, negative; the last may come after the last sample.
-        double seconds = load.secondsAt(-1);
-        assertEquals(-seconds * TarnBoosterJNI.getTickRate(), load.khzTicks(), 0.001);
-        boolean charged = seconds >= 0.25 && seconds <= load.elapsedSeconds() + 0.1;
-        boolean frequencies = Files.isReadable(cpu.resolve("cpufreq/scaling_cur_freq"));
-        assertTrue(load.toString(), frequencies ? load.khzTicks() != 0 : charged);
+        assertTrue(load.toString(), load.khzTicks() != 0 && load.elapsedSeconds() >= 0.3);
+        assertEquals(load.khzTicks(), load.secondsAt(1000) * 1000 * TarnBoosterJNI.getTickRate(), 0.001);
     }
 }

@@ -259,7 +259,7 @@ final class Demo implements BoosterListener {
     }
 
     private static boolean isAnswered(Boost boost) {
-        return isSent(boost) || boost.state() == BoosterCodes.BOOST_REFUSED;
+        return boost.state() != BoosterCodes.BOOST_PENDING;
     }
 
     private static String words(Boost boost) {
@@ -270,7 +270,7 @@ final class Demo implements BoosterListener {
     private static String reason(int status) {
         return switch (status) {
             case 0 -> "";
-            case 1 -> " in part: some of it cannot be had here";
+            case 1 -> ": some of it cannot be had here";
             case 3 -> ": an argument that it does not take";
             case 4 -> ": this machine has nothing to set for it";
             case 5 -> ": not permitted";
