@@ -7,6 +7,7 @@
 #include <cmath>
 #include <vector>
 
+#include "shared/AbstractSocket.h"
 #include "shared/Address.h"
 #include "shared/Text.h"
 
@@ -17,8 +18,9 @@ const char kExamples[] =
     "\nTry it:\n"
     "  tarnbooster-service --name tarnbooster --push-every 5:7:hello\n"
     "  tarnbooster --socket tarnbooster --wait 20000 register-anr-callback     (in another terminal)\n"
-    "\nSignals: SIGINT, SIGTERM, SIGHUP and SIGQUIT put everything back and end it; SIGUSR1 says who holds "
-    "what.\n"
+    "\nSignals: SIGINT, SIGTERM, SIGHUP and SIGQUIT put everything back and end it (SIGHUP not below "
+    "nohup);\n"
+    "SIGUSR1 says who holds what.\n"
     "\nExit codes: 0 stopped by a signal, 1 could not start, 2 wrong options.\n";
 
 /// Cuts "HEAD:REST" off `text` at its first colon; throws what CLI11 reports when there is none.
@@ -91,8 +93,11 @@ CLI::Option* repeated(CLI::App& app, const char* name, const char* type, const s
 }
 
 void describeWhere(CLI::App& app, Options& options) {
-  app.add_option("--name", options.server.name,
-                 "Abstract socket name to listen on, at most 107 bytes (or a socket handed over by systemd)")
+  app.add_option_function<std::string>(
+         "--name", [&options](const std::string& text) { options.server.name = shared::bareName(text); },
+         "Abstract socket name to listen on, at most 107 bytes, with or without an '@' in front (or a "
+         "socket\n"
+         "handed over by systemd)")
       ->type_name("NAME");
   app.add_option_function<std::string>(
          "--udp",
@@ -167,8 +172,8 @@ void describeOutput(CLI::App& app, Options& options) {
   app.add_option_function<std::string>(
          "--record", [&options](const std::string& path) { options.record = path; },
          "Note here what boosts have changed, so that the next start puts back what a killed service could\n"
-         "not; \"\" for none (default: NAME.record in the runtime folder that systemd gives, or in\n"
-         "/run/tarnbooster as root)")
+         "not; \"\" for none (default: NAME.record in the runtime folder that systemd gives, in\n"
+         "/run/tarnbooster as root, or in $XDG_RUNTIME_DIR/tarnbooster)")
       ->type_name("PATH");
   static const std::map<std::string, LineStyle> kStyles = {
       {"plain", LineStyle::PLAIN}, {"time", LineStyle::TIME}, {"journal", LineStyle::JOURNAL}};

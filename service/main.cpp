@@ -47,7 +47,10 @@ void handle(std::initializer_list<int> signals, void (*handler)(int)) {
 }
 
 void installSignals() {
-  handle({SIGINT, SIGTERM, SIGHUP, SIGQUIT}, onStopSignal);
+  struct sigaction before {};
+  const bool staysUp = sigaction(SIGHUP, nullptr, &before) == 0 && before.sa_handler == SIG_IGN;  // nohup
+  handle({SIGINT, SIGTERM, SIGQUIT}, onStopSignal);
+  if (!staysUp) handle({SIGHUP}, onStopSignal);
   handle({SIGUSR1}, onReportSignal);
   handle({SIGPIPE}, SIG_IGN);  // a log reader that goes away must not take the service along
 }
@@ -63,9 +66,17 @@ void raiseDescriptorLimit() {
 
 /// Where the record goes when nobody has said it; empty for nowhere.
 std::string defaultRecord(const std::string& name) {
-  const char* const given = getenv("RUNTIME_DIRECTORY");  // NOLINT(concurrency-mt-unsafe): no thread yet
-  std::string folder = given != nullptr ? given : geteuid() == 0 ? "/run/tarnbooster" : "";
-  folder.resize(std::min(folder.find(':'), folder.size()));
+  // NOLINTBEGIN(concurrency-mt-unsafe): there is no other thread yet
+  const char *const given = getenv("RUNTIME_DIRECTORY"), *const own = getenv("XDG_RUNTIME_DIR");
+  // NOLINTEND(concurrency-mt-unsafe)
+  std::string folder;
+  if (given != nullptr) {
+    folder = std::string(given).substr(0, std::string(given).find(':'));
+  } else if (geteuid() == 0) {
+    folder = "/run/tarnbooster";
+  } else if (own != nullptr && own[0] == '/') {
+    folder = std::string(own) + "/tarnbooster";
+  }
   if (folder.empty()) return "";
   mkdir(folder.c_str(), 0755);
   std::string file;

@@ -28,6 +28,10 @@ struct AbstractAddress {
 
 }  // namespace
 
+std::string bareName(const std::string& text) {
+  return text.substr(!text.empty() && text[0] == '@' ? 1 : 0);
+}
+
 UniqueFd listenOn(const std::string& name, std::string& problem) {
   if (name.empty() || name.size() > kMaxNameBytes) {
     problem = name.empty() ? "the name is empty: choose one, as in --name tarnbooster"

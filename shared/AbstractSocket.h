@@ -11,6 +11,9 @@ namespace shared {
 /// Longest name in bytes: what a socket address holds behind the zero byte that marks the abstract namespace.
 constexpr size_t kMaxNameBytes = 107;
 
+/// A name as people write it, without the '@' that may stand in front.
+std::string bareName(const std::string& text);
+
 /// A non-blocking stream socket that listens on the abstract name, or none, with `problem` saying what is
 /// wrong and what to do about it.
 UniqueFd listenOn(const std::string& name, std::string& problem);

@@ -7,6 +7,8 @@
 #include <cerrno>
 
 #include "base/descriptor.h"
+#include "service/core/Outcome.h"
+#include "service/core/SteadyClock.h"
 #include "shared/Text.h"
 
 namespace service {
@@ -55,7 +57,7 @@ void SocketPort::accept(int64_t now) {
       admit(std::move(socket), now);
       continue;
     }
-    if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) return;
+    if (errno == EAGAIN || !isPassing(errno)) return;
     // The waiting client would wake the loop again at once and for ever: look away for a while.
     m_log.warning("cannot accept a client now: " + shared::errorText(errno));
     m_acceptAgainAt = now + kAcceptPauseMs;
@@ -67,7 +69,15 @@ void SocketPort::accept(int64_t now) {
 void SocketPort::admit(shared::UniqueFd socket, int64_t now) {
   Requester requester;
   requester.id = ++m_lastId;
-  requester.process = Process::ofSocket(socket.get());
+  int want = 0;
+  requester.process = Process::ofSocket(socket.get(), want);
+  if (want != 0 &&
+      m_waiting.size() < m_limits.inAll) {  // taken unseen it would be refused most things for good
+    m_log.warning("cannot look at a client now: " + shared::errorText(want));
+    m_waiting.push_back(std::move(socket));
+    m_acceptAgainAt = now + kAcceptPauseMs;
+    return;
+  }
   requester.name = "pid=? uid=?";
   if (requester.isKnown()) {
     requester.user = requester.process->uid();
@@ -129,6 +139,7 @@ void SocketPort::serve(uint64_t id, uint32_t events, int64_t now) {
 /// Handles the whole requests that have arrived, a few of them.
 void SocketPort::serveRequests(SocketClient& client, int64_t now) {
   const size_t before = client.reader().memory();
+  const int64_t until = steadyMs() + kTurnMs;
   RequestPacket packet;
   std::string problem;
   for (int i = 0; i < kRequestsPerRound && !client.isBusy() && client.isRead(); ++i) {
@@ -152,6 +163,7 @@ void SocketPort::serveRequests(SocketClient& client, int64_t now) {
     if (m_faults.strikes(FaultKind::LOSE_COALESCED, client.requester().id, packet.funcid, now)) {
       client.reader().drop();
     }
+    if (steadyMs() >= until) break;
   }
   if (!client.reader().atBoundary() && !client.reader().hasNext() &&
       m_faults.strikes(FaultKind::LOSE_SPLIT, client.requester().id, -1, now)) {
@@ -222,9 +234,12 @@ void SocketPort::goOn(int64_t now) {
   if (now >= m_acceptAgainAt) {
     const bool stillWait = !m_waiting.empty() && m_faults.isDue(FaultKind::NO_ACCEPT, now);
     m_acceptAgainAt = stillWait ? now + kAcceptPauseMs : INT64_MAX;
-    while (!stillWait && !m_waiting.empty()) {
-      admit(std::move(m_waiting.back()), now);
-      m_waiting.pop_back();
+    for (shared::UniqueFd& socket : std::exchange(m_waiting, {})) {
+      if (stillWait || !m_waiting.empty()) {
+        m_waiting.push_back(std::move(socket));
+      } else {
+        admit(std::move(socket), now);
+      }
     }
     m_poller.watch(m_listener.get(), m_listenerId, EPOLLIN);
   }

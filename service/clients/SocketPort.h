@@ -36,8 +36,10 @@ struct Access {
   bool allows(const Process* process) const;
 };
 
-/// Requests of one client that are handled before others get their turn.
+/// Requests of one client that are handled before others get their turn, and about how long they may take (in
+/// milliseconds): an I/O boost of a process with thousands of threads takes tens.
 constexpr int kRequestsPerRound = 16;
+constexpr int64_t kTurnMs = 10;
 /// A client that has asked for nothing for so long (milliseconds), holds no boost and is not registered for
 /// pushes gives its place to a new one when all are taken.
 constexpr int64_t kIdleMs = 60'000;
@@ -95,10 +97,11 @@ class SocketPort {
   const Access m_access;
   const uint64_t m_listenerId;
   shared::UniqueFd m_listener;
-  int64_t m_acceptAgainAt = INT64_MAX;      // when descriptors had run out: not before
-  std::vector<shared::UniqueFd> m_waiting;  // connections that a fault leaves waiting
-  uint64_t m_lastId;                        // the last client id given out
-  Clients m_clients;                        // by id
+  int64_t m_acceptAgainAt = INT64_MAX;  // when descriptors had run out: not before
+  std::vector<shared::UniqueFd>
+      m_waiting;      // connections that a fault, or a lack of descriptors, leaves waiting
+  uint64_t m_lastId;  // the last client id given out
+  Clients m_clients;  // by id
   std::map<uint32_t, size_t> m_perUser;
   std::set<uint64_t> m_ready;      // clients with whole requests left over
   std::set<uint64_t> m_lingering;  // clients that ended, with replies left

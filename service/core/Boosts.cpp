@@ -36,7 +36,8 @@ Outcome Boosts::set(Held& held, int strength) {
   Outcome prepared = held.setting->prepare(strength);
   if (!isHeld(prepared)) return prepared;
   if (m_record != nullptr && !m_record->keep(held.setting->key(), held.setting->record())) {
-    return {Status::FAILED, "the record of what is to be put back cannot be written: the disk is full?"};
+    return {Status::FAILED, "the record of what is to be put back cannot be written: the disk is full?",
+            true};
   }
   Outcome outcome = held.setting->apply(strength);
   if (m_record != nullptr) m_record->keep(held.setting->key(), held.setting->record());
@@ -121,7 +122,7 @@ void Boosts::afterEnd(HeldMap::iterator held, const std::string& why, int64_t no
   const bool rest = !held->second.boosts.empty();
   const Outcome outcome =
       rest ? set(held->second, *held->second.strengths.rbegin()) : held->second.setting->restore();
-  if (!rest && outcome.tryAgain) {
+  if (outcome.tryAgain) {
     if (m_again.insert(held->first).second) {
       m_log.warning("boost ended (" + why + "), to be put back as soon as that can be done: " + outcome.text);
     }
@@ -129,9 +130,9 @@ void Boosts::afterEnd(HeldMap::iterator held, const std::string& why, int64_t no
     return;
   }
   m_log.info("boost ended (" + why + "): " + (rest ? "another one still holds, " : "") + outcome.text);
+  m_again.erase(held->first);
   if (rest) return;
   if (m_record != nullptr) m_record->forget(held->first);
-  m_again.erase(held->first);
   m_held.erase(held);
 }
 

@@ -7,8 +7,8 @@
 //   a further boost            the strongest boost rules
 //   a boost ends               the strongest of the rest rules
 //   the last boost ends        the original is put back
-//   that fails for a want that passes (no descriptor is left)
-//                              the setting is kept without boosts, and tried again every second
+//   one of these two fails for a want that passes (no descriptor is left)
+//                              the setting is kept, and tried again every second
 //
 // A boost ends by its timeout, by the cancelling request, or with the connection of the client it belongs to.
 // All of it belongs to the server's thread. Time is an argument: milliseconds of a clock that never steps.
@@ -89,7 +89,7 @@ class Boosts {
     std::unique_ptr<Setting> setting;
     std::set<uint64_t> boosts;     // serials
     std::multiset<int> strengths;  // of these boosts
-    int64_t again = 0;             // without boosts: when to try again to put it back
+    int64_t again = 0;             // of one in m_again: when to try again
   };
   using HeldMap = std::map<std::string, Held>;  // by the setting's key
   struct Entry {
@@ -114,7 +114,7 @@ class Boosts {
   Order m_byExpiry;                        // only those that expire
   std::map<uint64_t, size_t> m_perHolder;  // boosts per client that has any
   std::map<uint32_t, size_t> m_perUser;
-  std::set<std::string> m_again;  // keys of settings that wait to be put back
+  std::set<std::string> m_again;  // keys of settings that wait to be put back, or made weaker
   uint64_t m_lastSerial = 0;
   uint64_t m_changes = 0;
 };

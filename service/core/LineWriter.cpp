@@ -2,6 +2,7 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -88,6 +89,11 @@ void LineWriter::write(const std::shared_ptr<Shared>& shared) {
     lock.unlock();
     for (size_t done = 0; done < lines.size();) {
       const ssize_t count = ::write(shared->fd, lines.data() + done, lines.size() - done);
+      if (count < 0 && errno == EAGAIN) {  // somebody has made it non-blocking for all who share it
+        pollfd room{shared->fd, POLLOUT, 0};
+        poll(&room, 1, -1);
+        continue;
+      }
       if (count < 0 && errno != EINTR) break;  // nobody reads any more
       if (count > 0) done += static_cast<size_t>(count);
     }

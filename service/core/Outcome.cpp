@@ -6,10 +6,14 @@
 
 namespace service {
 
+bool isPassing(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS || error == EAGAIN;
+}
+
 Outcome failure(const std::string& what, int error) {
   const bool refused = error == EPERM || error == EACCES || error == EROFS;
-  const bool tryAgain = error == EMFILE || error == ENFILE || error == ENOMEM || error == EAGAIN;
-  return {refused ? Status::NOT_PERMITTED : Status::FAILED, what + ": " + shared::errorText(error), tryAgain};
+  return {refused ? Status::NOT_PERMITTED : Status::FAILED, what + ": " + shared::errorText(error),
+          isPassing(error)};
 }
 
 void OutcomeSum::add(const Outcome& outcome) {

@@ -17,6 +17,9 @@ struct Outcome {
   bool tryAgain = false;  // it failed for a want that passes: no descriptor or memory was left
 };
 
+/// Whether an errno value says that descriptors or memory have run out: a want that passes.
+bool isPassing(int error);
+
 /// The outcome of a failed system call: NOT_PERMITTED for the errors that say so, else FAILED; worth another
 /// try when descriptors or memory had run out.
 /// what   the deed, as in "binding thread 12"

@@ -21,7 +21,9 @@ namespace {
 using nlohmann::json;
 
 /// A record longer than this is no record of ours.
-constexpr off_t kMaxRecordBytes = off_t{64} * 1024 * 1024;
+constexpr off_t kMaxRecordBytes = off_t{256} * 1024 * 1024;
+/// Lines that are of no use any more may take so many bytes beside twice what the others take.
+constexpr size_t kSlackBytes = size_t{1} << 20;
 
 std::string bootId() {
   std::string id;
@@ -85,10 +87,17 @@ bool Record::open(const std::string& path, std::string& problem) {
   } else if (!isOurs) {
     problem = "another service uses the record " + path + ": end it, or give --record another path";
   } else {
-    std::istringstream lines(contents(m_file.get()));
+    const std::string text = contents(m_file.get());
+    const json first = json::parse(text.substr(0, text.find('\n')), nullptr, false);
+    if (!text.empty() && !(first.is_object() && first.contains("boot"))) {
+      problem = path + " is no record of this service";
+      m_file = shared::UniqueFd();
+      return false;
+    }
+    std::istringstream lines(text);
     bool sameBoot = false;
-    for (std::string text; std::getline(lines, text);) {
-      const json line = json::parse(text, nullptr, false);
+    for (std::string piece; std::getline(lines, piece);) {
+      const json line = json::parse(piece, nullptr, false);
       if (!line.is_object()) continue;
       if (line.contains("boot")) sameBoot = line["boot"] == bootId();
       if (line.contains("key") && sameBoot) {
@@ -108,12 +117,19 @@ bool Record::open(const std::string& path, std::string& problem) {
 bool Record::append(const std::string& line) {
   const std::string text = line + "\n";
   const ssize_t count = retryEintr([&] { return write(m_file.get(), text.data(), text.size()); });
-  return count == static_cast<ssize_t>(text.size());
+  if (count == static_cast<ssize_t>(text.size())) {
+    m_bytes += text.size();
+    return true;
+  }
+  // Half a line would spoil the next one.
+  if (count > 0 && ftruncate(m_file.get(), lseek(m_file.get(), 0, SEEK_END) - count) != 0) return false;
+  return false;
 }
 
 /// Writes only what is still of use: into a new file, which takes the old one's place, so that a service that
 /// dies meanwhile leaves a whole record. An empty one is made in place.
 bool Record::rewrite() {
+  const size_t before = std::exchange(m_bytes, 0);
   if (!m_kept.empty()) {
     const std::string path = m_path + ".new";
     shared::UniqueFd file(keepAboveStdio(
@@ -124,30 +140,32 @@ bool Record::rewrite() {
     for (const auto& [key, found] : m_kept) written = written && append(keptLine(key, found));
     if (!written || rename(path.c_str(), m_path.c_str()) != 0) {
       std::swap(m_file, file);
+      unlink(path.c_str());
+      m_bytes = before;
+      m_rewriteAt = 2 * before;
       return false;
     }
   } else if (ftruncate(m_file.get(), 0) != 0 || !append(bootLine())) {
     return false;
   }
-  m_lines = m_kept.size();
+  m_rewriteAt = kSlackBytes + 2 * m_bytes;
   return true;
 }
 
 bool Record::keep(const std::string& key, const json& found) {
   if (!m_file) return true;
-  std::string& kept = m_kept[key];
-  std::string text = textOf(found);
-  if (kept == text) return true;
-  kept = std::move(text);
-  ++m_lines;
-  return append(keptLine(key, kept));
+  const std::string text = textOf(found);
+  const auto kept = m_kept.find(key);
+  if (kept != m_kept.end() && kept->second == text) return true;
+  if (!append(keptLine(key, text))) return false;
+  m_kept[key] = text;
+  if (m_bytes > m_rewriteAt) rewrite();
+  return true;
 }
 
 void Record::forget(const std::string& key) {
   if (!m_file || m_kept.erase(key) == 0) return;
-  ++m_lines;
-  constexpr size_t kSlack = 1024;
-  if (m_kept.empty() || m_lines > kSlack + 2 * m_kept.size()) {
+  if (m_kept.empty() || m_bytes > m_rewriteAt) {
     rewrite();
   } else {
     append(textOf({{"key", key}}));

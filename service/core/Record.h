@@ -45,7 +45,8 @@ class Record {
   shared::UniqueFd m_file;
   std::map<std::string, std::string> m_left;
   std::map<std::string, std::string> m_kept;  // what the file says
-  size_t m_lines = 0;                         // in the file, but for the first
+  size_t m_bytes = 0;                         // in the file
+  size_t m_rewriteAt = 0;                     // with more bytes than these it is written anew
 };
 
 }  // namespace service

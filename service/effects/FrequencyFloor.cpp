@@ -63,7 +63,7 @@ std::string FrequencyFloor::folder(const Cpu& cpu) const {
 
 FrequencyFloor::FrequencyFloor(const std::string& sysRoot) : m_cpuRoot(sysRoot + "/devices/system/cpu") {
   for (const int number : cpuNumbers(m_cpuRoot)) {
-    Cpu cpu{number, 0, 0, 0, 0, false};
+    Cpu cpu{number, 0, 0, 0, 0, 0, false};
     if (readNumber(folder(cpu) + "scaling_min_freq", cpu.original) == 0 &&
         readNumber(folder(cpu) + "cpuinfo_min_freq", cpu.least) == 0 &&
         readNumber(folder(cpu) + "scaling_max_freq", cpu.most) == 0 && cpu.most >= cpu.least) {
@@ -81,6 +81,7 @@ std::unique_ptr<Setting> FrequencyFloor::ofRecord(const nlohmann::json& record, 
                   0,
                   0,
                   numberIn(entry, "applied"),
+                  numberIn(entry, "wanted"),
                   false};
     if (cpu.number >= 0 && cpu.original >= 0 && cpu.applied > 0) floor->m_cpus.push_back(cpu);
   }
@@ -90,7 +91,9 @@ std::unique_ptr<Setting> FrequencyFloor::ofRecord(const nlohmann::json& record, 
 nlohmann::json FrequencyFloor::record() const {
   nlohmann::json cpus = nlohmann::json::array();
   for (const Cpu& cpu : m_cpus) {
-    cpus.push_back({{"cpu", cpu.number}, {"original", cpu.original}, {"applied", cpu.applied}});
+    nlohmann::json entry = {{"cpu", cpu.number}, {"original", cpu.original}};
+    addApplied(entry, cpu.applied > 0 ? cpu.applied : cpu.wanted, cpu.wanted);
+    cpus.push_back(std::move(entry));
   }
   return {{"what", "frequency"}, {"cpus", cpus}};
 }
@@ -100,7 +103,7 @@ Outcome FrequencyFloor::prepare(int strength) {
   for (Cpu& cpu : m_cpus) {
     const int64_t share = (cpu.most - cpu.least) / kStrongest * std::min(strength, kStrongest);
     const int64_t target = strength >= kStrongest ? cpu.most : cpu.least + share;
-    cpu.applied = std::max(cpu.original, target);
+    cpu.wanted = std::max(cpu.original, target);
   }
   return {};
 }
@@ -110,14 +113,14 @@ Outcome FrequencyFloor::apply(int /*strength*/) {
   for (Cpu& cpu : m_cpus) {
     const std::string path = folder(cpu) + "scaling_min_freq";
     const std::string name = fmt::format("cpu{} scaling_min_freq", cpu.number);
-    const int error = writeNumber(path, cpu.applied);
+    const int error = writeNumber(path, cpu.wanted);
     if (error != 0) {
-      cpu.applied = 0;
       outcome.add(failure(name, error));
       continue;
     }
     int64_t now = 0;
-    if (readNumber(path, now) == 0) cpu.applied = now;
+    if (readNumber(path, now) == 0) cpu.wanted = now;
+    cpu.applied = cpu.wanted;
     outcome.add({Status::DONE, fmt::format("{} {} -> {}", name, cpu.original, cpu.applied)});
   }
   return outcome.sum();
@@ -131,11 +134,13 @@ Outcome FrequencyFloor::restore() {
     cpu.isOurs = false;
     if (cpu.applied <= 0) continue;
     int error = readNumber(folder(cpu) + "scaling_min_freq", now);
-    if (error == 0 && now != cpu.applied) error = readNumber(folder(cpu) + "scaling_max_freq", cap);
+    if (error == 0 && now != cpu.applied && now != cpu.wanted)
+      error = readNumber(folder(cpu) + "scaling_max_freq", cap);
     if (error != 0 && error != ENOENT && error != ENODEV) {
       outcome.add(failure(fmt::format("cpu{} scaling_min_freq", cpu.number), error));
     }
-    cpu.isOurs = error == 0 && (now == cpu.applied || (now == cap && cap < cpu.applied));
+    cpu.isOurs = error == 0 && (now == cpu.applied || now == cpu.wanted ||
+                                (now == cap && cap < std::max(cpu.applied, cpu.wanted)));
   }
   for (Cpu& cpu : m_cpus) {
     if (!cpu.isOurs) continue;

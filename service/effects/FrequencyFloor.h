@@ -37,6 +37,7 @@ class FrequencyFloor : public Setting {
     int64_t least;
     int64_t most;
     int64_t applied;  // as read back: the kernel rounds; 0 while nothing was written
+    int64_t wanted;   // by the last prepare(); the same as `applied` once that is done
     bool isOurs;      // restore()'s note: the floor still is what was set
   };
   FrequencyFloor() = default;

@@ -61,6 +61,7 @@ std::unique_ptr<Setting> IoPriority::ofRecord(const nlohmann::json& record) {
         static_cast<uint64_t>(numberIn(entry, "started")), static_cast<int>(numberIn(entry, "original"))};
   }
   priority->m_applied = static_cast<int>(numberIn(record, "applied"));
+  priority->m_wanted = static_cast<int>(numberIn(record, "wanted"));
   return priority->m_applied >= 0 ? std::move(priority) : nullptr;
 }
 
@@ -69,11 +70,10 @@ nlohmann::json IoPriority::record() const {
   for (const auto& [tid, thread] : m_threads) {
     threads.push_back({{"tid", tid}, {"started", thread.start}, {"original", thread.original}});
   }
-  return {{"what", "io"},
-          {"pid", m_process->pid()},
-          {"started", m_start},
-          {"threads", threads},
-          {"applied", m_wanted}};
+  nlohmann::json record = {
+      {"what", "io"}, {"pid", m_process->pid()}, {"started", m_start}, {"threads", std::move(threads)}};
+  addApplied(record, m_applied >= 0 ? m_applied : m_wanted, m_wanted);
+  return record;
 }
 
 std::string IoPriority::key() const {
@@ -133,7 +133,8 @@ Outcome IoPriority::restore() {
   int restored = 0;
   Outcome unclear;
   for (const pid_t tid : tids) {
-    if (ioPriority(tid) != m_applied) continue;  // has ended, or was changed by others
+    const int now = ioPriority(tid);
+    if (now < 0 || !isOurs(now)) continue;  // has ended, or was changed by others
     const ThreadLook look = m_process->thread(tid);
     if (look.state == ThreadLook::State::UNCLEAR) unclear = failure("I/O priority of " + process, look.error);
     if (!look.isThere()) continue;

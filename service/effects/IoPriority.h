@@ -34,6 +34,7 @@ class IoPriority : public Setting {
     int original;    // I/O priority value
   };
   bool isKnown(pid_t tid, const ThreadLook& look) const;
+  bool isOurs(int priority) const { return priority == m_applied || priority == m_wanted; }
 
   const std::shared_ptr<const Process> m_process;
   uint64_t m_start;                   // of the process's first thread

@@ -21,10 +21,16 @@
 namespace service {
 namespace {
 
-/// More at once is cut short by the kernel.
-constexpr int64_t kPiece = int64_t{1024} * 1024;
+/// More at once is cut short by the kernel, to what a disk reads at once: this much, or more.
+constexpr int64_t kPiece = int64_t{128} * 1024;
 
 const char kNoAnswer[] = "files cannot be looked at in time: their disk does not answer";
+
+size_t bytesOf(const Preloads::Order& order) {
+  size_t bytes = 0;
+  for (const std::string& file : order.files) bytes += sizeof(file) + file.size();
+  return bytes;
+}
 
 std::vector<gid_t> sorted(std::vector<gid_t> groups, gid_t more) {
   groups.push_back(more);
@@ -129,7 +135,10 @@ int Preloads::fd() const {
 }
 
 void Preloads::start(Order order, int64_t now) {
-  if (m_waiting.size() >= kMaxWaitingPreloads) {
+  size_t bytes = bytesOf(order);
+  for (const Order& waiting : m_waiting) bytes += waiting.user == order.user ? bytesOf(waiting) : 0;
+  const bool userIsFirst = bytes == bytesOf(order);
+  if (m_waiting.size() >= kMaxWaitingPreloads || (!userIsFirst && bytes > kMaxWaitingPreloadBytes)) {
     m_mailbox->put({order.ticket, {Status::FAILED, "too many requests to read files ahead wait already"}});
     return;
   }

@@ -23,9 +23,11 @@ namespace service {
 constexpr int64_t kMaxPreloadBytes = int64_t{1} << 30;
 /// How long one order may take, in milliseconds.
 constexpr int64_t kMaxPreloadMs = 10'000;
-/// Threads at a time, and orders that wait for one.
+/// Threads at a time, and orders that wait for one; and the memory that a user's may take, of which one has
+/// as much as it needs.
 constexpr size_t kMaxPreloadThreads = 8;
 constexpr size_t kMaxWaitingPreloads = 1024;
+constexpr size_t kMaxWaitingPreloadBytes = size_t{16} * 1024 * 1024;
 
 /// With whose eyes files are looked at, so that a client can neither warm nor detect a file it may not read.
 struct Eyes {

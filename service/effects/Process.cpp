@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "base/descriptor.h"
+#include "service/core/Outcome.h"
 #include "shared/Text.h"
 
 #ifndef SO_PEERPIDFD
@@ -79,18 +80,28 @@ std::shared_ptr<Process> Process::open(pid_t pid, shared::UniqueFd pidfd) {
   return process->m_folder && process->alive() ? process : nullptr;
 }
 
-std::shared_ptr<const Process> Process::ofSocket(int fd) {
+std::shared_ptr<const Process> Process::ofSocket(int fd, int& want) {
+  want = 0;
   ucred credentials{};
   socklen_t length = sizeof(credentials);
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 || credentials.pid <= 0) {
     return nullptr;
   }
-  const std::shared_ptr<Process> process = open(credentials.pid, peerPidfd(fd, credentials.pid));
-  if (process == nullptr) return nullptr;
+  errno = 0;
+  shared::UniqueFd pidfd = peerPidfd(fd, credentials.pid);
+  std::shared_ptr<Process> process;
+  if (pidfd || !isPassing(errno)) {
+    errno = 0;
+    process = open(credentials.pid, std::move(pidfd));
+  }
+  if (process != nullptr) process->m_rights = process->rights();
+  if (process == nullptr || process->m_rights.empty()) {
+    if (isPassing(errno)) want = errno;
+    return nullptr;
+  }
   process->m_uid = credentials.uid;
   process->m_gid = credentials.gid;
   process->m_groups = peerGroups(fd);
-  process->m_rights = process->rights();
   return process;
 }
 

@@ -35,7 +35,8 @@ class Process {
  public:
   /// The process that connected `fd`, as the kernel tells it (SO_PEERCRED). Null when it cannot be seen: it
   /// has ended already, or lives where this service has no view of it.
-  static std::shared_ptr<const Process> ofSocket(int fd);
+  /// want  set to the errno value when it is a want that passes, see isPassing(); else 0
+  static std::shared_ptr<const Process> ofSocket(int fd, int& want);
 
   /// The process of this number. Whether it is the one that was meant is for thread starts to tell. Null when
   /// there is none.

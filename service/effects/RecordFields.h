@@ -1,4 +1,4 @@
-// Reading a setting's record: a file that somebody may have damaged.
+// The fields of a setting's record. It is read from a file that somebody may have damaged.
 #pragma once
 
 #include <cstdint>
@@ -26,6 +26,13 @@ inline nlohmann::json listIn(const nlohmann::json& object, const char* name) {
   if (!object.is_object()) return nlohmann::json::array();
   const auto field = object.find(name);
   return field != object.end() && field->is_array() ? *field : nlohmann::json::array();
+}
+
+/// Adds what the setting was given and, while they differ, what it is to be given next: a service that is
+/// killed in between leaves one of the two.
+inline void addApplied(nlohmann::json& object, int64_t applied, int64_t wanted) {
+  object["applied"] = applied;
+  if (wanted != applied) object["wanted"] = wanted;
 }
 
 }  // namespace service

@@ -150,6 +150,7 @@ bool Server::handle(Client& client, Request&& request) {
   } else {
     m_lastTicket = ticket;
     client.setBusy(true);
+    keepDescription(request);
     m_later.emplace(ticket, Later{client.requester().id, std::move(request)});
   }
   return !m_stopped;

@@ -138,7 +138,8 @@ bool decodeRequest(const RequestPacket& packet, Request& request, std::string& p
              packet.sendTime,
              packet.timestamp,
              kind != nullptr ? kind->emptyMessage() : RequestMessage(),
-             0};
+             0,
+             {}};
   size_t end = packet.body.size();
   const bool fits = !std::holds_alternative<amc::RequestBootPreLoadResource>(request.message) ||
                     boundFiles(packet.body, end, request.leftOutFiles);
@@ -153,7 +154,13 @@ const char* requestName(uint16_t funcid) {
   return kind != nullptr ? kind->name : "unknownRequest";
 }
 
+void keepDescription(Request& request) {
+  request.arguments = describeArguments(request);
+  request.message = {};
+}
+
 std::string describeArguments(const Request& request) {
+  if (!request.arguments.empty()) return request.arguments;
   return std::visit(DescribeArguments{request}, request.message);
 }
 

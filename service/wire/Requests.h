@@ -24,6 +24,7 @@ struct Request {
   int64_t timestamp = 0;   // nanoseconds
   RequestMessage message;
   size_t leftOutFiles = 0;  // names of 1011 that are not in `message`: beyond kMaxFiles
+  std::string arguments;    // describeArguments() of a message that was given up for it
 };
 
 /// Names of 1011 that are taken. More are counted and left out before they cost memory.
@@ -39,5 +40,8 @@ const char* requestName(uint16_t funcid);
 
 /// The request's arguments for its line, as in "scene=3 level=2 timeoutms=1000 action=5"; empty without any.
 std::string describeArguments(const Request& request);
+
+/// Gives the message up, which may be long, and keeps only what describeArguments() says of it.
+void keepDescription(Request& request);
 
 }  // namespace service

@@ -11,6 +11,7 @@
 #include <future>
 
 #include "service/effects/Preload.h"
+#include "service/effects/Recorded.h"
 #include "service/faults/Faults.h"
 #include "shared/Address.h"
 #include "support/RunningService.h"
@@ -25,16 +26,6 @@ const bool g_isSet = (g_patience = std::chrono::seconds(5), true);
 /// The reply to a request() without a body.
 Bytes answer(uint16_t funcid, int64_t timestamp = 5) {
   return reply(funcid, 0, "", timestamp, 1234567);
-}
-
-/// The body of 1002, 1004 and 1006, which look alike: a level in the one place is a thread in the other.
-Bytes boost(std::initializer_list<int> levelOrTids, int timeoutMs = 0) {
-  amc::RequestCPUCoreForThread message;
-  message.set_scene(1);
-  for (const int number : levelOrTids) message.add_bindtids(number);
-  message.set_timeout(timeoutMs);
-  message.set_action(1);
-  return message.SerializeAsString();
 }
 
 struct TemporaryFolder {
@@ -89,28 +80,15 @@ TEST(ServiceFrequency, TheStrongestBoostRulesAndTheLastOneToEndRestores) {
   running.stop();
   EXPECT_EQ(floors(), "400000 600000") << "what somebody else has moved is left alone, a capped floor is not";
 
-  // Over UDP nobody is seen to go.
-  const service::Log log(service::Priority::DEBUG, [](service::Priority, const std::string&) {});
-  service::Dispatcher dispatcher({{}, false, sys.path}, log);
-  const std::pair<int, uint32_t> cases[] = {
-      {0, service::Status::BAD_ARGUMENT}, {600'001, service::Status::BAD_ARGUMENT}, {600'000, 0}};
-  for (const auto& [timeoutMs, status] : cases) {
-    service::Request request;
-    amc::RequestCPUHighFreq message;
-    message.set_level(1);
-    message.set_timeoutms(timeoutMs);
-    request.funcid = 1002;
-    request.message = message;
-    EXPECT_EQ(dispatcher.handle(request, service::Requester(), 1, 77)->status, status) << timeoutMs;
+  // A service that was killed between writing its record and making its floor higher.
+  for (const char* const floor : {"800000", "1800000", "1000000"}) {
+    sys.write(cpus + "cpu2" + floorOf, floor);
+    service::settingOfRecord(
+        R"({"what":"frequency","cpus":[{"cpu":2,"original":900000,"applied":800000,"wanted":1800000}]})",
+        sys.path)
+        ->restore();
+    EXPECT_EQ(floors(), std::string("400000 ") + (floor[0] == '1' && floor[1] == '0' ? floor : "900000"));
   }
-  EXPECT_EQ(dispatcher.boosts().nextExpiry(), 600'077);
-}
-
-std::vector<service::Fault> faults(const std::string& script) {
-  std::vector<service::Fault> one(1);
-  std::string problem;
-  EXPECT_TRUE(service::parseFault(script, one[0], problem)) << problem;
-  return one;
 }
 
 TEST(ServiceCores, AThreadGetsItsOwnCpusBackUnlessOthersHaveMovedIt) {
@@ -133,15 +111,6 @@ TEST(ServiceCores, AThreadGetsItsOwnCpusBackUnlessOthersHaveMovedIt) {
   EXPECT_EQ(thread.cpus(), bound);
   EXPECT_EQ(client.ask(1014, hex("08 00 10 00 18 01")), 0u);  // all threads
   EXPECT_EQ(thread.cpus(), before);
-
-  ServerOptions keeping;
-  keeping.faults = faults("keep-boosts");
-  RunningService keeper({}, keeping);
-  EXPECT_EQ(BytesClient(keeper.name()).ask(1004, bind), 0u);
-  EXPECT_TRUE(keeper.says("disconnected"));
-  EXPECT_EQ(thread.cpus(), bound);
-  keeper.stop();
-  EXPECT_EQ(thread.cpus(), before) << "the service has ended";
 
   EXPECT_EQ(client.ask(1004, bind), 0u);
   cpu_set_t first;
@@ -173,6 +142,15 @@ TEST(ServiceServer, WantOfDescriptorsIsWaitedOut) {
   setrlimit(RLIMIT_NOFILE, &limit);
   EXPECT_EQ(late.ask(1009), 0u);
   EXPECT_TRUE(eventually([&] { return thread.cpus() == before; }));
+  BytesClient unseen(running.name(), [&] {  // enough to accept it, too few to look at it
+    const int next = dup(0);
+    close(next);
+    const rlimit one{static_cast<rlim_t>(next) + 1, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &one);
+  });
+  EXPECT_TRUE(running.says("cannot look at a client now"));
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_EQ(unseen.ask(1004, boost({thread.tid})), 0u);
 }
 
 TEST(ServiceServer, ClientsAndBoostsAreBoundedAndReclaimed) {
@@ -318,7 +296,7 @@ TEST(ServiceIo, PriorityOfTheClientsThreadsIsRaisedAndPutBack) {
   RunningService running(Policy{{}, false, "/nowhere"});
   BytesClient client(running.name());
   const uint32_t status = client.ask(1006, boost({2}));
-  if (status != 0) GTEST_SKIP() << "this system refuses I/O priorities, status " << status;
+  if (status != 0) GTEST_SKIP() << "NOT TESTED: this system refuses I/O priorities, status " << status;
   EXPECT_EQ(thread.ioPriority(), 2 << 13 | 1);
   EXPECT_EQ(client.ask(1006, boost({3})), 0u);
   EXPECT_EQ(thread.ioPriority(), 2 << 13 | 0);
@@ -350,7 +328,7 @@ TEST(ServicePreload, ReadsRegularFilesAheadWithTheClientsRightsAndOpensNothingEl
     for (const std::string& name : files) message.add_files(name);
     EXPECT_EQ(client.ask(1011, message.SerializeAsString()), status) << files.size();
   }
-  if (geteuid() != 0) GTEST_SKIP() << "only root sees more than its clients";
+  if (geteuid() != 0) GTEST_SKIP() << "NOT TESTED beyond this: only root sees more than its clients";
   // A thread keeps the eyes that it has taken on.
   const auto asNobody = [&] {
     return std::async(std::launch::async, [&] { return service::preloadFiles({file}, 0, {}).status; }).get();
@@ -360,41 +338,29 @@ TEST(ServicePreload, ReadsRegularFilesAheadWithTheClientsRightsAndOpensNothingEl
   EXPECT_EQ(asNobody(), service::Status::DONE);
 }
 
+std::vector<service::Fault> faults(const std::string& script) {
+  std::vector<service::Fault> one(1);
+  std::string problem;
+  EXPECT_TRUE(service::parseFault(script, one[0], problem)) << problem;
+  return one;
+}
+
 TEST(ServiceFaults, EachStrikesWhenItsScriptSays) {
   const Bytes a = answer(1009, 1), b = answer(1009, 2), c = answer(1009, 3);
   const Bytes three = request(1009, "", 1) + request(1009, "", 2) + request(1009, "", 3);
   const Bytes first = reply(1010, 0, hex("08 01 12 05") + "first");
-  const Bytes second = reply(1010, 0, hex("08 02 12 06") + "second");
-  const auto with = [&](size_t at, const Bytes& bytes) { return Bytes(c).replace(at, bytes.size(), bytes); };
-  // What the second of three clients gets for what it sends; the third is served, save by the 1009 of some.
+  // When they strike: what the second of three clients gets for what it sends; the third is served. What each
+  // of them does is seen by the case of `tarnbooster check` that finds it.
   const struct {
     const char* script;
     Bytes gets;
     Bytes sends;
   } rows[] = {
-      {"no-answer,only=1009", "", three},
-      {"no-answer,every=2,only=1009", a + c, three},
-      {"no-answer,after=1,only=1009", a, three},
-      {"no-answer,only=1003", a + b + c, three},
-      {"no-answer,from=3600000", a + b + c, three},
-      {"twice,after=2", a + b + c + c, three},
-      {"swap,every=2,only=1009", a + c + b, three},
-      {"garbage=8,every=3", a + b + service::Faults({service::Fault()}, 0).noise(8) + c, three},
-      {"wrong-timestamp,every=3", a + b + with(24, hex("04")), three},
-      {"wrong-funcid,every=3", a + b + with(6, hex("f2")), three},
-      {"bad-magic,every=3", a + b + with(0, "S"), three},
-      {"huge-length,every=3", a + b + with(12, hex("ffffffff")), three},
-      {"cut-header=5,every=3", a + b + c.substr(0, 5), three},
-      {"two-bodies,every=3", a + b + c + first + second, three},
-      {"close,after=1,only=1009", a, three},
-      {"half-close,after=1,only=1009", a + b, three},
-      {"stop-reading,after=1,only=1009", a + b, three},
-      {"lose-coalesced", a, three},
-      {"lose-split", a + b, three.substr(0, 84)},
-      {"delay=1,after=1", a + b + c, three},
-      {"refuse,every=2", "", three},
-      {"no-accept,every=2", "", three},
-      {"no-push,after=1", answer(1010) + first, request(1010)},
+      {"no-answer,only=1009", "", three},           {"no-answer,every=2,only=1009", a + c, three},
+      {"no-answer,after=1,only=1009", a, three},    {"no-answer,only=1003", a + b + c, three},
+      {"no-answer,from=3600000", a + b + c, three}, {"twice,after=2", a + b + c + c, three},
+      {"swap,every=2,only=1009", a + c + b, three}, {"close,after=1,only=1009", a, three},
+      {"delay=1,after=1", a + b + c, three},        {"no-push,after=1", answer(1010) + first, request(1010)},
   };
   for (const auto& row : rows) {
     ServerOptions options;
@@ -407,9 +373,6 @@ TEST(ServiceFaults, EachStrikesWhenItsScriptSays) {
     BytesClient after(running.name());
     for (int i = 0; i < 2; ++i) EXPECT_EQ(after.ask(1001), 0u) << row.script;
     EXPECT_EQ(client.readNow(), "") << row.script;
-    if (options.faults[0].kind != service::FaultKind::LOSE_SPLIT) continue;
-    client.write(request(1003));
-    EXPECT_EQ(client.read(32), answer(1003)) << "the piece is forgotten";
   }
   for (const auto& [script, copies] :
        {std::pair("udp-lose=100", 0), {"udp-duplicate=100", 2}, {"twice", 1}}) {
@@ -427,13 +390,6 @@ TEST(ServiceFaults, EachStrikesWhenItsScriptSays) {
       seen += bytes[1] == PACKET_ACK && sequenceOf(bytes) == 100000 ? 1 : 0;
     }
     EXPECT_EQ(seen, copies) << script;
-  }
-  for (const char* const bad :
-       {"", "slow", "delay=x", "delay=-1", "close=3", "close,every=0", "close,often=1"}) {
-    service::Fault fault;
-    std::string problem;
-    EXPECT_FALSE(service::parseFault(bad, fault, problem)) << bad;
-    EXPECT_NE(problem, "");
   }
 }
 

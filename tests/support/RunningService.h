@@ -72,6 +72,16 @@ inline Bytes request(uint16_t funcid, const Bytes& body = "", int64_t timestamp 
   return Bytes(reinterpret_cast<char*>(header), sizeof(header)) + body;
 }
 
+/// The body of 1002, 1004 and 1006, which look alike: a level in the one place is a thread in the other.
+inline Bytes boost(std::initializer_list<int> levelOrTids, int timeoutMs = 0) {
+  amc::RequestCPUCoreForThread message;
+  message.set_scene(1);
+  for (const int number : levelOrTids) message.add_bindtids(number);
+  message.set_timeout(timeoutMs);
+  message.set_action(1);
+  return message.SerializeAsString();
+}
+
 /// A client of the service on a plain socket.
 class BytesClient : public Connection {
  public:

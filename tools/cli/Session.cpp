@@ -17,6 +17,7 @@ using client::steadyMs;
 using client::steadyUs;
 
 constexpr int64_t kProgressMs = 200;
+constexpr size_t kMostOpen = 100000;  // requests without an answer
 
 volatile sig_atomic_t g_interrupted = 0;
 
@@ -54,11 +55,13 @@ ExitCode Session::request(uint16_t funcid, const std::string& body, const HowTo&
       // Without a summary the first request that is not answered ends it.
       if (!finish(how) && !how.summary) break;
     } else if (i + 1 < how.repeat) {
-      work(start + (i + 1) * how.intervalMs);
+      stay(start + (i + 1) * how.intervalMs);
+      // A service that does not keep up slows the tool down, rather than fills its memory.
+      if (m_open.size() >= kMostOpen) finish(how);
     }
   }
   finish(how);
-  while (how.waitMs > 0 && work(start + how.waitMs) && steadyMs() < start + how.waitMs) continue;
+  if (how.waitMs > 0) stay(start + how.waitMs);
   if (how.summary) {
     if (isatty(STDERR_FILENO) != 0) fputs("\r\033[K", stderr);
     m_output.summary(m_summary);
@@ -118,13 +121,18 @@ bool Session::work(int64_t deadlineMs, int watched) {
   return false;
 }
 
+/// Handles events until then, answered or not.
+void Session::stay(int64_t untilMs) {
+  while (work(untilMs) && steadyMs() < untilMs) continue;
+}
+
 void Session::receive(const client::Reply& reply) {
   if (reply.isPush()) return m_output.push(reply);
   const auto open = m_open.find({reply.header.funcid, reply.header.timestamp});
   if (open == m_open.end()) {
     // The empty reply that a service puts between two pushes says nothing.
     const bool separator = reply.header.funcid == FUNCID_REGISTER_ANR_CALLBACK && reply.header.status == 0;
-    if (!separator) m_output.reply(reply, -1);
+    if (!separator && !m_quiet) m_output.reply(reply, -1);
     return;
   }
   const int64_t took = steadyUs() - open->second;

@@ -42,6 +42,7 @@ class Session {
 
   void send(uint16_t funcid, const std::string& body, const HowTo& how);
   bool work(int64_t deadlineMs, int watched = -1);
+  void stay(int64_t untilMs);
   void receive(const client::Reply& reply);
   bool finish(const HowTo& how);
   bool mayGoOn() const;

@@ -13,11 +13,8 @@
 namespace cli {
 namespace {
 
-bool isDecimal(const std::string& text, int64_t least, int64_t most, int64_t& number) {
-  const size_t first = !text.empty() && text[0] == '-' ? 1 : 0;
-  const bool leadingZero = text.size() > 1 && text[first] == '0';  // to some it means octal
-  return !leadingZero && shared::parseNumber(text, least, most, number);
-}
+/// No request, and no state of a service, comes near.
+constexpr size_t kMaxLinesBytes = size_t{256} << 20;
 
 /// Insertions, deletions, replacements and swaps of neighbours that lead from one to the other.
 size_t distance(const std::string& a, const std::string& b) {
@@ -44,7 +41,7 @@ CLI::Validator decimal(int64_t least, int64_t most) {
   return CLI::Validator(
       [=](std::string& text) {
         int64_t number = 0;
-        if (isDecimal(text, least, most, number)) return std::string();
+        if (shared::parseNumber(text, least, most, number)) return std::string();
         return fmt::format("\"{}\" is no decimal number from {} to {}", shared::printable(text), least, most);
       },
       "");
@@ -56,7 +53,7 @@ std::string parseTids(const std::string& list, std::vector<int32_t>& tids) {
     const size_t end = std::min(list.find(',', start), list.size());
     const std::string item = list.substr(start, end - start);
     int64_t tid = gettid();
-    if (item != "self" && !isDecimal(item, INT32_MIN, INT32_MAX, tid)) {
+    if (item != "self" && !shared::parseNumber(item, INT32_MIN, INT32_MAX, tid)) {
       return fmt::format("\"{}\" in \"{}\" is neither a decimal thread id nor \"self\"",
                          shared::printable(item), shared::printable(list));
     }
@@ -72,7 +69,15 @@ std::string readLines(const std::string& path, std::vector<std::string>& lines) 
   std::istream& in = path == "-" ? std::cin : file;
   if (in) {
     errno = 0;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    size_t bytes = 0;
+    std::string line;
+    while (bytes <= kMaxLinesBytes && std::getline(in, line)) {
+      bytes += line.size() + 1;
+      lines.push_back(line);
+    }
+    if (bytes > kMaxLinesBytes) {
+      return fmt::format("cannot read {}: more than {} bytes", shared::printable(path), kMaxLinesBytes);
+    }
     if (!in.bad()) return "";
   }
   return fmt::format("cannot read {}: {}", path == "-" ? "standard input" : shared::printable(path),

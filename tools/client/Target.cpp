@@ -14,7 +14,7 @@ std::string Target::text() const {
 }
 
 std::string parseName(const std::string& text, Target& target) {
-  target.name = text.substr(!text.empty() && text[0] == '@' ? 1 : 0);
+  target.name = shared::bareName(text);
   if (target.name.empty()) return "the name is empty: say which service, as in --socket tarnbooster";
   if (target.name.size() <= shared::kMaxNameBytes) return "";
   return fmt::format("the name has {} bytes, at most {} fit", target.name.size(), shared::kMaxNameBytes);
