@@ -7,6 +7,9 @@
 //
 // Ownership: push() takes the item over (a refused item is freed), tryPop() and pop() hand it out. An Item is
 // moved; one made by default is "no item" and tests false.
+//
+// How long a queue grows is decided by who fills it, so memory that cannot be had refuses an item and ends
+// nothing.
 #pragma once
 
 #include <semaphore.h>
@@ -15,9 +18,10 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <utility>
-#include <vector>
 
 /// A counting semaphore of this process (POSIX, unnamed).
 class Semaphore {
@@ -48,37 +52,42 @@ class Semaphore {
 template <class Item>
 class Ring {
  public:
-  explicit Ring(size_t reserved) : m_reserved(reserved), m_block(reserved) {}
+  explicit Ring(size_t reserved) : m_reserved(reserved), m_places(reserved), m_block(new Item[reserved]) {}
   bool empty() const { return m_count == 0; }
   size_t size() const { return m_count; }
   /// The i-th oldest, i below size().
   Item& operator[](size_t i) { return m_block[place(i)]; }
 
-  void push(Item item) {
-    if (m_count == m_block.size()) grow();
+  /// False, with the item freed, when there is no memory for a larger block.
+  bool push(Item item) {
+    if (m_count == m_places && !resize(2 * m_places)) return false;
     m_block[place(m_count++)] = std::move(item);
+    return true;
   }
   Item pop() {
     Item item = std::exchange(m_block[m_first], Item());
     m_first = place(1);
-    if (--m_count == 0 && m_block.size() > m_reserved) *this = Ring(m_reserved);
+    if (--m_count == 0 && m_places > m_reserved) resize(m_reserved);
     return item;
   }
 
  private:
   size_t place(size_t i) const {
     const size_t sum = m_first + i;
-    return sum < m_block.size() ? sum : sum - m_block.size();
+    return sum < m_places ? sum : sum - m_places;
   }
-  void grow() {
-    std::vector<Item> larger(2 * m_block.size());
-    for (size_t i = 0; i < m_count; ++i) larger[i] = std::move((*this)[i]);
-    m_block.swap(larger);
+  bool resize(size_t places) {
+    std::unique_ptr<Item[]> block(new (std::nothrow) Item[places]);
+    if (block == nullptr) return false;
+    for (size_t i = 0; i < m_count; ++i) block[i] = std::move((*this)[i]);
+    m_block = std::move(block);
+    m_places = places;
     m_first = 0;
+    return true;
   }
 
-  size_t m_reserved;
-  std::vector<Item> m_block;
+  size_t m_reserved, m_places;
+  std::unique_ptr<Item[]> m_block;  // of m_places items
   size_t m_first = 0, m_count = 0;
 };
 
@@ -93,7 +102,8 @@ class BoundedQueue {
       : m_queue(std::min(capacity, kReserved)), m_freeSlots(capacity), m_items(0) {}
 
   /// Queues an item behind all others. Any thread; blocks while the queue is full.
-  /// Returns false, with the item freed, when the queue is closed or is closed during the wait.
+  /// Returns false, with the item freed, when the queue is closed or is closed during the wait, or when there
+  /// is no memory for more than kReserved items.
   bool push(Item item) {
     if (!m_freeSlots.tryWait()) {
       m_waiting.fetch_add(1);
@@ -160,14 +170,13 @@ class BoundedQueue {
   bool place(Item item) {
     {
       std::lock_guard<std::mutex> lock(m_lock);
-      if (!m_closed) {
-        m_queue.push(std::move(item));
+      if (!m_closed && m_queue.push(std::move(item))) {
         m_count.fetch_add(1);
         m_items.post();  // under the lock, so that an item that front() shows is one that tryPop() gets
         return true;
       }
     }
-    m_freeSlots.post();  // pass the wake-up on: close() posts one, for all that wait
+    m_freeSlots.post();  // the place back; when closed, the wake-up on: close() posts one for all that wait
     return false;
   }
 

@@ -17,7 +17,8 @@ int32_t Callback::pushCallback(int32_t type, int64_t timestamp, int32_t status, 
   info.status = status;
   info.funcid = funcid;
   info.code = code;
-  if (data != nullptr && len >= 1) {
+  const bool hasData = data != nullptr && len >= 1;
+  if (hasData) {
     {
       std::unique_lock<std::mutex> lock(m_bytesLock);
       m_bytesTaken.wait(lock, [&] { return m_pendingBytes == 0 || m_pendingBytes + len <= kPendingBytes; });
@@ -32,7 +33,10 @@ int32_t Callback::pushCallback(int32_t type, int64_t timestamp, int32_t status, 
     }
     memcpy(info.data.get(), data, len);
   }
-  m_queue.push(std::move(info));
+  if (!m_queue.push(std::move(info))) {
+    if (hasData) giveBack(len);
+    LOG_ERROR("report of %d bytes not queued", hasData ? len : 0);
+  }
   return 0;
 }
 

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -21,8 +22,14 @@ char* jstringToChars(JNIEnv* env, jstring s) {
   jboolean isCopy = JNI_FALSE;
   const char* const chars =
       env->GetStringUTFChars(s, &isCopy);  // s is not checked: the Java class refuses null
-  char* const copy = strdup(chars);
-  env->ReleaseStringUTFChars(s, chars);
+  char* copy = nullptr;
+  if (chars != nullptr) {
+    copy = strdup(chars);
+    env->ReleaseStringUTFChars(s, chars);
+  } else {
+    env->ExceptionClear();  // the machine's own lack of memory
+  }
+  if (copy == nullptr) LOG_ERROR("text not copied");
   return copy;
 }
 
@@ -34,22 +41,38 @@ int* jintArrayToInts(JNIEnv* env, jintArray a, int& length) {
   const jsize n = env->GetArrayLength(a);
   jint* const elements = env->GetIntArrayElements(a, nullptr);
   int* copy = nullptr;
-  if (n >= 1) {
-    copy = new int[n];
-    memcpy(copy, elements, static_cast<size_t>(n) * sizeof(int));
+  if (elements != nullptr) {
+    if (n >= 1) copy = new (std::nothrow) int[n];
+    if (copy != nullptr) memcpy(copy, elements, static_cast<size_t>(n) * sizeof(int));
+    env->ReleaseIntArrayElements(a, elements, 0);
+  } else {
+    env->ExceptionClear();  // the machine's own lack of memory
   }
-  env->ReleaseIntArrayElements(a, elements, 0);
+  if (n >= 1 && copy == nullptr) LOG_ERROR("%d numbers not copied", n);
   length = n;
   return copy;
 }
 
 namespace {
 
-/// A string argument. Kept on purpose: what jstringToChars() and jintArrayToInts() copy for the natives is
-/// never released.
-std::string textOf(JNIEnv* env, jstring s) {
-  return jstringToChars(env, s);  // NOLINT(clang-analyzer-unix.Malloc)
+// Kept on purpose: what jstringToChars() and jintArrayToInts() copy for the natives is never released.
+
+/// A string argument into `text`; false when there was no memory for the copy.
+bool takeText(JNIEnv* env, jstring s, std::string* text) {
+  const char* const copy = jstringToChars(env, s);
+  if (copy != nullptr) *text = copy;
+  return copy != nullptr;  // NOLINT(clang-analyzer-unix.Malloc)
 }
+
+/// An array argument.
+struct Tids {
+  Tids(JNIEnv* env, jintArray array) : ids(jintArrayToInts(env, array, length)) {}
+  /// There was no memory for the copy.
+  bool areLost() const { return ids == nullptr && length > 0; }
+
+  int length = 0;
+  const int* const ids;
+};
 
 // ---- The callback thread ----
 
@@ -96,10 +119,10 @@ jint com_tarn_performance_tarnboosterjni_testtarnbooster(JNIEnv*, jobject) {
 jint com_tarn_performance_tarnboosterjni_initTarnBooster(JNIEnv* env, jobject, jstring remote, jint port,
                                                          jstring local) {
   LOG_DEBUG("initTarnBooster");
-  const std::string remoteText = textOf(env, remote);
-  const std::string localText = textOf(env, local);
+  std::string remoteText, localText;
+  const bool taken = takeText(env, remote, &remoteText) && takeText(env, local, &localText);
   startCallbackThread();
-  if (!g_client.init(remoteText, port, localText, &g_callback)) return 0;
+  if (!taken || !g_client.init(remoteText, port, localText, &g_callback)) return 0;
   LOG_DEBUG("initTarnBooster end");
   return 0;
 }
@@ -126,19 +149,19 @@ jint com_tarn_performance_tarnboosterjni_cancelCpuHighFreq(JNIEnv*, jobject, jin
 jint com_tarn_performance_tarnboosterjni_requestCpuCoreForThread(JNIEnv* env, jobject, jint scene,
                                                                  jlong action, jintArray bindtids,
                                                                  jint timeout, jint tid, jlong timestamp) {
-  int length = 0;
-  const int* const tids = jintArrayToInts(env, bindtids, length);
-  LOG_DEBUG("requestCpuCoreForThread: %d %d %d %d %d %lld", scene, static_cast<int>(action), length, timeout,
-            tid, static_cast<long long>(timestamp));
-  return requestCpuCoreForThread(scene, action, tids, length, timeout, tid, timestamp);
+  const Tids tids(env, bindtids);
+  LOG_DEBUG("requestCpuCoreForThread: %d %d %d %d %d %lld", scene, static_cast<int>(action), tids.length,
+            timeout, tid, static_cast<long long>(timestamp));
+  if (tids.areLost()) return kNotPacked;
+  return requestCpuCoreForThread(scene, action, tids.ids, tids.length, timeout, tid, timestamp);
 }
 
 jint com_tarn_performance_tarnboosterjni_cancelCpuCoreForThread(JNIEnv* env, jobject, jintArray bindtids,
                                                                 jint tid, jlong timestamp) {
-  int length = 0;
-  const int* const tids = jintArrayToInts(env, bindtids, length);
-  LOG_DEBUG("cancelCpuCoreForThread: %d %d %lld", length, tid, static_cast<long long>(timestamp));
-  return cancelCpuCoreForThread(tids, length, tid, timestamp);
+  const Tids tids(env, bindtids);
+  LOG_DEBUG("cancelCpuCoreForThread: %d %d %lld", tids.length, tid, static_cast<long long>(timestamp));
+  if (tids.areLost()) return kNotPacked;
+  return cancelCpuCoreForThread(tids.ids, tids.length, tid, timestamp);
 }
 
 jint com_tarn_performance_tarnboosterjni_requestHighIOFreq(JNIEnv*, jobject, jint scene, jlong action,
@@ -156,7 +179,8 @@ jint com_tarn_performance_tarnboosterjni_cancelHighIOFreq(JNIEnv*, jobject, jint
 
 jint com_tarn_performance_tarnboosterjni_requestScreenResolution(JNIEnv* env, jobject, jint level,
                                                                  jstring uiName, jint tid, jlong timestamp) {
-  const std::string name = textOf(env, uiName);
+  std::string name;
+  if (!takeText(env, uiName, &name)) return kNotPacked;
   LOG_DEBUG("requestScreenResolution: %d %s %d %lld", level, name.c_str(), tid,
             static_cast<long long>(timestamp));
   return requestScreenResolution(level, name, tid, timestamp);
@@ -189,7 +213,7 @@ jint com_tarn_performance_tarnboosterjni_registerBootPreloadResource(JNIEnv* env
     // The local references stay until the native returns, as designed: the VM's capacity bounds the number of
     // files.
     auto const element = static_cast<jstring>(env->GetObjectArrayElement(files, i));
-    names.push_back(textOf(env, element));
+    if (!takeText(env, element, &names.emplace_back())) return kNotPacked;
     LOG_DEBUG("registerBootPreloadResource: index[%d] file[%s]", i, names.back().c_str());
   }
   return registerBootPreloadResource(names, tid, timestamp);
@@ -205,15 +229,16 @@ jint com_tarn_performance_tarnboosterjni_requestUnifyCpuIOThreadCore(JNIEnv* env
                                                                      jint iolevel, jintArray bindtids,
                                                                      jint timeout, jint tid,
                                                                      jlong timestamp) {
-  int length = 0;
-  const int* const tids = jintArrayToInts(env, bindtids, length);
+  const Tids tids(env, bindtids);
   LOG_DEBUG(
       "requestUnifyCpuIOThreadCore scene:%d action:%d cpulevel:%d iolevel:%d bindtids len:%d timeout:%d "
       "tid:%d "
       "timestamp:%lld",
-      scene, static_cast<int>(action), cpulevel, iolevel, length, timeout, tid,
+      scene, static_cast<int>(action), cpulevel, iolevel, tids.length, timeout, tid,
       static_cast<long long>(timestamp));
-  return requestUnifyCpuIOThreadCore(scene, action, cpulevel, iolevel, tids, length, timeout, tid, timestamp);
+  if (tids.areLost()) return kNotPacked;
+  return requestUnifyCpuIOThreadCore(scene, action, cpulevel, iolevel, tids.ids, tids.length, timeout, tid,
+                                     timestamp);
 }
 
 jint com_tarn_performance_tarnboosterjni_cancelUnifyCpuIOThreadCore(JNIEnv* env, jobject, jboolean cancelcpu,
@@ -223,13 +248,13 @@ jint com_tarn_performance_tarnboosterjni_cancelUnifyCpuIOThreadCore(JNIEnv* env,
   const bool cpu = cancelcpu != JNI_FALSE;
   const bool io = cancelio != JNI_FALSE;
   const bool thread = cancelthread != JNI_FALSE;
-  int length = 0;
-  const int* const tids = jintArrayToInts(env, bindtids, length);
+  const Tids tids(env, bindtids);
   LOG_DEBUG(
       "cancelUnifyCpuIOThreadCore cancelcpu:%d cancelio:%d cancelthread:%d bindtids len::%d tid:%d "
       "timestamp:%lld",
-      cpu, io, thread, length, tid, static_cast<long long>(timestamp));
-  return cancelUnifyCpuIOThreadCore(cpu, io, thread, tids, length, tid, timestamp);
+      cpu, io, thread, tids.length, tid, static_cast<long long>(timestamp));
+  if (tids.areLost()) return kNotPacked;
+  return cancelUnifyCpuIOThreadCore(cpu, io, thread, tids.ids, tids.length, tid, timestamp);
 }
 
 void com_tarn_performance_tarnboosterjni_setHCEnable(JNIEnv*, jobject, jboolean enable) {

@@ -22,12 +22,13 @@ extern TARN_EXPORT jclass g_classUdpEngine;
 /// Registers the 23 natives. Returns the result of jniRegisterNativeMethods: negative on failure.
 TARN_EXPORT int register_com_tarn_performance_TarnBoosterJNI(JNIEnv* env);
 
-/// A copy of a Java string in modified UTF-8. `s` must not be null (not checked). The copy is the caller's,
-/// to be released with free(); the natives keep theirs for the life of the process.
+/// A copy of a Java string in modified UTF-8. `s` must not be null (not checked). Null, with one ERROR line
+/// and no exception pending, when there is no memory. The copy is the caller's, to be released with free();
+/// the natives keep theirs for the life of the process.
 TARN_EXPORT char* jstringToChars(JNIEnv* env, jstring s);
 
 /// A copy of a Java int array, `length` its number of elements. Null, with length 0, for a null or an empty
-/// array. The copy is the caller's, to be released with delete[]; the natives keep theirs for the life of the
-/// process.
+/// array; null, with its length, one ERROR line and no exception pending, when there is no memory. The copy
+/// is the caller's, to be released with delete[]; the natives keep theirs for the life of the process.
 TARN_EXPORT int* jintArrayToInts(JNIEnv* env, jintArray a, int& length);
 }

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <new>
 #include <optional>
 
 #include "base/log.h"
@@ -47,7 +48,10 @@ std::optional<int> send(uint32_t funcid, const Message& message, int tid, int64_
     return send(funcid, nullptr, kMaxBodyBytes + 1, tid, timestamp);  // refused with -1
   uint8_t stack[kStackPayloadBytes];
   std::unique_ptr<uint8_t[]> heap;
-  if (length > sizeof(stack)) heap.reset(new uint8_t[length]);
+  if (length > sizeof(stack)) {
+    heap.reset(new (std::nothrow) uint8_t[length]);
+    if (heap == nullptr) return send(funcid, nullptr, length, tid, timestamp);  // refused with -1
+  }
   uint8_t* const payload = heap != nullptr ? heap.get() : stack;
   message.SerializeWithCachedSizesToArray(payload);  // of just the size that was computed above
   return send(funcid, payload, length, tid, timestamp);

@@ -12,13 +12,16 @@
 // does not say milliseconds, are the service's business and pass through unchanged.
 //
 // Result: kNoEngine (-3) when no engine could be had; otherwise the low 32 bits of IClientEngine::sendReq()'s
-// result: -1 for a message that is too large for a packet, else those of the send time, which may be any int.
+// result: -1 for a message that is too large for a packet, or for which there is no memory, else those of the
+// send time, which may be any int.
 // Once in 71 minutes the clock passes each of them, so a request that was queued may return -1, -2 or -3 as
 // well.
 //
 // Queued is not sent: after the service has died, the first request goes into a connection that is no more,
 // is lost, and returns its send time like any other; the one after it finds no engine.
 
+/// The request could not be packed: it is too large, or there is no memory for it; nothing was sent.
+constexpr int kNotPacked = -1;
 /// No engine: the client is disabled, or the engine is down and could not be restarted.
 constexpr int kNoEngine = -3;
 /// cancelCpuCoreForThread without threads; nothing was sent.

@@ -16,10 +16,11 @@
 
 namespace {
 
-constexpr int kReadBytes = 4096;    // one read, on the loop's stack
-constexpr int kBacklog = 5;         // connections that may wait for a server's accept
-constexpr int kFirstScanned = 3;    // 0, 1 and 2 are never examined
-constexpr int kSelectSeconds = 1;   // the longest sleep of a round
+constexpr int kReadBytes = 4096;   // one read, on the loop's stack
+constexpr int kBacklog = 5;        // connections that may wait for a server's accept
+constexpr int kFirstScanned = 3;   // 0, 1 and 2 are never examined
+constexpr int kSelectSeconds = 1;  // the longest sleep of a round
+constexpr int kPauseUs = 1000;  // after what may go on for ever: an error of select(), bytes that are refused
 constexpr int kNeverBlocks = 4096;  // bytes for which a socket that select() calls writable always has room
 constexpr socklen_t kFamilyBytes = offsetof(sockaddr_un, sun_path);
 
@@ -148,7 +149,10 @@ int LocalSocket::loop(bool isServer) {
     if (sent == SendResult::EndLoop) break;
     if (sent == SendResult::NextRound) continue;
     const int ready = waitForInput();
-    if (ready == -1 && errno != EINTR) LOG_DEBUG_AT(166, "loop: select errno:%d", errno);
+    if (ready == -1 && errno != EINTR) {
+      LOG_DEBUG_AT(166, "loop: select errno:%d", errno);
+      usleep(kPauseUs);
+    }
     if (ready > 0 && !scanReadable(isServer)) result = -1;
   }
   finish();
@@ -315,7 +319,7 @@ void LocalSocket::receive(int fd) {
   }
   LOG_DEBUG_IN("loop", 200, "recv fd:%d ret:%d", fd, ret);
   const PeerInfo& peer = m_peers[fd];
-  recvEvent(EVENT_DATA, fd, peer.uid, peer.path.c_str(), buffer, ret);
+  if (recvEvent(EVENT_DATA, fd, peer.uid, peer.path.c_str(), buffer, ret) < 0) usleep(kPauseUs);
 }
 
 /// Tells the owner; closes an accepted peer, but leaves the socket itself to the end of the loop.

@@ -40,9 +40,8 @@ class LocalSocket {
 
   /// Opens the socket: connects to the abstract name `remotePath`, or, when that is null or empty, listens on
   /// the abstract name `localPath` (which a client only logs). Never waits: a service whose backlog is full
-  /// is a failure at once. Returns 0; -1 with one ERROR line
-  /// on failure (the pipe may then be open until the next uninit()). Not to be called while a loop runs: that
-  /// ends the loop and returns -1.
+  /// is a failure at once. Returns 0; -1 with one ERROR line on failure (the pipe may then be open until the
+  /// next uninit()). Not to be called while a loop runs: that ends the loop and returns -1.
   int createSocket(const char* localPath, const char* remotePath);
 
   /// Runs until the socket is gone: uninit(), a failed send to m_fd or, for a server, a failed or refused
@@ -75,7 +74,9 @@ class LocalSocket {
   LocalSocket();
 
   /// Called by the loop thread for every event; see LocalSocketEvent. `path` may be null, `data` is valid
-  /// during the call only, `len` is in bytes. The result matters for EVENT_ACCEPT alone.
+  /// during the call only, `len` is in bytes. Below 0 refuses: the peer of an EVENT_ACCEPT; the bytes of an
+  /// EVENT_DATA, after which the loop rests for a millisecond, so that nonsense without end costs neither a
+  /// processor nor the log. Nothing else comes of it.
   virtual int32_t recvEvent(int32_t event, int32_t fd, uint32_t uid, const char* path, const uint8_t* data,
                             int32_t len) = 0;
 

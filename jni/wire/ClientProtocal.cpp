@@ -35,8 +35,9 @@ void ClientProtocal::onCallback(int32_t /*event*/, int32_t funcid, int64_t /*wor
     callback->pushCallback(REPORT_STATUS, timestamp, status, funcid, 0, nullptr, 0);
     return;
   }
-  if (funcid == static_cast<int32_t>(FUNCID_REGISTER_ANR_CALLBACK) && len > kMaxPushedBytes) {
-    LOG_ERROR("pushed message of %d bytes dropped, more than %d", len, kMaxPushedBytes);
+  if (funcid == static_cast<int32_t>(FUNCID_REGISTER_ANR_CALLBACK) &&
+      static_cast<uint32_t>(len) > kMaxPushedBytes) {
+    LOG_ERROR("pushed message of %u bytes dropped, more than %u", len, kMaxPushedBytes);
     return;
   }
   if (funcid != static_cast<int32_t>(FUNCID_REGISTER_ANR_CALLBACK) || len <= 0 || data == nullptr) {

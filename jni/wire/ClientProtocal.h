@@ -7,11 +7,11 @@
 #include "wire/IC2JavaCallback.h"
 #include "wire/IClientEngine.h"
 
-/// The owner of an engine: hands engines out to requests, and takes complete replies from their threads.
 /// The largest pushed message that is looked at; a larger one is dropped with one ERROR line. Bodies above it
 /// are not kept even while they arrive, so that a service cannot make the application hold more.
-constexpr int32_t kMaxPushedBytes = 64 << 20;
+constexpr uint32_t kMaxPushedBytes = 64 << 20;
 
+/// The owner of an engine: hands engines out to requests, and takes complete replies from their threads.
 class ClientProtocal {
  public:
   /// The single entry for complete replies. Called on an engine's own thread; may wait while the callback
@@ -23,7 +23,8 @@ class ClientProtocal {
   /// word16     the reply header's 64-bit field at byte 16, unused
   /// timestamp  the reply header's time stamp, nanoseconds
   /// status     the reply's status word
-  /// data, len  the payload; stays the caller's, may be null
+  /// data, len  the payload; stays the caller's, may be null. A length beyond 31 bits comes as a negative
+  /// one.
   virtual void onCallback(int32_t event, int32_t funcid, int64_t word16, int64_t timestamp, int32_t status,
                           const uint8_t* data, int32_t len);
   virtual ~ClientProtocal() = default;

@@ -16,8 +16,8 @@ constexpr int32_t kStatusNoEngine = -20001;
 class IC2JavaCallback {
  public:
   /// Queues one report for onData. Any thread; waits, for good if need be, while 65535 reports are pending,
-  /// or 64 MiB of payload and this report brings more. A payload that cannot be copied for want of memory is
-  /// one ERROR line, and the report is dropped.
+  /// or 64 MiB of payload and this report brings more. A report for whose payload or place there is no memory
+  /// is one ERROR line, and is dropped.
   ///
   /// type       a ReportType
   /// timestamp  nanoseconds, from the reply's header, or 0

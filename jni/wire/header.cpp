@@ -1,6 +1,7 @@
 #include "wire/header.h"
 
 #include <cstring>
+#include <new>
 
 #include "base/bytes.h"
 #include "base/clock.h"
@@ -19,7 +20,11 @@ int64_t genReqPack(uint32_t funcid, const uint8_t* data, int32_t dataLen, uint8_
     return -2;
   }
   const uint32_t length = static_cast<uint32_t>(dataLen) + kHeaderBytes;
-  auto* packet = new uint8_t[length];
+  auto* const packet = new (std::nothrow) uint8_t[length];
+  if (packet == nullptr) {
+    LOG_ERROR("getReqPack packet of %u bytes not allocated", length);
+    return -1;
+  }
   write32le(packet + request_header::kMagic, kHeaderMagic);
   write16le(packet + request_header::kVersion, kRequestVersion);
   write16le(packet + request_header::kFuncid, static_cast<uint16_t>(funcid));

@@ -44,9 +44,9 @@ static_assert(kTimestamp + sizeof(int64_t) == kHeaderBytes, "the reply header is
 /// callertid   the calling thread's id, as the application gave it
 /// timestamp   the caller's time stamp in nanoseconds, copied unchanged
 ///
-/// Returns the send time in the header, wall-clock microseconds (> 0); -1 when data is missing; -2 when
-/// funcid is above 65535. Nothing is handed out then, and one ERROR line says why. Callers treat any result <
-/// 1 as failure. Any thread.
+/// Returns the send time in the header, wall-clock microseconds (> 0); -1 when data is missing or there is no
+/// memory for the packet; -2 when funcid is above 65535. Nothing is handed out then, and one ERROR line says
+/// why. Callers treat any result < 1 as failure. Any thread.
 int64_t genReqPack(uint32_t funcid, const uint8_t* data, int32_t dataLen, uint8_t** outBuf, uint32_t* outLen,
                    uint32_t callertid, int64_t timestamp);
 

@@ -4,17 +4,19 @@
 
 #include <gmock/gmock.h>
 
+#include <functional>
 #include <memory>
 
 #include "bridge/C2Java.h"
 #include "client/client.h"
+#include "faults/Faults.h"
 #include "support/LogCapture.h"
 #include "support/Support.h"
 
-// The natives keep their copies of texts, by design.
+// The natives keep their copies of arguments, by design.
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() {
-  return "leak:jstringToChars\n";
+  return "leak:jstringToChars\nleak:jintArrayToInts\n";
 }
 
 namespace {
@@ -30,18 +32,20 @@ struct Answers {
 } g_answers;
 std::vector<std::string> g_asked;
 std::atomic<int> g_delivered{0};  // the types of the reports, as digits
-jint (*g_init)(JNIEnv*, jobject, jstring, jint, jstring) = nullptr;
+std::vector<JNINativeMethod> g_natives;
 const char* const g_text = "text";
-std::atomic<int> g_threadError{0};  // what every creation of a thread fails with, unless it is 0
 _jclass g_localClass, g_globalClass;
 JNINativeInterface_ g_functions{};
 JNIInvokeInterface_ g_invocations{};
 JNIEnv g_env{&g_functions};
 JavaVM g_vm{&g_invocations};
 
+void asked(const std::string& call) {
+  g_asked.push_back(call);
+}
+
 struct JniBridge : testing::Test {
   JniBridge();
-  static void asked(const std::string& call) { g_asked.push_back(call); }
   const LogCapture m_log;
 };
 
@@ -59,8 +63,8 @@ JniBridge::JniBridge() {
   g_invocations.AttachCurrentThread = [](JavaVM*, void** out, void*) -> jint {
     return *out = &g_env, JNI_OK;
   };
-  g_functions.RegisterNatives = [](JNIEnv*, jclass, const JNINativeMethod* methods, jint) {
-    g_init = reinterpret_cast<decltype(g_init)>(methods[1].fnPtr);
+  g_functions.RegisterNatives = [](JNIEnv*, jclass, const JNINativeMethod* methods, jint count) {
+    g_natives.assign(methods, methods + count);
     return g_answers.registration;
   };
   g_functions.NewGlobalRef = [](JNIEnv*, jobject) -> jobject { return &g_globalClass; };
@@ -76,17 +80,27 @@ JniBridge::JniBridge() {
   g_functions.CallStaticVoidMethodV = [](JNIEnv*, jclass, jmethodID, va_list arguments) {
     g_delivered = g_delivered * 10 + va_arg(arguments, jint);
   };
-  g_functions.GetStringUTFChars = [](JNIEnv*, jstring, jboolean*) { return g_text; };
+  g_functions.GetStringUTFChars = [](JNIEnv*, jstring, jboolean*) {
+    return g_answers.hasMemory ? g_text : nullptr;
+  };
   g_functions.ReleaseStringUTFChars = [](JNIEnv*, jstring, const char* text) { asked(text); };
   g_functions.GetArrayLength = [](JNIEnv*, jarray) { return static_cast<jsize>(g_answers.ints.size()); };
-  g_functions.GetIntArrayElements = [](JNIEnv*, jintArray, jboolean*) { return g_answers.ints.data(); };
+  g_functions.GetIntArrayElements = [](JNIEnv*, jintArray, jboolean*) {
+    return g_answers.hasMemory ? g_answers.ints.data() : nullptr;
+  };
+  g_functions.EnsureLocalCapacity = [](JNIEnv*, jint) -> jint { return 0; };
+  g_functions.GetObjectArrayElement = [](JNIEnv*, jobjectArray, jsize) -> jobject { return nullptr; };
   g_functions.ReleaseIntArrayElements = [](JNIEnv*, jintArray, jint*, jint m) { asked(std::to_string(m)); };
 }
 
-extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* how, void* (*entry)(void*),
-                                     void* with) {
-  return g_threadError != 0 ? g_threadError.load() : __real_pthread_create(thread, how, entry, with);
+template <class... Argument>
+jint call(const std::string& name, Argument... arguments) {
+  for (const JNINativeMethod& native : g_natives) {
+    if (native.name != "native_" + name) continue;
+    const auto function = reinterpret_cast<jint (*)(JNIEnv*, jobject, Argument...)>(native.fnPtr);
+    return function(&g_env, nullptr, arguments...);
+  }
+  return 99;
 }
 
 TEST_F(JniBridge, ALoadThatFailsLeavesNothingAndSaysWhy) {
@@ -126,6 +140,7 @@ TEST_F(JniBridge, ArgumentsAreCopiedAndReleasedAndNoneAreNull) {
   EXPECT_EQ(length, 0);
   for (const auto& ints : {std::vector<jint>{}, {5, 7}}) {
     g_answers.ints = ints;
+    g_answers.ints.reserve(1);  // an array without elements has a place, too
     const std::unique_ptr<int[]> copy(jintArrayToInts(&g_env, reinterpret_cast<jintArray>(this), length));
     EXPECT_EQ(std::vector<int>(copy.get(), copy.get() + length), ints);
     EXPECT_EQ(copy == nullptr, ints.empty());
@@ -133,16 +148,49 @@ TEST_F(JniBridge, ArgumentsAreCopiedAndReleasedAndNoneAreNull) {
   EXPECT_THAT(g_asked, ElementsAre("text", "0", "0"));
 }
 
+TEST_F(JniBridge, ARequestForWhichThereIsNoMemoryIsNotSentAndOneLineSaysSo) {
+  JNI_OnLoad(&g_vm, nullptr);
+  FakeService service(uniqueName());
+  ASSERT_TRUE(g_client.init(service.name(), 0, "here", &g_callback) && service.accept());
+  g_answers.ints.resize(3000, 101);  // for a message that leaves the stack
+  const auto array = reinterpret_cast<jintArray>(this);
+  const std::pair<const char*, std::function<jint()>> requests[] = {
+      {"new", [&] { return call("requestCpuCoreForThread", 1, jlong{2}, array, 3, 4, jlong{5}); }},
+      {"new", [&] { return call("cancelCpuCoreForThread", array, 1, jlong{2}); }},
+      {"new", [&] { return call("requestUnifyCpuIOThreadCore", 1, jlong{2}, 3, 4, array, 5, 6, jlong{7}); }},
+      {"new", [&] { return call("cancelUnifyCpuIOThreadCore", true, true, true, array, 1, jlong{2}); }},
+      {"strdup", [&] { return call("requestScreenResolution", 1, jstring(), 2, jlong{3}); }},
+      {"strdup", [&] { return call("registerBootPreloadResource", jobjectArray(), 1, jlong{2}); }},
+  };
+  for (const auto& [failing, request] : requests) {
+    bool reached = true;
+    for (int n = 0; n <= 3 && reached; ++n) {  // the 0th: in the virtual machine
+      const LogCapture log;
+      g_answers.hasMemory = n > 0;
+      const Inside inside;
+      const Fault fault(failing, n);
+      const jint result = request();
+      reached = n == 0 || Fault::happened();
+      ASSERT_TRUE(reached || n > 1) << failing;
+      EXPECT_EQ(result == -1, reached);
+      EXPECT_EQ(log.count("6 [") - log.count("genReqPack failed"), reached ? 1 : 0);
+    }
+  }
+}
+
 TEST_F(JniBridge, TheCallbackThreadIsTriedAgainAndDropsWhatComesWhileDisabled) {
   JNI_OnLoad(&g_vm, nullptr);
   g_delivered = 0;
-  g_threadError = EAGAIN;
-  EXPECT_EQ(g_init(&g_env, nullptr, nullptr, 0, nullptr), 0);
+  const auto init = [] { return call("initTarnBooster", jstring(), 0, jstring()); };
+  {
+    const Inside inside;
+    const Fault fault("pthread_create", 1);
+    EXPECT_EQ(init(), 0);
+  }
   EXPECT_EQ(m_log.count("6 [com_tarn_performance_TarnBoosterJNI.cpp,startCallbackThread:"), 1);
-  g_threadError = 0;
   g_client.setEnable(false);
   g_functions.DeleteLocalRef = [](JNIEnv*, jobject) {};
-  g_init(&g_env, nullptr, nullptr, 0, nullptr);
+  init();
   EXPECT_TRUE(eventually([] { return stateOf("tarn-callback") != 0; }));
   const std::vector<uint8_t> all(Callback::kPendingBytes);
   // The third waits until the second was taken, and by then the first has been dropped.

@@ -4,13 +4,13 @@
 #include "client/protocol.h"
 
 #include <functional>
+#include <map>
 
 #include "base/bytes.h"
 #include "base/clock.h"
 #include "bridge/C2Java.h"
 #include "support/LogCapture.h"
 #include "support/Support.h"
-#include "wire/header.h"
 
 namespace {
 
@@ -110,33 +110,35 @@ TEST_F(ClientTest, RestartsAfterTheServiceCameBackAndTheIntervalHasPassed) {
   EXPECT_EQ(asked, 0) << "each of them is reported, the one that succeeds too";
 }
 
-TEST_F(ClientTest, AThreadStuckInAFullQueueComesBackWhenTheServiceDies) {
+TEST_F(ClientTest, RequestsOfManyThreadsStayWholeAndWhoeverWaitsComesBackWhenTheServiceDies) {
   init();
   ASSERT_TRUE(service.accept());
   const auto engine = client.engine();
-  const std::vector<uint8_t> big(1 << 20);
+  const auto bodyOf = [](uint32_t caller, int64_t i) { return Bytes(i * 997 % 9000, char('a' + caller)); };
   std::atomic<int> sent{0};
+  const auto send = [&](const Bytes& body, uint32_t caller, int i) {
+    EXPECT_GT(engine->sendReq(1011, at(body), body.size(), caller, i), 0);
+    ++sent;
+  };
   std::vector<std::thread> threads;
-  for (int i = 0; i < 12; ++i) {
-    threads.emplace_back([&] {
-      EXPECT_GT(engine->sendReq(1011, big.data(), big.size(), 1, 1), 0);
-      ++sent;
+  for (uint32_t caller = 0; caller < 12; ++caller) {
+    threads.emplace_back([&, caller] {
+      for (int i = 0; i < 100; ++i) send(bodyOf(caller, i), caller, i);
+      EXPECT_TRUE(eventually([&] { return sent >= 1200; }));
+      send(Bytes(1 << 20, 'x'), caller, 100);
     });
   }
-  ASSERT_TRUE(eventually([&] { return sent == 5; })) << "the one being written keeps its place";
+  std::map<uint32_t, int64_t> next;
+  for (int i = 0; i < 1200; ++i) {
+    const Bytes packet = service.readRequest();
+    const uint32_t caller = read32le(at(packet, 20));
+    EXPECT_EQ(read64le(at(packet, 24)), next[caller]);
+    EXPECT_EQ(packet.substr(32), bodyOf(caller, next[caller]++));
+  }
+  EXPECT_TRUE(eventually([&] { return sent == 1205; })) << "the one being written keeps its place";
   service.stop();
   for (auto& thread : threads) thread.join();
   EXPECT_TRUE(eventually([&] { return !engine->isRunning(); }));
-}
-
-TEST(RequestHeader, PackerRefusesALengthWithoutABodyOrBelowNone) {
-  const LogCapture log;
-  uint8_t* packet = nullptr;
-  uint32_t length = 0;
-  EXPECT_EQ(genReqPack(1001, nullptr, 3, &packet, &length, 7, 0), -1);
-  EXPECT_EQ(genReqPack(1001, reinterpret_cast<const uint8_t*>(this), -1, &packet, &length, 7, 0), -1);
-  EXPECT_EQ(packet, nullptr);
-  EXPECT_EQ(log.count("6 [header.cpp,genReqPack:26]\"getReqPack input data len "), 2);
 }
 
 /// The service that the process-wide client is connected to.
@@ -188,10 +190,9 @@ TEST(Requests, PutTheirFuncidTheirCallerAndTheirGoldenBodyOnTheWire) {
     const int result = c.call();
     const Bytes packet = service().readRequest();
     ASSERT_GE(packet.size(), 32u);
-    const auto* const header = reinterpret_cast<const uint8_t*>(packet.data());
     EXPECT_EQ(packet.substr(0, 6), hex("52434448 0400"));
-    EXPECT_EQ(read16le(header + 6), c.funcid);
-    const auto sendTime = static_cast<int64_t>(read64le(header + 12));
+    EXPECT_EQ(read16le(at(packet, 6)), c.funcid);
+    const auto sendTime = static_cast<int64_t>(read64le(at(packet, 12)));
     EXPECT_TRUE(before <= sendTime && sendTime <= nowUs());
     EXPECT_EQ(static_cast<int32_t>(sendTime), result) << "the low word of the send time";
     EXPECT_EQ(packet.substr(20, 12), hex("1E000000 0086 3BA1 0100 0000"));
@@ -209,16 +210,19 @@ TEST(Requests, AMessageLargerThanAThreadsStackIsCarriedWhole) {
   EXPECT_EQ(packet.substr(packet.size() - 102), hex("0A64") + files.back());
 }
 
-TEST(Requests, WithoutThreadsOrWithoutAnEngineSendNothing) {
+TEST(Requests, WithoutThreadsABodyOrAnEngineSendNothing) {
   service();
+  const LogCapture log;
+  EXPECT_EQ(g_client.engine()->sendReq(1001, nullptr, 3, 30, 40), -1);
+  EXPECT_EQ(g_client.engine()->sendReq(1001, reinterpret_cast<const uint8_t*>(&log), UINT32_MAX, 30, 40), -1);
+  EXPECT_EQ(log.count("6 [header.cpp,genReqPack:26]\"getReqPack input data len "), 2);
   EXPECT_EQ(cancelCpuCoreForThread(nullptr, 0, 30, 40), kNoThreads);
   g_client.setEnable(false);
   EXPECT_EQ(cancelCpuCoreForThread(nullptr, 0, 30, 40), kNoEngine);
   EXPECT_TRUE(g_client.isRunning());
   g_client.setEnable(true);
   EXPECT_NE(resetScreenResolution(30, 40), kNoEngine);
-  EXPECT_EQ(read16le(reinterpret_cast<const uint8_t*>(service().readRequest().data()) + 6), 1009)
-      << "nothing was sent before it";
+  EXPECT_EQ(read16le(at(service().readRequest(), 6)), 1009) << "nothing was sent before it";
 }
 
 }  // namespace

@@ -9,18 +9,15 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <mutex>
 #include <new>
 
 namespace {
 
-thread_local bool t_inside = false;
-
 std::mutex g_lock;
 std::string g_call;             // guarded by g_lock
-int g_error = 0, g_left = 0;    // guarded by g_lock; g_left: calls up to and with the one that fails
+int g_left = 0;                 // guarded by g_lock: calls up to and with the one that fails
 std::atomic<bool> g_on{false};  // whether there is a Fault
 
 /// Whether this call of `call` is the one that fails; errno says with what.
@@ -28,7 +25,7 @@ bool fails(const char* call) {
   if (!g_on || !t_inside) return false;
   const std::lock_guard<std::mutex> lock(g_lock);
   if (g_call != call || g_left == 0 || --g_left > 0) return false;
-  errno = g_error;
+  errno = EIO;
   return true;
 }
 
@@ -46,17 +43,9 @@ void* startInside(void* start) {
 
 }  // namespace
 
-Inside::Inside() {
-  t_inside = true;
-}
-Inside::~Inside() {
-  t_inside = false;
-}
-
-Fault::Fault(const std::string& call, int error, int n) {
+Fault::Fault(const std::string& call, int n) {
   const std::lock_guard<std::mutex> lock(g_lock);
   g_call = call;
-  g_error = error;
   g_left = n;
   g_on = true;
 }
@@ -88,25 +77,13 @@ FAULTY(ssize_t, recvfrom, -1, (int a, void* b, size_t c, int d, sockaddr* e, soc
 FAULTY(ssize_t, sendto, -1, (int a, const void* b, size_t c, int d, const sockaddr* e, socklen_t f),
        (a, b, c, d, e, f))
 FAULTY(ssize_t, pread, -1, (int a, void* b, size_t c, off_t d), (a, b, c, d))
+FAULTY(char*, strdup, nullptr, (const char* a), (a))
 FAULTY(void*, mmap, MAP_FAILED, (void* a, size_t b, int c, int d, int e, off_t f), (a, b, c, d, e, f))
 
-// Those with a variable argument, and the one that starts a thread.
-extern "C" int __real_fcntl(int fd, int command, ...);
-extern "C" int __wrap_fcntl(int fd, int command, ...) {
-  va_list more;
-  va_start(more, command);
-  const long argument = va_arg(more, long);
-  va_end(more);
-  return fails("fcntl") ? -1 : __real_fcntl(fd, command, argument);
-}
-extern "C" int __real_open(const char* path, int flags, ...);
-extern "C" int __wrap_open(const char* path, int flags, ...) {
-  va_list more;
-  va_start(more, flags);
-  const auto mode = va_arg(more, unsigned);
-  va_end(more);
-  return fails("open") ? -1 : __real_open(path, flags, mode);
-}
+// With a variable argument in truth, which is handed on as it comes.
+FAULTY(int, fcntl, -1, (int a, int b, long c), (a, b, c))
+FAULTY(int, open, -1, (const char* a, int b, unsigned c), (a, b, c))
+
 extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* how, void* (*entry)(void*),
                                      void* with) {
@@ -122,9 +99,6 @@ extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* ho
 namespace {
 __attribute__((noinline)) void* allocate(size_t size, const char* call) {
   return call != nullptr && fails(call) ? nullptr : malloc(size);
-}
-__attribute__((noinline)) void release(void* memory) {
-  free(memory);
 }
 }  // namespace
 
@@ -143,14 +117,14 @@ void* operator new[](size_t size) {
   return allocate(size, nullptr);
 }
 void operator delete(void* memory) noexcept {
-  release(memory);
+  free(memory);
 }
 void operator delete[](void* memory) noexcept {
-  release(memory);
+  free(memory);
 }
 void operator delete(void* memory, size_t) noexcept {
-  release(memory);
+  free(memory);
 }
 void operator delete[](void* memory, size_t) noexcept {
-  release(memory);
+  free(memory);
 }

@@ -8,20 +8,21 @@
 #include <cstddef>
 #include <string>
 
+inline thread_local bool t_inside = false;
+
 /// This thread is inside the library while it lives.
 struct Inside {
-  Inside();
-  ~Inside();
+  Inside() { t_inside = true; }
+  ~Inside() { t_inside = false; }
 };
 
 /// The length of a push whose copy can fail.
 constexpr size_t kPushedBytes = 5000;
 
-/// While it lives, the n-th call of `call` fails with `error`. "new" is an allocation that may fail, "copy"
+/// While it lives, the n-th call of `call` fails with EIO. "new" is an allocation that may fail, "copy"
 /// one of a little more than kPushedBytes that throws. One at a time.
-class Fault {
- public:
-  Fault(const std::string& call, int error, int n);
+struct Fault {
+  Fault(const std::string& call, int n);
   ~Fault();
   /// Whether there is one, and its call was reached.
   static bool happened();

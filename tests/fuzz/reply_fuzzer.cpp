@@ -1,43 +1,9 @@
 // The service's byte stream into the engine, cut anywhere, against the framing rule spelt out byte by byte.
-#include <string>
-#include <vector>
-
 #include "base/bytes.h"
 #include "fuzz/Fuzz.h"
-#include "local/LocalsocketClient.h"
+#include "support/HandFedEngine.h"
 
 namespace {
-
-/// One delivery, as the values that onCallback is given.
-struct Delivery {
-  int32_t funcid;
-  uint64_t word16;
-  int64_t timestamp;
-  uint32_t status;
-  std::string body;
-  bool operator==(const Delivery& o) const {
-    return funcid == o.funcid && word16 == o.word16 && timestamp == o.timestamp && status == o.status &&
-           body == o.body;
-  }
-};
-
-class Owner : public ClientProtocal {
- public:
-  void onCallback(int32_t event, int32_t funcid, int64_t word16, int64_t timestamp, int32_t status,
-                  const uint8_t* data, int32_t len) override {
-    FUZZ_CHECK(event == 0 && len >= 0 && (data == nullptr) == (len == 0));
-    m_got.push_back({funcid, static_cast<uint64_t>(word16), timestamp, static_cast<uint32_t>(status),
-                     std::string(reinterpret_cast<const char*>(data), static_cast<size_t>(len))});
-  }
-  std::shared_ptr<IClientEngine> engine() override { return nullptr; }
-  IC2JavaCallback* c2JavaCallback() override { return nullptr; }
-  std::vector<Delivery> m_got;
-};
-
-struct Engine : LocalsocketClient {
-  explicit Engine(ClientProtocal* owner) : LocalsocketClient("remote", "local", owner) {}
-  using LocalsocketClient::recvEvent;
-};
 
 /// The rule. `m_have` is the count of body bytes that is kept from reply to reply.
 struct Model {
@@ -60,8 +26,8 @@ struct Model {
       }
       if (m_have != length()) continue;
       const auto* const at = reinterpret_cast<const uint8_t*>(m_header.data());
-      m_delivered.push_back({read16le(at + 6), read64le(at + 16), static_cast<int64_t>(read64le(at + 24)),
-                             read32le(at + 8), std::string(m_unfilled, '\0') + m_body});
+      m_delivered.emplace_back(read16le(at + 6), read64le(at + 16), read64le(at + 24), read32le(at + 8),
+                               std::string(m_unfilled, '\0') + m_body);
       m_header.clear();
     }
     return 0;
@@ -102,16 +68,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider input(data, size);
   FuzzLog::reset();
   g_debug = input.ConsumeBool();
-  Owner owner;
-  Engine engine(&owner);
+  RecordingOwner owner;
+  HandFedEngine engine(&owner);
   Model model;
   const size_t longestRead = input.ConsumeBool() ? 4096 : 48;
   const std::string stream = makeStream(input);
   for (size_t at = 0; at < stream.size();) {
     const std::string read = stream.substr(at, input.ConsumeIntegralInRange<size_t>(1, longestRead));
     at += read.size();
-    FUZZ_CHECK(engine.recvEvent(EVENT_DATA, 9, 0, nullptr, reinterpret_cast<const uint8_t*>(read.data()),
-                                static_cast<int32_t>(read.size())) == model.read(read));
+    FUZZ_CHECK(engine.read(read) == model.read(read));
     FUZZ_CHECK(owner.m_got.size() == model.m_delivered.size() && FuzzLog::errors == model.m_bad);
   }
   FUZZ_CHECK(owner.m_got == model.m_delivered);

@@ -9,6 +9,7 @@
 #include <deque>
 #include <filesystem>
 #include <optional>
+#include <tuple>
 
 #include "base/bytes.h"
 #include "fuzz/Fuzz.h"
@@ -22,13 +23,9 @@ constexpr uint16_t kScripted = 1009;
 constexpr uint32_t kScriptedStatus = 77;
 const service::Push kPush{7, "pushed"};
 
-/// What one client is to be told: the identifier, and the two numbers of the request that come back.
-struct Expected {
-  uint16_t funcid;
-  uint64_t word16;
-  int64_t timestamp;
-  bool hasBody;
-};
+/// What one client is to be told: the identifier, the request's two numbers that come back, and whether there
+/// is a body.
+using Expected = std::tuple<uint16_t, uint64_t, int64_t, bool>;
 
 /// One client, and the model of what the service owes it.
 class Client {
@@ -57,11 +54,8 @@ class Client {
       std::string problem;
       m_bad = !service::decodeRequest(packet, request, problem);
       if (m_bad) break;
-      m_expected.push_back(
-          {packet.funcid, read64le(at + 12), static_cast<int64_t>(read64le(at + 24)), false});
-      if (packet.funcid == FUNCID_REGISTER_ANR_CALLBACK) {
-        m_expected.push_back({FUNCID_REGISTER_ANR_CALLBACK, 0, 0, true});
-      }
+      m_expected.emplace_back(packet.funcid, read64le(at + 12), read64le(at + 24), false);
+      if (packet.funcid == FUNCID_REGISTER_ANR_CALLBACK) m_expected.emplace_back(packet.funcid, 0, 0, true);
       m_sent.erase(0, 32 + length);
     }
   }
@@ -89,15 +83,15 @@ class Client {
     if (result == ReplyReader::Result::NeedMore) return;
     FUZZ_CHECK(result == ReplyReader::Result::Complete && !m_expected.empty());
     const ReplyHeader& header = m_reader.header();
-    const Expected& expected = m_expected.front();
-    FUZZ_CHECK(header.funcid == expected.funcid && header.word16 == expected.word16 &&
-               header.timestamp == expected.timestamp && (header.dataLen > 0) == expected.hasBody);
+    FUZZ_CHECK(m_expected.front() ==
+               Expected(header.funcid, header.word16, header.timestamp, header.dataLen > 0));
     if (header.funcid == kScripted) FUZZ_CHECK(header.status == kScriptedStatus);
     const bool isKnown = header.funcid >= 1001 && header.funcid <= 1014;
     FUZZ_CHECK(isKnown == (header.status != service::Status::UNKNOWN_REQUEST));
     amc::DataCallback push;
-    FUZZ_CHECK(!expected.hasBody || (push.ParseFromArray(m_reader.body(), static_cast<int>(header.dataLen)) &&
-                                     push.code() == kPush.code && push.data() == kPush.data));
+    FUZZ_CHECK(header.dataLen == 0 ||
+               (push.ParseFromArray(m_reader.body(), static_cast<int>(header.dataLen)) &&
+                push.code() == kPush.code && push.data() == kPush.data));
     m_reader.next();
     m_expected.pop_front();
   }
@@ -179,24 +173,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string waiting[3];  // bytes made and not yet sent
     while (input.remaining_bytes() > 0) {
       const size_t i = input.ConsumeIntegralInRange<size_t>(0, 2);
-      if (!clients[i]) clients[i].emplace(service.name);
-      switch (input.ConsumeIntegralInRange<int>(0, 7)) {
-        case 0:
-          clients[i]->end();
-          break;
-        case 1:
-          clients[i].emplace(service.name);
-          waiting[i].clear();
-          break;
-        case 2:
-          service.settle();
-          clients[i]->check();
-          break;
-        default:
-          waiting[i] += makeBytes(input);
-          const size_t count = std::min(waiting[i].size(), input.ConsumeIntegralInRange<size_t>(1, 200));
-          clients[i]->send(waiting[i].substr(0, count));
-          waiting[i].erase(0, count);
+      const auto what = input.ConsumeIntegralInRange<int>(0, 7);
+      if (what == 1 || !clients[i]) {
+        clients[i].emplace(service.name);
+        waiting[i].clear();
+      }
+      if (what == 0) clients[i]->end();
+      if (what == 2) {
+        service.settle();
+        clients[i]->check();
+      }
+      if (what > 2) {
+        waiting[i] += makeBytes(input);
+        const size_t count = std::min(waiting[i].size(), input.ConsumeIntegralInRange<size_t>(1, 200));
+        clients[i]->send(waiting[i].substr(0, count));
+        waiting[i].erase(0, count);
       }
       if (input.ConsumeBool()) service.settle();
     }

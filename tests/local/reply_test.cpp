@@ -2,42 +2,17 @@
 #include <fstream>
 
 #include "bridge/C2Java.h"
-#include "local/LocalsocketClient.h"
+#include "support/HandFedEngine.h"
 #include "support/LogCapture.h"
 #include "support/Support.h"
 
 namespace {
 
 /// A client object that is only its filter.
-class Filter : public ClientProtocal {
- public:
+struct Filter : ClientProtocal {
   std::shared_ptr<IClientEngine> engine() override { return nullptr; }
   IC2JavaCallback* c2JavaCallback() override { return m_sink; }
   IC2JavaCallback* m_sink = nullptr;
-};
-
-/// Records every complete reply.
-class Owner : public Filter {
- public:
-  void onCallback(int32_t event, int32_t funcid, int64_t word16, int64_t timestamp, int32_t status,
-                  const uint8_t* data, int32_t len) override {
-    EXPECT_EQ(event, 0);
-    EXPECT_EQ(data == nullptr, len == 0);
-    m_got.push_back(
-        reply(funcid, status, {reinterpret_cast<const char*>(data), size_t(len)}, timestamp, word16));
-  }
-  std::vector<Bytes> m_got;
-};
-
-/// An engine that is fed by hand.
-class Engine : public LocalsocketClient {
- public:
-  explicit Engine(ClientProtocal* owner) : LocalsocketClient("remote", "local", owner) {}
-  int read(const Bytes& bytes) {
-    return recvEvent(EVENT_DATA, 9, 0, nullptr, reinterpret_cast<const uint8_t*>(bytes.data()),
-                     static_cast<int32_t>(bytes.size()));
-  }
-  using LocalsocketClient::recvEvent;
 };
 
 const Bytes kPlain = reply(1002, 5, "", 7000000000, 0x1122334455667788);
@@ -50,8 +25,8 @@ long residentPages(long* addressed = nullptr) {
 }
 
 TEST(ReplyFraming, ALengthCostsNoMemoryForLong) {
-  Owner owner;
-  Engine engine(&owner);
+  RecordingOwner owner;
+  HandFedEngine engine(&owner);
   const Bytes huge = reply(1010, 0).substr(0, 12) + hex("FFFFFF7F") + Bytes(16, '\0');
   const long before = residentPages();
   EXPECT_EQ(engine.read(huge + Bytes(4096, 'x')), 0);
@@ -61,15 +36,13 @@ TEST(ReplyFraming, ALengthCostsNoMemoryForLong) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they keep what is freed for a while
   long addressed = 0, afterwards = 0;
   residentPages(&addressed);
-  Owner listener;
-  Engine reused(&listener);
+  RecordingOwner listener;
+  HandFedEngine reused(&listener);
   for (int i = 0; i < 300; ++i, listener.m_got.clear()) {
     reused.read(kPlain + reply(1011, 0, Bytes(1 << 20, 'b')));
   }
-  reused.read(kPlain + reply(1010, 0).substr(0, 12) + hex("00000005") +
-              Bytes(16, '\0'));  // 80 MiB and 5 bytes
-  const Bytes part(1 << 20, 'b');
-  for (int i = 0; i < 79; ++i) reused.read(part);
+  reused.read(kPlain + reply(1010, 0).substr(0, 12) + hex("00000005") + Bytes(16, '\0'));  // 80 MiB
+  for (int i = 0; i < 79; ++i) reused.read(Bytes(1 << 20, 'b'));
   listener.m_got.clear();
   EXPECT_LT(residentPages(&afterwards) - before, 200 << 8) << "what is too long to be delivered is not kept";
   EXPECT_LT(afterwards - addressed, 200 << 8) << "bodies are released";
@@ -78,13 +51,14 @@ TEST(ReplyFraming, ALengthCostsNoMemoryForLong) {
 
 TEST(ReplyFraming, WhatIsNoReplyIsToldAndEveryPeerIsRefused) {
   const LogCapture log;
-  Owner owner;
-  Engine engine(&owner);
+  RecordingOwner owner;
+  HandFedEngine engine(&owner);
   EXPECT_EQ(engine.read("HDCR" + kPlain.substr(4) + kPlain), -1);
   EXPECT_EQ(
       log.count("6 [client.cpp,recvEvent:175]\"Check Header BEGIN failed:0x52434448 server:0x48444352\""), 1);
   EXPECT_EQ(engine.read(kPlain), 0);
-  EXPECT_EQ(owner.m_got, std::vector<Bytes>{kPlain}) << "only its read is dropped";
+  EXPECT_EQ(owner.m_got, (std::vector<Delivery>{{1002, 0x1122334455667788, 7000000000, 5, ""}}))
+      << "only its read is dropped";
   EXPECT_EQ(engine.recvEvent(EVENT_ERROR, 9, 0, nullptr, nullptr, 0), 0);
   EXPECT_EQ(log.count("6 [client.cpp,recvEvent:153]\"LocalsocketClient recvEvent EVENT_ERROR: uid:0 "
                       "path:(null) fd:9  Reconnect now.\""),
@@ -99,12 +73,12 @@ TEST(ReplyFilter, PendingPayloadIsBoundedInBytesButOneReportIsAlwaysAdmitted) {
   Filter filter;
   filter.m_sink = &queue;
   const Bytes large(Callback::kPendingBytes + 1, 'x');
-  filter.onCallback(0, 1010, 0, 0, 0, reinterpret_cast<const uint8_t*>(large.data()), large.size());
+  filter.onCallback(0, 1010, 0, 0, 0, at(large), large.size());
   EXPECT_EQ(log.count("6 [protocol.cpp,onCallback:"), 1) << "dropped unread";
   std::atomic<int> pushed{0};
   std::thread producer([&] {
     for (const size_t length : {large.size(), size_t{1}, Callback::kPendingBytes, size_t{1}}) {
-      queue.pushCallback(2, 0, 0, 1010, 0, reinterpret_cast<const uint8_t*>(large.data()), length);
+      queue.pushCallback(2, 0, 0, 1010, 0, at(large), length);
       ++pushed;
     }
   });
@@ -144,20 +118,15 @@ TEST(ReplyFilter, QueuesStatusesAndPushesInOrderAndTracesTheRest) {
   filter.m_sink = &queue;
   for (const auto& c : cases) {
     const LogCapture traces;
-    filter.onCallback(0, c.funcid, 99, 9000, c.status,
-                      c.data.empty() ? nullptr : reinterpret_cast<const uint8_t*>(c.data.data()),
-                      static_cast<int32_t>(c.data.size()));
+    filter.onCallback(0, c.funcid, 99, 9000, c.status, c.data.empty() ? nullptr : at(c.data), c.data.size());
     EXPECT_EQ(traces.count("3 [protocol.cpp,onCallback:"), c.type == 0 ? 1 : 0);
     EXPECT_TRUE(c.type != 0 || traces.count(c.queued) == 1) << c.queued;
   }
   for (const auto& c : cases) {
     if (c.type == 0) continue;
     const auto info = queue.take();
-    EXPECT_EQ(info.type, c.type);
-    EXPECT_EQ(info.timestamp, c.type == 1 ? 9000 : 0);
-    EXPECT_EQ(info.status, c.status);
-    EXPECT_EQ(info.funcid, c.funcid);
-    EXPECT_EQ(info.code, c.type == 1 ? 0 : 7);
+    EXPECT_EQ(std::tuple(info.type, info.timestamp, info.status, info.funcid, info.code),
+              std::tuple(c.type, c.type == 1 ? 9000 : 0, c.status, c.funcid, c.type == 1 ? 0 : 7));
     EXPECT_EQ(Bytes(reinterpret_cast<char*>(info.data.get()), info.len), c.queued);
     EXPECT_EQ(info.data == nullptr, c.queued.empty());
   }

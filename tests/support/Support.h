@@ -20,6 +20,10 @@
 
 using Bytes = std::string;
 
+inline const uint8_t* at(const Bytes& bytes, size_t offset = 0) {
+  return reinterpret_cast<const uint8_t*>(bytes.data()) + offset;
+}
+
 /// How long the waits below last when what they wait for does not come.
 inline std::chrono::milliseconds g_patience{20'000};
 
@@ -66,6 +70,18 @@ inline std::pair<sockaddr_un, socklen_t> abstractAddress(const std::string& name
   address.sun_family = AF_UNIX;
   memcpy(address.sun_path + 1, name.data(), name.size());
   return {address, static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size())};
+}
+
+/// A plain client connected to an abstract name, itself bound to `local` if that is not empty.
+inline int plainClient(const std::string& name, const std::string& local = "") {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const auto [own, ownLength] = abstractAddress(local);
+  if (!local.empty()) {
+    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&own), ownLength), 0);
+  }
+  const auto [to, length] = abstractAddress(name);
+  EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&to), length), 0) << strerror(errno);
+  return fd;
 }
 
 /// A reply packet as the service writes it.
@@ -140,7 +156,7 @@ class FakeService : public Connection {
   /// One whole request: its header and body.
   Bytes readRequest() {
     Bytes packet = read(32);
-    if (packet.size() == 32) packet += read(read32le(reinterpret_cast<const uint8_t*>(&packet[8])));
+    if (packet.size() == 32) packet += read(read32le(at(packet, 8)));
     return packet;
   }
   /// Closes the connection and the listener: the service is gone.

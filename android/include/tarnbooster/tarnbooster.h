@@ -47,11 +47,12 @@ extern jclass tarnbooster_class __asm__("g_classUdpEngine");
 int register_com_tarn_performance_TarnBoosterJNI(JNIEnv* env);
 
 /** A copy of a Java string, which must not be null, in Java's modified UTF-8: a character beyond 16 bits is
- * six bytes (two surrogates of three), NUL is the two bytes C0 80. The caller releases it with free(). */
+ * six bytes (two surrogates of three), NUL is the two bytes C0 80. The caller releases it with free(). Null
+ * when there is no memory. */
 char* jstringToChars(JNIEnv* env, jstring s);
 
-/** A copy of a Java int array, with its number of elements in `length`; null and 0 for a null or empty array.
- * The caller releases it with C++'s delete[]. */
+/** A copy of a Java int array, with its number of elements in `length`; null and 0 for a null or empty array,
+ * null and that number when there is no memory. The caller releases it with C++'s delete[]. */
 #ifdef __cplusplus
 int* jintArrayToInts(JNIEnv* env, jintArray a, int& length);
 #else
