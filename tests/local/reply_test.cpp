@@ -73,8 +73,9 @@ TEST(ReplyFilter, PendingPayloadIsBoundedInBytesButOneReportIsAlwaysAdmitted) {
   Filter filter;
   filter.m_sink = &queue;
   const Bytes large(Callback::kPendingBytes + 1, 'x');
-  filter.onCallback(0, 1010, 0, 0, 0, at(large), large.size());
-  EXPECT_EQ(log.count("6 [protocol.cpp,onCallback:"), 1) << "dropped unread";
+  for (const size_t length : {large.size(), size_t{UINT32_MAX}})
+    filter.onCallback(0, 1010, 0, 0, 0, at(large), length);
+  EXPECT_EQ(log.count("6 [protocol.cpp,onCallback:"), 2) << "dropped unread";
   std::atomic<int> pushed{0};
   std::thread producer([&] {
     for (const size_t length : {large.size(), size_t{1}, Callback::kPendingBytes, size_t{1}}) {
