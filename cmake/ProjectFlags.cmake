@@ -20,7 +20,7 @@ endif()
 
 # tarn_wrap_system(TARGET): the calls that tests/support/UdpWrap.cpp answers in the system's place.
 function(tarn_wrap_system target)
-  foreach(call socket bind getsockname pipe2 close read write select sendto recvfrom)
+  foreach(call socket bind getsockname pipe2 close write select sendto recvfrom)
     target_link_options(${target} PRIVATE -Wl,--wrap=${call})
   endforeach()
 endfunction()

@@ -390,6 +390,7 @@ class Pair {
 /// Plays one input: senders that mostly keep to the rules, acknowledgements, forgeries, and time that passes.
 inline void play(const uint8_t* bytes, size_t size) {
   constexpr uint32_t kLengths[] = {0, 1, 999, 1000, 1001, 2500, 5000, 7000};
+  constexpr int kSteps[] = {1, 50, 499, 500, 501, 3000, 60000, -700};
   struct Stream {  // what a peer sends
     uint32_t sequence = 100000, offset = 0, total = 0;
     int64_t id = 1;
@@ -451,11 +452,9 @@ inline void play(const uint8_t* bytes, size_t size) {
         pair.deliver(port, forged);
         break;
       }
-      case 7: {
-        constexpr int kSteps[] = {1, 50, 499, 500, 501, 3000, 60000, -700};
+      case 7:
         pair.setTime(now += choose.of(kSteps));
         break;
-      }
     }
     for (uint32_t rounds = choose.below(4); rounds > 0; --rounds) pair.round();
   }

@@ -28,7 +28,6 @@ const bool g_installed = (logFunc = logFormat) != nullptr;
 
 extern "C" {
 
-ssize_t __real_read(int fd, void* bytes, size_t length);
 ssize_t __real_write(int fd, const void* bytes, size_t length);
 int __real_close(int fd);
 
@@ -46,9 +45,6 @@ int __wrap_pipe2(int ends[2], int) {
 }
 int __wrap_close(int fd) {
   return isOurs(fd) ? 0 : __real_close(fd);
-}
-ssize_t __wrap_read(int fd, void* bytes, size_t length) {
-  return isOurs(fd) ? -1 : __real_read(fd, bytes, length);
 }
 ssize_t __wrap_write(int fd, const void* bytes, size_t length) {
   return isOurs(fd) ? static_cast<ssize_t>(length) : __real_write(fd, bytes, length);
