@@ -100,6 +100,9 @@ namespace {
 __attribute__((noinline)) void* allocate(size_t size, const char* call) {
   return call != nullptr && fails(call) ? nullptr : malloc(size);
 }
+__attribute__((noinline)) void release(void* memory) {
+  free(memory);
+}
 }  // namespace
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
@@ -117,14 +120,14 @@ void* operator new[](size_t size) {
   return allocate(size, nullptr);
 }
 void operator delete(void* memory) noexcept {
-  free(memory);
+  release(memory);
 }
 void operator delete[](void* memory) noexcept {
-  free(memory);
+  release(memory);
 }
 void operator delete(void* memory, size_t) noexcept {
-  free(memory);
+  release(memory);
 }
 void operator delete[](void* memory, size_t) noexcept {
-  free(memory);
+  release(memory);
 }
