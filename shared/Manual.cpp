@@ -114,6 +114,9 @@ std::string manualOf(const CLI::App& app, int section, const std::string& seeAls
   for (const CLI::App* command : commands) {
     page += ".SS " + escaped(command->get_name()) + "\n" + escaped(command->get_description()) + "\n";
     appendOptions(*command, page);
+    const std::string footer = command->get_footer();
+    if (!footer.empty())
+      page += ".PP\n.nf\n" + escaped(footer.substr(footer.find_first_not_of('\n'))) + ".fi\n";
   }
   appendFooter(app.get_footer(), page);
   return page + ".SH SEE ALSO\n" + escaped(seeAlso) + "\n";

@@ -15,13 +15,10 @@ const char kAbout[] =
     "answers with the recorded ones";
 
 const char kFooter[] =
-    "\nAn answer belongs to its request by function identifier and time stamp. Compared are its status and "
-    "its\n"
-    "body, and the order of the answers; pushes one by one. Not compared: when something came, and the word "
-    "of\n"
-    "the header that the library does not use. With --fast a push that is missing is no difference: the "
-    "service\n"
-    "had less time.\n"
+    "\nAn answer belongs to its request by function identifier and time stamp. Compared are its status and\n"
+    "its body, and the order of the answers; pushes one by one. Not compared: when something came, and the\n"
+    "word of the header that the library does not use. With --fast a push that is missing is no difference:\n"
+    "the service had less time.\n"
     "\nExamples:\n"
     "  tarnbooster --socket tarnbooster replay session.pcapng\n"
     "  tarnbooster --udp 127.0.0.1:4711 replay --fast session.pcapng\n"
@@ -42,8 +39,8 @@ void showProgress(size_t sent, size_t all) {
 int exitCode(const ReplayResult& result) {
   if (result.broken || !result.fileProblem.empty()) return cli::EXIT_BROKEN;
   if (result.lost) return cli::EXIT_LOST;
-  if (result.noService) return cli::EXIT_NO_SERVICE;
   if (result.missing > 0) return cli::EXIT_NO_ANSWER;
+  if (result.noService) return cli::EXIT_NO_SERVICE;
   return result.differences > 0 ? cli::EXIT_REFUSED : cli::EXIT_ANSWERED;
 }
 
@@ -69,7 +66,7 @@ int replay(const cli::Program& program, const ReplayCommandOptions& options) {
 }  // namespace
 
 void addReplay(CLI::App& app, cli::Program& program, ReplayCommandOptions& options) {
-  CLI::App* const sub = app.add_subcommand("replay", kAbout);
+  CLI::App* const sub = app.add_subcommand("replay", kAbout)->group("Recording");
   sub->fallthrough();
   sub->footer(kFooter);
   sub->add_option("file", options.file, "A recording of `tarnbooster record`")
