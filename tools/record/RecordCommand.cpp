@@ -21,9 +21,9 @@ const char kAbout[] =
     "wireshark/tarnbooster.lua shows it, `tarnbooster replay` sends it again";
 
 const char kFooter[] =
-    "\nApplications use what --as names in place of the service's. Ends with SIGINT or SIGTERM; the file\n"
-    "is whole at any moment. The service sees this program as the client, and so refuses to bind threads\n"
-    "of the application.\n"
+    "\nApplications use what --as names in place of the service's. Ends with SIGINT, SIGTERM or SIGHUP;\n"
+    "the file is whole at any moment. The service sees this program as the client, and so refuses to bind\n"
+    "threads of the application.\n"
     "\nExamples:\n"
     "  tarnbooster --socket tarnbooster record --as recorded --write session.pcapng\n"
     "  tarnbooster --udp 127.0.0.1:4711 record --as-udp 127.0.0.1:4712 --write session.pcapng\n"
@@ -44,6 +44,7 @@ shared::UniqueFd endSignals() {
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGHUP);  // the terminal is closed
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);  // of --write - into a pipe
   signal(SIGXFSZ, SIG_IGN);  // a file that may grow no more is an error like a full disk
@@ -110,7 +111,7 @@ int recordUdp(const client::Target& target, const RecordOptions& options) {
 }  // namespace
 
 void addRecord(CLI::App& app, cli::Program& program, RecordOptions& options) {
-  CLI::App* const sub = app.add_subcommand("record", kAbout);
+  CLI::App* const sub = app.add_subcommand("record", kAbout)->group("Recording");
   sub->fallthrough();
   sub->footer(kFooter);
   auto* const as = sub->add_option_group("as", "Where applications turn to instead (one of them)");

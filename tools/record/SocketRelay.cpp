@@ -20,6 +20,7 @@ namespace {
 using pcapng::Direction;
 
 constexpr int kReadsAtOnce = 16;     // of one connection, before the others have their turn
+constexpr int kRoundsAtEnd = 64;     // of such turns, for a connection whose sender does not stop
 constexpr int kAcceptPauseMs = 200;  // without descriptors
 constexpr int kConnectPauseMs = 10;  // while the service's backlog is full
 
@@ -272,7 +273,8 @@ bool SocketRelay::run(int end) {
   const bool good = m_recorder.run(end, [this] { return due(); });
   while (!m_connections.empty()) {
     const std::shared_ptr<Connection> connection = *m_connections.begin();
-    if (connection->isConnected()) connection->handleAll();
+    int rounds = connection->isConnected() ? kRoundsAtEnd : 0;
+    while (rounds-- > 0 && connection->handleAll() == Connection::After::NOT_DONE) continue;
     close(connection);
   }
   m_recorder.finish();
