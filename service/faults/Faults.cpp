@@ -58,6 +58,21 @@ const struct {
     {"seed", &Fault::seed, 0, INT64_MAX},
 };
 
+/// Whether it strikes at requests, whose identifiers are known when it does.
+bool isOfRequests(FaultKind kind) {
+  switch (kind) {
+    case FaultKind::LOSE_SPLIT:
+    case FaultKind::KEEP_BOOSTS:
+    case FaultKind::REFUSE:
+    case FaultKind::NO_ACCEPT:
+    case FaultKind::UDP_LOSE:
+    case FaultKind::UDP_DUPLICATE:
+      return false;
+    default:
+      return true;
+  }
+}
+
 /// Cuts the text in front of the next comma off.
 std::string cut(std::string& text) {
   const size_t comma = text.find(',');
@@ -121,6 +136,11 @@ bool parseFault(const std::string& text, Fault& fault, std::string& problem) {
       problem = fmt::format("{} takes a number from {} to {}, as in {}={}", name, least, most, name, most);
       return false;
     }
+  }
+  if (fault.only >= 0 && !isOfRequests(fault.kind)) {
+    problem = fmt::format("the fault {} strikes no requests: it has no \"only\"",
+                          text.substr(0, text.find_first_of("=,")));
+    return false;
   }
   return true;
 }

@@ -173,7 +173,7 @@ TEST(ServiceOptions, AreTakenAsTheyAreMeant) {
         "--status 65536=1", "--push-every 0:7:x", "--push-on-register text", "--udp 127.0.0.1:0x10",
         "--allow-uid nobody-of-this-name", "--lines loud", "--fault delay=1,often=2", "--fault ''",
         "--fault slow", "--fault delay=-1", "--fault close=3", "--fault close,every=0",
-        "--clients-per-user 0"}) {
+        "--fault refuse,only=1001", "--clients-per-user 0"}) {
     EXPECT_FALSE(parse(refused)) << refused;
   }
   EXPECT_TRUE(
