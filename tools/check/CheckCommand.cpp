@@ -25,6 +25,7 @@ const char kAbout[] =
     "Examines any service: numbered cases, each with what was sent, what was expected and what came";
 
 const char kFooter[] =
+    "\n--socket or --udp names the service; --json prints an object for each case.\n"
     "\nA case passes, fails, is skipped when it cannot be tried, or passes with notes: the service does\n"
     "something else than the reference service, which is lawful. Effects are tried on a thread of this\n"
     "program. Cases that may harm the service or its other clients need --destructive. Over UDP, where\n"
@@ -102,13 +103,8 @@ void endProgress() {
   if (isatty(STDERR_FILENO) != 0) fputs("\r\033[K", stderr);
 }
 
-bool write(const std::string& path, const std::string& text) {
-  std::ofstream file(path);
-  file << text;
-  file.close();
-  if (file) return true;
-  cli::fail(cli::EXIT_OUTPUT, "cannot write " + path + ": " + shared::errorText(errno));
-  return false;
+int failToWrite(const std::string& path) {
+  return cli::fail(cli::EXIT_OUTPUT, "cannot write " + path + ": " + shared::errorText(errno));
 }
 
 /// What is to be run, one after the other: cases on a service, or trials of the checker.
@@ -145,6 +141,9 @@ int run(Options& options, const cli::Program& program) {
       return cli::fail(cli::EXIT_NO_SERVICE, problem);
     survey(options.settings);
   }
+  std::ofstream junit;
+  if (!options.junit.empty()) junit.open(options.junit);
+  if (!junit) return failToWrite(options.junit);  // before all the work
   std::vector<Result> results;
   Totals totals;
   bool written = true;
@@ -163,8 +162,9 @@ int run(Options& options, const cli::Program& program) {
   const char* const what = options.selfTest ? "trials" : "cases";
   written = cli::writeOut(program.json ? jsonOf(totals, took) : textOf(totals, took, what)) && written;
   if (!options.junit.empty()) {
-    const std::string on = options.selfTest ? "--self-test" : program.target.text();
-    written = write(options.junit, junitOf(results, on, options.strict)) && written;
+    junit << junitOf(results, options.selfTest ? "--self-test" : program.target.text(), options.strict);
+    junit.close();
+    if (!junit) return failToWrite(options.junit);
   }
   if (!written) return cli::EXIT_OUTPUT;
   return totals.failed > 0 || (options.strict && totals.noted > 0) ? cli::EXIT_REFUSED : cli::EXIT_ANSWERED;

@@ -31,7 +31,8 @@ std::string xml(const std::string& text) {
         escaped += "&quot;";
         break;
       default:
-        escaped += static_cast<unsigned char>(character) < 0x20 && character != '\n' ? '?' : character;
+        // Nothing here is more than ASCII but perhaps a name, in whatever encoding.
+        escaped += (character < 0x20 && character != '\n') || character > 0x7e ? '?' : character;
     }
   }
   return escaped;
