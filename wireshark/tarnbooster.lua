@@ -106,11 +106,12 @@ for _, request in pairs(REQUESTS) do
   end
 end
 for i = 3, #PUSH do f[PUSH[i][1]] = kinds[PUSH[i][2]]("tarnbooster." .. PUSH[i][1], LABELS[PUSH[i][1]]) end
-do
+local function listOf(fields)
   local list = {}
-  for _, field in pairs(f) do list[#list + 1] = field end
-  message.fields = list
+  for _, field in pairs(fields) do list[#list + 1] = field end
+  return list
 end
+message.fields = listOf(f)
 
 local u = {
   version = ProtoField.uint8("tarnbooster_udp.version", "Version"),
@@ -133,12 +134,7 @@ local u = {
   reassembledIn = ProtoField.framenum("tarnbooster_udp.reassembled_in", "Message is complete in"),
   pieces = ProtoField.uint32("tarnbooster_udp.pieces", "Pieces of the message"),
 }
-do
-  local list = {}
-  for _, field in pairs(u) do list[#list + 1] = field end
-  datagram.fields = list
-end
-
+datagram.fields = listOf(u)
 
 -- ---- Expert notes -----------------------------------------------------------------------------------------
 
@@ -736,7 +732,7 @@ local function drawDatagramLinks(item, pinfo, d, note)
   if note.first then
     item:add(u.retransmissionOf, note.first):set_generated()
     item:add_proto_expert_info(note.duplicate and e.duplicate or e.retransmission,
-      note.duplicate and "A duplicate" or "Sent for the " .. note.send .. ". time")
+      note.duplicate and "A duplicate" or "Sent again: send " .. note.send)
   end
   if note.send < UDP_SENDS or packet.ackIn then return end
   -- Whether an acknowledgement still comes is known only when the capture was read once.

@@ -195,7 +195,7 @@ TEST(Dissector, FollowsTheUdpTransport) {
   add(false, datagram(PACKET_ACK, 100001, 1000, 2540, "", 1), 1,
       "2|100001||2|0.004000000||||||ACK s=100001 of=1000 tl=2540");
   add(true, data(100002, 1000), 500,
-      "1|100002|9|||3|2|||Sent for the 2. time|DATA s=100002 of=1000 tl=2540 [send 2]");
+      "1|100002|9|||3|2|||Sent again: send 2|DATA s=100002 of=1000 tl=2540 [send 2]");
   add(true, data(100003, 2000), 1,
       "1|100003|||||1||||DATA s=100003 of=2000 tl=2540 | 1011 registerBootPreloadResource files=[\"" +
           Bytes(60, 'f') + "\"]");
@@ -210,7 +210,7 @@ TEST(Dissector, FollowsTheUdpTransport) {
     const std::string number = std::to_string(send),
                       line = "DATA s=100003 of=2000 tl=2540 [send " + number + "]";
     add(true, data(100003, 2000), 500,
-        "1|100003||||8|" + number + (send < 6 ? "|" : "|1") + "||Sent for the " + number + ". time" +
+        "1|100003||||8|" + number + (send < 6 ? "|" : "|1") + "||Sent again: send " + number +
             (send < 6 ? "" : ",Given up: sent six times and never acknowledged") + "|" + line);
   }
   addDatagram(capture, false, datagram(PACKET_DATA, 100001, 0, 32, answer, 2), 1, 4001);
