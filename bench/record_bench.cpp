@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -107,8 +108,31 @@ void roundTrip(benchmark::State& state, const std::string& (*where)()) {
 BENCHMARK_CAPTURE(roundTrip, direct, service)->Name("direct")->Arg(9)->Arg(1 << 20)->UseRealTime();
 BENCHMARK_CAPTURE(roundTrip, recorded, relay)->Name("recorded")->Arg(9)->Arg(1 << 20)->UseRealTime();
 
-// A round trip passes the relay twice.
+/// What the relay adds to one message: round trips directly and through it, in turns. A round trip passes it
+/// twice.
+void added(benchmark::State& state) {
+  using Clock = std::chrono::steady_clock;
+  const shared::UniqueFd ends[] = {shared::connectTo(service()), shared::connectTo(relay())};
+  if (!ends[0] || !ends[1]) return state.SkipWithError("nobody listens");
+  for (const shared::UniqueFd& end : ends) setBlocking(end.get());
+  const std::string request = client::packRequest(FUNCID_REQUEST_CPU_HIGH_FREQ, "012345678", 1, 1);
+  char reply[kHeaderBytes];
+  Clock::duration took[2]{};
+  for (auto _ : state) {
+    for (int i = 0; i < 2; ++i) {
+      const auto start = Clock::now();
+      writeAll(ends[i].get(), request);
+      if (!readAll(ends[i].get(), reply, sizeof(reply))) return state.SkipWithError("a connection has ended");
+      took[i] += Clock::now() - start;
+    }
+  }
+  const std::chrono::duration<double, std::micro> more = took[1] - took[0];
+  state.counters["us"] = more.count() / 2 / static_cast<double>(state.iterations());
+}
+BENCHMARK(added)->UseRealTime();
+
 const Row kRows[] = {
+    {"what the recording relay adds to a message", "us", "added", "", "us", atMost(20)},
     {"round trip of a request through the recording relay", "us", "recorded/9", "direct/9", "time"},
     {"the same with a body of 1 MiB", "us", "recorded/1048576", "direct/1048576", "time"},
 };

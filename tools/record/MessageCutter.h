@@ -2,12 +2,14 @@
 // the reads were.
 //
 // What each prefix of the stream leads to:
-//   fewer than 32 bytes         held back until the rest of the header arrives
-//   32 bytes, the magic wrong   written as they came, with all else of the same read; the next read starts
-//   anew 32 bytes and a part of the  held back until the rest arrives, up to kPieceBytes; a longer message
-//   goes out body                        in consecutive pieces of that size, which readers put together again
-//   32 bytes and the body       one packet
-//   the end of the stream       what was held back, as it is
+//
+//   fewer than 32 bytes        held back until the rest of the header arrives
+//   32 bytes, the magic wrong  written as they came, with all else of the same read; the next read starts
+//   anew 32 bytes, part of a body   held back until the rest arrives, up to kPieceBytes; a longer message
+//   goes out
+//                              in consecutive pieces of that size, which readers put together again
+//   32 bytes and the body      one packet
+//   the end of the stream      what was held back, as it is
 #pragma once
 
 #include <cstddef>
@@ -56,9 +58,8 @@ class MessageCutter {
   void emitted();
 
   const pcapng::Direction m_direction;
-  std::string m_held;  // what was held back
-  uint64_t m_left =
-      0;  // bytes of the message at hand that are not in a packet yet; 0: its header is not known
+  std::string m_held;   // what was held back
+  uint64_t m_left = 0;  // bytes of the message at hand that are in no packet yet; 0: its header is not known
   uint64_t m_messages = 0;
 };
 
