@@ -308,9 +308,11 @@ bool LocalSocket::setSocketNonBlock(int fd) {
 void LocalSocket::receive(int fd) {
   m_queue.freePlaces();  // what arrives may keep its receiver busy
   uint8_t buffer[kReadBytes];
-  const int ret =
-      static_cast<int>(retryEintr([&] { return recvfrom(fd, buffer, sizeof(buffer), 0, nullptr, nullptr); }));
+  const int ret = static_cast<int>(
+      retryEintr([&] { return recvfrom(fd, buffer, sizeof(buffer), MSG_DONTWAIT, nullptr, nullptr); }));
   if (ret <= 0 && m_fd == 0) return;  // told to end meanwhile
+  // An urgent byte makes a socket readable that has nothing to read; to wait for more would hold up sends.
+  if (ret < 0 && errno == EAGAIN) return;
   if (ret <= 0) {
     LOG_ERROR_IN("loop", 195, "recv error , fd:%d ret:%d errno:%d", fd, ret, errno);
     m_master.remove(fd);

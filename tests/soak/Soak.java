@@ -236,8 +236,11 @@ public final class Soak {
     }
 
     private static void show(String when, long seconds, Counts counts) {
-        System.out.printf("%5d s, %s: %d requests, %d reports, %d kB of arguments kept; %s%n", seconds, when,
-                REQUESTS.get(), REPORTS.get(), KEPT.get() / 1024, counts);
+        System.out.printf(
+                "%5d s, %s: %d requests, %d reports; %d MB apart from %d kB kept, %d descriptors, %d threads, "
+                        + "%d of the library%n",
+                seconds, when, REQUESTS.get(), REPORTS.get(), counts.memoryKb / 1024, KEPT.get() / 1024,
+                counts.descriptors, counts.threads, counts.own.size());
     }
 
     public static void main(String[] arguments) {

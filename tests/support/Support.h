@@ -122,6 +122,8 @@ class Connection {
     }
     return true;
   }
+  /// Sends a byte out of band, which an ordinary reader does not get.
+  void urge() { send(m_connection, "!", 1, MSG_OOB | MSG_NOSIGNAL); }
   /// Closes the sending half.
   void finish() { shutdown(m_connection, SHUT_WR); }
   void hangUp() {
