@@ -71,6 +71,7 @@ buildEverything() {
 }
 
 [ -n "$build" ] || buildEverything
+build=$(cd "$build" && pwd) || die "there is no such build"
 for product in jni/libtarnbooster.so service/tarnbooster-service java/tarnbooster.jar java/tarnbooster-demo.jar; do
   [ -e "$build/$product" ] || die "the build has no $product"
 done
@@ -95,7 +96,7 @@ trap 'exit 143' TERM
 
 # What the service says, in words: without its numbers for requests, processes and a good status.
 inWords='s/^10[01][0-9] //; s/ pid=[0-9]* uid=[0-9]*( tid=[0-9]*)?//; s/ scene=0//; s/ action=0//; s/ -> status 0/ -> done/'
-inWords+='; s/-> status ([0-9]+)/-> refused (\1)/; s:([.][.]/etc/){9,}:.../:g; s/^(.{200}).*/\1.../; s/^/  service | /'
+inWords+='; s/-> status 1 /-> done in part /; s/-> status ([0-9]+)/-> refused (\1)/; s:([.][.]/etc/){9,}:.../:g; s/^(.{200}).*/\1.../; s/^/  service | /'
 
 # startService ARGUMENT...: starts it and waits until it listens.
 startService() {
@@ -181,7 +182,8 @@ say "everything was seen"
 
 cat <<END
 
-Now try, in two terminals. End the service with Ctrl-C and start it again, and see the boost come back:
+Now try, in two terminals. End the service with Ctrl-C and start it again, and see the boost come back
+(lines that begin with TARNBOOSTER are the library's log):
 
   $(inShell "${emulatorCommand[@]}" "$build/service/tarnbooster-service" --name try --push-on-register 7:hello)
 

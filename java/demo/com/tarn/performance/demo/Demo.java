@@ -236,7 +236,8 @@ final class Demo implements BoosterListener {
 
     @Override
     public void onBoostChanged(Boost boost, int state) {
-        hear(boost.request() + ": " + BoosterCodes.boostName(state) + reason(boost.status()));
+        boolean ended = state == BoosterCodes.BOOST_ENDED;
+        hear(boost.request() + ": " + BoosterCodes.boostName(state) + (ended ? "" : reason(boost.status())));
     }
 
     @Override
