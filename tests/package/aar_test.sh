@@ -60,6 +60,7 @@ refused '< proguard.txt'      'rm proguard.txt'
 refused '> extra'             'touch extra'
 refused 'minimum API level'   'sed -i s/24/21/ AndroidManifest.xml'
 refused 'not for Java 8'      "$newerClass"
+refused 'another version'     'mkdir new && cd new && jar -x -f ../classes.jar && jar -c -f ../classes.jar com && cd .. && rm -r new'
 refused 'does not keep'       'echo >proguard.txt'
 refused 'checks failed'       "cp $linuxLibrary jni/arm64-v8a/libtarnbooster.so"
 refused 'not for arm64'       'cp jni/x86_64/libtarnbooster.so jni/arm64-v8a/libtarnbooster.so'
