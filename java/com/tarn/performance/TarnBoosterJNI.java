@@ -26,6 +26,7 @@ package com.tarn.performance;
  *
  * The result of a request says whether it was queued, and what the service makes of it comes to the listener.
  * It is {@link #NO_ENGINE} when there is no connection and none could be made (or the library is disabled),
+ * -1 when the request is larger than 2 GiB or there is no memory for it (it is not sent, and the log says why),
  * otherwise the low 32 bits of the time at which the request was packed, in microseconds since 1970. These
  * bits may be any number, negative ones included: -1 is a result like any other, and once in four thousand
  * million requests a request that was queued has the result {@link #NO_THREADS} or {@link #NO_ENGINE}. Never
