@@ -18,10 +18,13 @@ const char kExamples[] =
     "\nTry it:\n"
     "  tarnbooster-service --name tarnbooster --push-every 5:7:hello\n"
     "  tarnbooster --socket tarnbooster --wait 20000 register-anr-callback     (in another terminal)\n"
-    "\nSignals: SIGINT, SIGTERM, SIGHUP and SIGQUIT put everything back and end it (SIGHUP not below "
-    "nohup);\n"
-    "SIGUSR1 says who holds what.\n"
-    "\nExit codes: 0 stopped by a signal, 1 could not start, 2 wrong options.\n";
+    "\nSignals:\n"
+    "  SIGINT, SIGTERM, SIGQUIT, and SIGHUP save below nohup: everything is put back, and it ends\n"
+    "  SIGUSR1: says who holds what\n"
+    "\nExit codes:\n"
+    "  0  stopped by a signal\n"
+    "  1  could not start\n"
+    "  2  wrong options\n";
 
 /// Cuts "HEAD:REST" off `text` at its first colon; throws what CLI11 reports when there is none.
 std::string cutField(std::string& text, const char* option) {

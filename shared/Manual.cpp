@@ -67,6 +67,26 @@ bool takesValue(const CLI::Option& option) {
   return option.get_items_expected_max() > 0 && option.get_type_size_max() > 0;
 }
 
+/// A description: its indented lines, "  WORD  what it means", as a list.
+std::string described(const std::string& description) {
+  std::istringstream lines(description);
+  std::string page;
+  bool within = false;  // the list
+  for (std::string line; std::getline(lines, line);) {
+    const bool isEntry = line.rfind("  ", 0) == 0;
+    if (isEntry != within) page += isEntry ? ".RS\n" : ".RE\n.IP\n";
+    within = isEntry;
+    if (!isEntry) {
+      page += escaped(line) + "\n";
+      continue;
+    }
+    const size_t gap = line.find("  ", 2), end = gap != std::string::npos ? gap : line.find(' ', 2);
+    const size_t rest = std::min(line.find_first_not_of(' ', end), line.size());
+    page += ".TP\n\\fB" + escaped(line.substr(2, end - 2)) + "\\fR\n" + escaped(line.substr(rest)) + "\n";
+  }
+  return page + (within ? ".RE\n" : "");
+}
+
 void appendOptions(const CLI::App& app, std::string& page) {
   for (const CLI::Option* option : optionsOf(app)) {
     std::string names;
@@ -74,7 +94,7 @@ void appendOptions(const CLI::App& app, std::string& page) {
       names += (names.empty() ? "\\fB" : ", \\fB") + escaped(name) + "\\fR";
     }
     if (takesValue(*option)) names += " \\fI" + escaped(option->get_type_name()) + "\\fR";
-    page += ".TP\n" + names + "\n" + escaped(option->get_description()) + "\n";
+    page += ".TP\n" + names + "\n" + described(option->get_description());
   }
 }
 
@@ -169,7 +189,7 @@ std::string completionOf(const CLI::App& app) {
          "  case $before in\n"
          "    " +
          joined(files, "|") +
-         ") mapfile -t COMPREPLY < <(compgen -f -- \"$word\"); return ;;\n"
+         ") compopt -o filenames 2>/dev/null; mapfile -t COMPREPLY < <(compgen -f -- \"$word\"); return ;;\n"
          "    " +
          joined(values, "|") +
          ") return ;;\n"

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iostream>
 #include <numeric>
+#include <sstream>
 
 #include "shared/Text.h"
 
@@ -14,7 +15,7 @@ namespace cli {
 namespace {
 
 /// No request, and no state of a service, comes near.
-constexpr size_t kMaxLinesBytes = size_t{256} << 20;
+constexpr size_t kMaxLinesBytes = size_t{64} << 20;
 
 /// Insertions, deletions, replacements and swaps of neighbours that lead from one to the other.
 size_t distance(const std::string& a, const std::string& b) {
@@ -69,15 +70,17 @@ std::string readLines(const std::string& path, std::vector<std::string>& lines) 
   std::istream& in = path == "-" ? std::cin : file;
   if (in) {
     errno = 0;
-    size_t bytes = 0;
-    std::string line;
-    while (bytes <= kMaxLinesBytes && std::getline(in, line)) {
-      bytes += line.size() + 1;
-      lines.push_back(line);
+    // By pieces, as a line may be without end.
+    std::string text;
+    char piece[65536];
+    while (text.size() <= kMaxLinesBytes && (in.read(piece, sizeof(piece)) || in.gcount() > 0)) {
+      text.append(piece, static_cast<size_t>(in.gcount()));
     }
-    if (bytes > kMaxLinesBytes) {
+    if (text.size() > kMaxLinesBytes) {
       return fmt::format("cannot read {}: more than {} bytes", shared::printable(path), kMaxLinesBytes);
     }
+    std::istringstream split(text);
+    for (std::string line; std::getline(split, line);) lines.push_back(line);
     if (!in.bad()) return "";
   }
   return fmt::format("cannot read {}: {}", path == "-" ? "standard input" : shared::printable(path),
