@@ -32,7 +32,7 @@ inline nlohmann::json listIn(const nlohmann::json& object, const char* name) {
 /// killed in between leaves one of the two.
 inline void addApplied(nlohmann::json& object, int64_t applied, int64_t wanted) {
   object["applied"] = applied;
-  if (wanted != applied) object["wanted"] = wanted;
+  if (wanted >= 0 && wanted != applied) object["wanted"] = wanted;
 }
 
 }  // namespace service
