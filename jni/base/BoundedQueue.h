@@ -105,17 +105,22 @@ class BoundedQueue {
   /// Returns false, with the item freed, when the queue is closed or is closed during the wait, or when there
   /// is no memory for more than kReserved items.
   bool push(Item item) {
-    if (!m_freeSlots.tryWait()) {
+    if (!takePlace()) {
       m_waiting.fetch_add(1);
-      m_freeSlots.wait();
+      if (!takePlace()) m_freeSlots.wait();  // once more: from here on passOn() sees us
       m_waiting.fetch_sub(1);
     }
+    passOn();
     return place(std::move(item));
   }
 
   /// Queues an item if there is a place at this moment; never waits. Any thread. False, with the item freed,
   /// when the queue is full or closed.
-  bool tryPush(Item item) { return m_freeSlots.tryWait() && place(std::move(item)); }
+  bool tryPush(Item item) {
+    if (!takePlace()) return false;
+    passOn();
+    return place(std::move(item));
+  }
 
   /// The oldest item, left where it is, or null. Consumer thread only, of a queue of at most kReserved
   /// places: it is valid, and that thread's to change, until that thread pops.
@@ -129,14 +134,17 @@ class BoundedQueue {
   Item tryPop() { return m_items.tryWait() ? take(false) : Item(); }
 
   /// tryPop(), but a producer that waits learns of the place only by freePlaces(): so the consumer of a full
-  /// queue is not interrupted by every producer whose item it has just taken.
+  /// queue is not interrupted by every producer whose item it has just taken. Who does not wait may have it.
   Item tryPopQuietly() { return m_items.tryWait() ? take(true) : Item(); }
 
-  /// Lets producers have the places that tryPopQuietly() has kept back. Consumer thread only, and always
-  /// before it waits for anything.
+  /// Lets producers that wait have the places that tryPopQuietly() has kept back: the first is woken here,
+  /// and each wakes the next. Consumer thread only, and always before it waits for anything.
   void freePlaces() {
-    for (; m_keptBack > 0; --m_keptBack) m_freeSlots.post();
+    if (takeKeptBack()) m_freeSlots.post();
   }
+
+  /// How many places are kept back.
+  unsigned keptBack() const { return m_keptBack.load(); }
 
   /// Takes the oldest item, waiting for one. Consumer thread only, and only on a queue that is never closed.
   Item pop() {
@@ -166,6 +174,20 @@ class BoundedQueue {
   size_t size() const { return m_count.load(); }
 
  private:
+  bool takePlace() { return m_freeSlots.tryWait() || takeKeptBack(); }
+
+  bool takeKeptBack() {
+    unsigned kept = m_keptBack.load();
+    while (kept != 0 && !m_keptBack.compare_exchange_weak(kept, kept - 1)) {
+    }
+    return kept != 0;
+  }
+
+  /// A producer that has a place: lets one that waits have another.
+  void passOn() {
+    if (m_waiting.load() != 0 && takeKeptBack()) m_freeSlots.post();
+  }
+
   /// Queues an item into a place that the caller has taken.
   bool place(Item item) {
     {
@@ -188,7 +210,7 @@ class BoundedQueue {
       m_count.fetch_sub(1);
     }
     if (quietly && m_waiting.load() != 0) {
-      ++m_keptBack;
+      m_keptBack.fetch_add(1);
     } else {
       m_freeSlots.post();
     }
@@ -202,5 +224,5 @@ class BoundedQueue {
   Semaphore m_freeSlots;           // places left; never taken while m_lock is held
   Semaphore m_items;               // items queued
   std::atomic<int> m_waiting{0};   // producers that found no place
-  int m_keptBack = 0;              // the consumer's: places that are free and not yet posted
+  std::atomic<unsigned> m_keptBack{0};  // places that are free and not posted
 };

@@ -79,6 +79,7 @@ int UDP::eventloop(int64_t timeout, int64_t roundStart, int64_t wait) {
   timeval limit{};
   limit.tv_sec = wait / 1000;
   limit.tv_usec = wait % 1000 * 1000;
+  m_requests.freePlaces();
   const int64_t before = traced ? m_timing.now() : 0;
   const int ready =
       SelectSet::select(m_fd > pipe ? m_fd : pipe, &m_readable, nullptr, wait < 0 ? nullptr : &limit);

@@ -103,7 +103,9 @@ int UDP::takeMessage() {
   if (oldest == nullptr) return 0;
   Sender& sender = getSender((*oldest)->peer);
   if (sender.message != nullptr) return 0;
-  sender.message = m_requests.tryPop();
+  // Who waits for a place is woken for several at once, and before the loop sleeps (see eventloop()).
+  sender.message = m_requests.tryPopQuietly();
+  if (m_requests.keptBack() >= udp::kSendQueueMessages / 2) m_requests.freePlaces();
   sender.cut = 0;
   if (sender.message->length == 0) {
     sender.message.reset();
