@@ -2,8 +2,8 @@
 //
 // A producer takes a place in a queue of five (a mutex, two semaphores), puts a packet in and writes 4 bytes
 // to a pipe. The loop looks at the front, asks select() without waiting whether the socket can be written,
-// sends, waits in select() for socket and pipe, reads the pipe. What arrives is read and handed to a second
-// thread through a queue like the first.
+// sends, waits in select() for socket and pipe (for a full socket to be writable, too), reads the pipe. What
+// arrives is read and handed to a second thread through a queue like the first.
 #pragma once
 
 #include <fcntl.h>
@@ -86,14 +86,17 @@ class Skeleton {
   void loop() {
     uint8_t bytes[4096];
     while (!m_ended) {
+      fd_set writable;
+      FD_ZERO(&writable);
       if (const uint8_t* const packet = m_requests.front()) {
-        fd_set writable;
-        FD_ZERO(&writable);
         FD_SET(m_socket, &writable);
         timeval atOnce = {0, 0};
-        if (select(m_socket + 1, nullptr, &writable, nullptr, &atOnce) == 1 &&
-            send(m_socket, packet, kRequestBytes, 0) == static_cast<ssize_t>(kRequestBytes)) {
+        if (select(m_socket + 1, nullptr, &writable, nullptr, &atOnce) == 1) {
+          if (send(m_socket, packet, kRequestBytes, 0) != static_cast<ssize_t>(kRequestBytes)) abort();
           m_requests.pop();
+          FD_ZERO(&writable);
+        } else {
+          FD_SET(m_socket, &writable);  // full: waited for below, or it would stand still for a second
         }
       }
       fd_set readable;
@@ -101,7 +104,7 @@ class Skeleton {
       FD_SET(m_socket, &readable);
       FD_SET(m_pipe[0], &readable);
       timeval second = {1, 0};
-      if (select(std::max(m_socket, m_pipe[0]) + 1, &readable, nullptr, nullptr, &second) < 1) continue;
+      if (select(std::max(m_socket, m_pipe[0]) + 1, &readable, &writable, nullptr, &second) < 1) continue;
       if (FD_ISSET(m_pipe[0], &readable)) static_cast<void>(read(m_pipe[0], bytes, sizeof(int)));
       if (FD_ISSET(m_socket, &readable) && recv(m_socket, bytes, sizeof(bytes), 0) > 0) m_replies.push(bytes);
     }
