@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 namespace service {
@@ -24,6 +25,11 @@ class Log {
   void notice(const std::string& line) const { say(Priority::NOTICE, line); }
   /// Requests, pushes, and boosts that ended.
   void info(const std::string& line) const { say(Priority::INFO, line); }
+  /// The same of a line that is made only when it is said.
+  template <class MakeLine>
+  auto info(MakeLine makeLine) const -> std::enable_if_t<std::is_invocable_v<MakeLine>> {
+    if (Priority::INFO <= m_most) m_sink(Priority::INFO, makeLine());
+  }
   /// Connections that come and go.
   void debug(const std::string& line) const { say(Priority::DEBUG, line); }
 

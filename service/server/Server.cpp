@@ -185,12 +185,11 @@ void Server::put(uint64_t id, const std::string& bytes, int64_t now) {
 }
 
 void Server::answer(Client& client, const Request& request, const Outcome& outcome) {
-  m_log.info(requestLine(request, client.requester(), outcome));
-  const int64_t now = steadyMs();
+  m_log.info([&] { return requestLine(request, client.requester(), outcome); });
   if (m_faults.isEmpty()) {
     client.answer(request, outcome.status);
   } else {
-    m_faultyAnswers.answer(client, request, outcome.status, now);
+    m_faultyAnswers.answer(client, request, outcome.status, steadyMs());
   }
   if (request.funcid != FUNCID_REGISTER_ANR_CALLBACK || outcome.status != Status::DONE) return;
   if (m_dispatcher.isScripted(request.funcid)) return;  // "nothing was done" is to be true
@@ -204,7 +203,7 @@ void Server::push(Client& client, const Push& pushed) {
     return;
   }
   client.push(pushed);
-  m_log.info(pushLine(client.requester(), pushed));
+  m_log.info([&] { return pushLine(client.requester(), pushed); });
 }
 
 void Server::pushRepeated(int64_t now) {
