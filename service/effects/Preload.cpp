@@ -118,6 +118,7 @@ struct Preloads::Mailbox {
   }
   std::vector<Result> take() {
     const std::lock_guard<std::mutex> guard(lock);
+    if (results.empty()) return {};
     uint64_t rings = 0;
     [[maybe_unused]] const ssize_t got = read(event.get(), &rings, sizeof(rings));
     return std::exchange(results, {});

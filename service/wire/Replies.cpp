@@ -12,10 +12,8 @@ namespace {
 
 constexpr int kVersionOffset = 4;  // no client reads it; the value keeps both directions alike in a dump
 
-}  // namespace
-
-std::string packReply(uint16_t funcid, uint32_t status, uint64_t word16, int64_t timestamp,
-                      const std::string& body) {
+void appendReply(std::string& bytes, uint16_t funcid, uint32_t status, uint64_t word16, int64_t timestamp,
+                 const std::string& body) {
   uint8_t header[kHeaderBytes] = {};
   write32le(header + reply_header::kMagic, kHeaderMagic);
   write16le(header + kVersionOffset, kRequestVersion);
@@ -24,11 +22,27 @@ std::string packReply(uint16_t funcid, uint32_t status, uint64_t word16, int64_t
   write32le(header + reply_header::kDataLen, static_cast<uint32_t>(body.size()));
   write64le(header + reply_header::kWord16, word16);
   write64le(header + reply_header::kTimestamp, static_cast<uint64_t>(timestamp));
-  return std::string(reinterpret_cast<const char*>(header), sizeof(header)) + body;
+  bytes.append(reinterpret_cast<const char*>(header), sizeof(header));
+  bytes += body;
+}
+
+void appendAnswer(std::string& bytes, const Request& request, uint32_t status) {
+  appendReply(bytes, request.funcid, status, static_cast<uint64_t>(request.sendTime), request.timestamp, {});
+}
+
+}  // namespace
+
+std::string packReply(uint16_t funcid, uint32_t status, uint64_t word16, int64_t timestamp,
+                      const std::string& body) {
+  std::string bytes;
+  appendReply(bytes, funcid, status, word16, timestamp, body);
+  return bytes;
 }
 
 std::string packAnswer(const Request& request, uint32_t status) {
-  return packReply(request.funcid, status, static_cast<uint64_t>(request.sendTime), request.timestamp, "");
+  std::string bytes;
+  appendAnswer(bytes, request, status);
+  return bytes;
 }
 
 std::string packPush(const Push& push) {
@@ -39,7 +53,7 @@ std::string packPush(const Push& push) {
 }
 
 void ReplyStream::answer(const Request& request, uint32_t status) {
-  m_bytes += packAnswer(request, status);
+  appendAnswer(m_bytes, request, status);
   m_lastHadBody = false;
 }
 
