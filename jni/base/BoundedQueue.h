@@ -131,11 +131,15 @@ class BoundedQueue {
   }
 
   /// Takes the oldest item, or none. Consumer thread only.
-  Item tryPop() { return m_items.tryWait() ? take(false) : Item(); }
+  Item tryPop() { return m_count.load() != 0 ? pop() : Item(); }
 
   /// tryPop(), but a producer that waits learns of the place only by freePlaces(): so the consumer of a full
   /// queue is not interrupted by every producer whose item it has just taken. Who does not wait may have it.
-  Item tryPopQuietly() { return m_items.tryWait() ? take(true) : Item(); }
+  Item tryPopQuietly() {
+    if (m_count.load() == 0) return Item();
+    m_items.wait();
+    return take(true);
+  }
 
   /// Lets producers that wait have the places that tryPopQuietly() has kept back: the first is woken here,
   /// and each wakes the next. Consumer thread only, and always before it waits for anything.
@@ -190,16 +194,18 @@ class BoundedQueue {
 
   /// Queues an item into a place that the caller has taken.
   bool place(Item item) {
+    bool queued = false;
     {
       std::lock_guard<std::mutex> lock(m_lock);
       if (!m_closed && m_queue.push(std::move(item))) {
         m_count.fetch_add(1);
-        m_items.post();  // under the lock, so that an item that front() shows is one that tryPop() gets
-        return true;
+        queued = true;
       }
     }
-    m_freeSlots.post();  // the place back; when closed, the wake-up on: close() posts one for all that wait
-    return false;
+    // Not under the lock, for which who is woken would wait at once. Refused: the place back; when closed,
+    // the wake-up on, as close() posts one for all that wait.
+    (queued ? m_items : m_freeSlots).post();
+    return queued;
   }
 
   Item take(bool quietly) {
@@ -218,11 +224,11 @@ class BoundedQueue {
   }
 
   mutable std::mutex m_lock;
-  Ring<Item> m_queue;              // guarded by m_lock
-  std::atomic<size_t> m_count{0};  // of items in m_queue; changed with it, read without the lock
-  bool m_closed = false;           // guarded by m_lock
-  Semaphore m_freeSlots;           // places left; never taken while m_lock is held
-  Semaphore m_items;               // items queued
-  std::atomic<int> m_waiting{0};   // producers that found no place
+  Ring<Item> m_queue;                   // guarded by m_lock
+  std::atomic<size_t> m_count{0};       // of items in m_queue; changed with it, read without the lock
+  bool m_closed = false;                // guarded by m_lock
+  Semaphore m_freeSlots;                // places left; never taken while m_lock is held
+  Semaphore m_items;                    // items queued
+  std::atomic<int> m_waiting{0};        // producers that found no place
   std::atomic<unsigned> m_keptBack{0};  // places that are free and not posted
 };
