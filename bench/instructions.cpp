@@ -3,9 +3,14 @@
 //
 //   instructions request|reply|datagram|sample COUNT
 //
-// request   the native, the engine thread's send, the service's answer, the report to onData: one at a time
-// reply     a status, and a pushed message of 16 bytes, from the socket's bytes to the callback queue and out
-// of it datagram  1000 bytes sealed and checked sample    of a CPU-load trace
+// request: the native, the engine thread's send, the service's answer, the report to onData, one at a time.
+//
+// reply: a status, and a pushed message of 16 bytes, from the socket's bytes to the callback queue and out of
+// it.
+//
+// datagram: 1000 bytes sealed and checked.
+//
+// sample: of a CPU-load trace.
 #include <semaphore.h>
 
 #include <cstdio>
