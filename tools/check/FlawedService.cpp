@@ -140,9 +140,8 @@ std::string FlawedService::answerTo(Client& client, const uint8_t* header, uint3
   const uint64_t number = ++client.requests;
   if (is(Flaw::ANSWERS_NOTHING) || (is(Flaw::LOSES_ONE_OF_A_HUNDRED) && number % 100 == 0)) return "";
   const uint64_t timestamp = read64le(header + request_header::kTimestamp);
-  std::string answer =
-      replyPacket(read16le(header + request_header::kFuncid), status,
-                  is(Flaw::CUTS_TIME_STAMPS) ? static_cast<uint32_t>(timestamp) : timestamp);
+  std::string answer = replyPacket(read16le(header + request_header::kFuncid), status,
+                                   is(Flaw::CUTS_TIME_STAMPS) ? static_cast<uint32_t>(timestamp) : timestamp);
   if (is(Flaw::ANSWERS_TWICE)) return answer + answer;
   if (!is(Flaw::SWAPS_ANSWERS)) return answer;
   if (number % 9 != 0) return answer + std::exchange(client.held, "");
