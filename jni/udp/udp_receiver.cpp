@@ -139,6 +139,7 @@ bool UDP::dataRecv(const UdpPkg& packet, Receiver& receiver) {
   if (outcome == Outcome::COMPLETE) {
     receiver.completed = true;
     m_proven.pushBack(receiver);
+    m_requests.freePlaces();  // the owner may be busy with it for a while
     recvEvent(UDP_EVENT_DATA, receiver.peer, packet.sessionId, receiver.messages.message(packet),
               packet.totalLength);
     receiver.messages.erase(packet.sessionId);
