@@ -28,7 +28,7 @@ const char kNoAnswer[] = "files cannot be looked at in time: their disk does not
 
 size_t bytesOf(const Preloads::Order& order) {
   size_t bytes = 0;
-  for (const std::string& file : order.files) bytes += sizeof(file) + file.size();
+  for (const std::string& file : order.files) bytes += sizeof(std::string) + file.size();
   return bytes;
 }
 
