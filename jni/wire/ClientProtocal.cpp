@@ -35,9 +35,11 @@ void ClientProtocal::onCallback(int32_t /*event*/, int32_t funcid, int64_t /*wor
     callback->pushCallback(REPORT_STATUS, timestamp, status, funcid, 0, nullptr, 0);
     return;
   }
-  if (funcid == static_cast<int32_t>(FUNCID_REGISTER_ANR_CALLBACK) &&
-      static_cast<uint32_t>(len) > kMaxPushedBytes) {
-    LOG_ERROR("pushed message of %u bytes dropped, more than %u", len, kMaxPushedBytes);
+  // Without data a negative length is that of a message shorter than its header, which is only traced.
+  const auto bytes = static_cast<uint32_t>(len);
+  if (funcid == static_cast<int32_t>(FUNCID_REGISTER_ANR_CALLBACK) && data != nullptr &&
+      bytes > kMaxPushedBytes) {
+    LOG_ERROR("pushed message of %u bytes dropped, more than %u", bytes, kMaxPushedBytes);
     return;
   }
   if (funcid != static_cast<int32_t>(FUNCID_REGISTER_ANR_CALLBACK) || len <= 0 || data == nullptr) {

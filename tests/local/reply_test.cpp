@@ -123,6 +123,12 @@ TEST(ReplyFilter, QueuesStatusesAndPushesInOrderAndTracesTheRest) {
     EXPECT_EQ(traces.count("3 [protocol.cpp,onCallback:"), c.type == 0 ? 1 : 0);
     EXPECT_TRUE(c.type != 0 || traces.count(c.queued) == 1) << c.queued;
   }
+  {
+    const LogCapture traces;
+    filter.onCallback(0, 1010, 0, 0, 0, nullptr, -4);
+    EXPECT_EQ(traces.count("3 [protocol.cpp,onCallback:"), 1) << "over UDP, shorter than a header";
+    EXPECT_EQ(traces.count("6 ["), 0);
+  }
   for (const auto& c : cases) {
     if (c.type == 0) continue;
     const auto info = queue.take();
