@@ -68,8 +68,12 @@ void slowReader(Check& check) {
     return packets;
   }();
   slow.queue(burst);
-  for (const int64_t end = client::steadyMs() + check.settings().quietMs; client::steadyMs() < end;) {
+  size_t unsent = burst.size();
+  for (int64_t tookMs = client::steadyMs(); client::steadyMs() < tookMs + check.settings().quietMs;) {
     slow.queue("");  // writes on, and reads nothing
+    const size_t left = slow.local().unsent();
+    if (left < unsent) tookMs = client::steadyMs();
+    unsent = left;
     poll(nullptr, 0, 1);
   }
   check.sending("50000 requests of a client that does not read; then another client's 1001");

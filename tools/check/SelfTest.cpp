@@ -233,9 +233,6 @@ const std::deque<Trial>& allTrials() {
 
 Result runTrial(const Trial& trial) {
   Settings settings;
-  settings.quietMs = settings.pushWithinMs = 100;
-  // A right service has time, so that a busy machine does not matter.
-  settings.answerWithinMs = trial.flaw == Flaw::NONE ? 5000 : 300;
   settings.attempts = 1;
   Result result;
   result.number = trial.number;
@@ -243,10 +240,16 @@ Result runTrial(const Trial& trial) {
   result.sent = trial.sends;
   const int64_t start = client::steadyMs();
   const bool isUdp = isOverUdp(trial.flaw) || (trial.tried->flags & LOCAL) == 0;
-  const Verdict verdict = tryOn(trial, isUdp, settings, result.came);
-  result.verdict = verdict == trial.wanted    ? Verdict::PASS
-                   : verdict == Verdict::SKIP ? Verdict::SKIP
-                                              : Verdict::FAIL;
+  // Hurried at first; a busy machine may need more time to do wrong, or right, as it should.
+  for (const int64_t patience : {1, 10}) {
+    settings.quietMs = settings.pushWithinMs = 100 * patience;
+    settings.answerWithinMs = trial.flaw == Flaw::NONE ? 5000 : 300 * patience;
+    const Verdict verdict = tryOn(trial, isUdp, settings, result.came);
+    result.verdict = verdict == trial.wanted    ? Verdict::PASS
+                     : verdict == Verdict::SKIP ? Verdict::SKIP
+                                                : Verdict::FAIL;
+    if (result.verdict != Verdict::FAIL) break;
+  }
   result.tookMs = client::steadyMs() - start;
   return result;
 }
