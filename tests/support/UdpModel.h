@@ -36,7 +36,7 @@ class Choices {
 inline const char* patternAt(int64_t id, uint32_t offset) {
   static const Bytes bytes = [] {
     Bytes all;
-    for (uint32_t i = 0; i < 20000; ++i) all += static_cast<char>(i * 2654435761U >> 24);
+    for (uint32_t i = 0; i < 20000; ++i) all += static_cast<char>(i % 10000 * 2654435761U >> 24);
     return all;
   }();
   return &bytes[(static_cast<uint64_t>(id) * 31 + offset) % 10000];
