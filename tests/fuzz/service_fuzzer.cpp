@@ -65,16 +65,24 @@ class Client {
     m_ended = true;
   }
 
-  /// After the service has done all it can: everything owed is here, and a client that sent nonsense, or has
-  /// ended, is disconnected.
-  void check() {
+  /// Takes what is here. Whether there was something: with room again, the service may have more to send.
+  bool read() {
     uint8_t bytes[4096];
     ssize_t got = 0;
+    bool isMore = false;
     while ((got = recv(m_fd, bytes, sizeof(bytes), MSG_DONTWAIT)) > 0) {
       for (size_t used = 0; used < static_cast<size_t>(got);) take(bytes, static_cast<size_t>(got), &used);
+      isMore = true;
     }
+    m_isOpen = got < 0 && errno == EAGAIN;
+    return isMore;
+  }
+
+  /// After the service has done all it can: everything owed is here, and a client that sent nonsense, or has
+  /// ended, is disconnected.
+  void check() const {
     FUZZ_CHECK(m_expected.empty());
-    FUZZ_CHECK((got < 0 && errno == EAGAIN) == !(m_bad || m_ended));
+    FUZZ_CHECK(m_isOpen == !(m_bad || m_ended));
   }
 
  private:
@@ -98,7 +106,7 @@ class Client {
 
   const int m_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   std::string m_sent;  // and not yet taken as a request
-  bool m_bad = false, m_ended = false;
+  bool m_bad = false, m_ended = false, m_isOpen = true;
   std::deque<Expected> m_expected;
   ReplyReader m_reader;
 };
@@ -155,6 +163,11 @@ struct Service {
       if (server->round(0) || !dispatcher.preloads().isIdle()) idle = 0;
     }
   }
+  void settleAndCheck(Client& client) {
+    do settle();
+    while (client.read());
+    client.check();
+  }
 };
 
 int freeDescriptor() {
@@ -182,10 +195,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         waiting[i].clear();
       }
       if (what == 0) clients[i]->end();
-      if (what == 2) {
-        service.settle();
-        clients[i]->check();
-      }
+      if (what == 2) service.settleAndCheck(*clients[i]);
       if (what > 2) {
         waiting[i] += makeBytes(input);
         const size_t count = std::min(waiting[i].size(), input.ConsumeIntegralInRange<size_t>(1, 200));
@@ -194,9 +204,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       }
       if (input.ConsumeBool()) service.settle();
     }
-    service.settle();
     for (auto& client : clients) {
-      if (client) client->check();
+      if (client) service.settleAndCheck(*client);
     }
   }
   service.settle();
