@@ -18,6 +18,14 @@ if(TARNBOOSTER_SANITIZE)
   add_link_options(-fsanitize=${TARNBOOSTER_SANITIZE})
 endif()
 
+# tarn_options_sources(SOURCE...): sources that take a command line apart. Debian has CLI11 as headers alone, and under a
+# sanitizer the optimiser spends half a minute on each that includes them, for code that runs once.
+function(tarn_options_sources)
+  if(TARNBOOSTER_SANITIZE)
+    set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -O0)
+  endif()
+endfunction()
+
 # tarn_wrap_system(TARGET): the calls that tests/support/UdpWrap.cpp answers in the system's place.
 function(tarn_wrap_system target)
   foreach(call socket bind getsockname pipe2 close write select sendto recvfrom)
