@@ -67,16 +67,23 @@ std::pair<uint16_t, uint32_t> statusOf(const std::string& text, const char* opti
           static_cast<uint32_t>(numberOf(text.substr(equals + 1), INT32_MIN, INT32_MAX, option))};
 }
 
+uint32_t idOf(const std::string& text, const char* what, const char* option) {
+  int64_t number = 0;
+  if (shared::parseNumber(text, 0, UINT32_MAX - 1, number)) return static_cast<uint32_t>(number);
+  throw CLI::ValidationError(option,
+                             fmt::format("\"{}\" is no {} of this machine, and no number", text, what));
+}
+
 // Names are looked up before any other thread is there.
 // NOLINTBEGIN(concurrency-mt-unsafe)
 uid_t userOf(const std::string& text, const char* option) {
   const passwd* const found = getpwnam(text.c_str());
-  return found != nullptr ? found->pw_uid : static_cast<uid_t>(numberOf(text, 0, UINT32_MAX - 1, option));
+  return found != nullptr ? found->pw_uid : idOf(text, "user", option);
 }
 
 gid_t groupOf(const std::string& text, const char* option) {
   const group* const found = getgrnam(text.c_str());
-  return found != nullptr ? found->gr_gid : static_cast<gid_t>(numberOf(text, 0, UINT32_MAX - 1, option));
+  return found != nullptr ? found->gr_gid : idOf(text, "group", option);
 }
 // NOLINTEND(concurrency-mt-unsafe)
 
@@ -98,15 +105,15 @@ CLI::Option* repeated(CLI::App& app, const char* name, const char* type, const s
 void describeWhere(CLI::App& app, Options& options) {
   app.add_option_function<std::string>(
          "--name", [&options](const std::string& text) { options.server.name = shared::bareName(text); },
-         "Abstract socket name to listen on, at most 107 bytes, with or without an '@' in front (or a "
-         "socket\n"
-         "handed over by systemd)")
+         "Abstract socket name to listen on, at most 107 bytes, with or without an '@' in front\n"
+         "(or a socket handed over by systemd)")
       ->type_name("NAME");
   app.add_option_function<std::string>(
          "--udp",
          [&options](const std::string& text) {
            if (!shared::parseAddress(text, options.server.udp.emplace())) {
-             throw CLI::ValidationError("--udp", fmt::format("\"{}\" is no IPv4 address and port", text));
+             throw CLI::ValidationError(
+                 "--udp", fmt::format("\"{}\" is no IPv4 address and port, as in 127.0.0.1:4711", text));
            }
          },
          "Listen on this IPv4 address and port too; there nobody can be told from anybody else")
@@ -193,7 +200,8 @@ void describeOutput(CLI::App& app, Options& options) {
          "takes them (default: journal when it listens, else time)")
       ->type_name("plain|time|journal");
   auto* const quiet = app.add_flag_callback(
-      "-q,--quiet", [&options] { options.most = Priority::NOTICE; }, "Say only what goes wrong");
+      "-q,--quiet", [&options] { options.most = Priority::NOTICE; },
+      "Say only where it listens, and what goes wrong");
   app.add_flag_callback(
          "-v,--verbose", [&options] { options.most = Priority::DEBUG; },
          "Say also who connects and disconnects, and what the transport logs")
@@ -204,7 +212,7 @@ void describeOutput(CLI::App& app, Options& options) {
 
 void describeOptions(CLI::App& app, Options& options) {
   app.footer(kExamples);
-  app.set_version_flag("--version", "tarnbooster-service " TARNBOOSTER_VERSION, "Print the version and end");
+  app.set_version_flag("--version", "tarnbooster-service " TARNBOOSTER_VERSION, "Print the version and exit");
   describeWhere(app, options);
   describeAnswers(app, options);
   describeOutput(app, options);
@@ -215,6 +223,8 @@ std::string optionsProblem(const Options& options) {
   if (server.name.empty() && !server.udp) {
     return "nowhere to listen: give --name NAME, or --udp ADDRESS:PORT, or both";
   }
+  const std::string problem = server.name.empty() ? "" : shared::nameProblem(server.name);
+  if (!problem.empty()) return problem;
   if (server.udp && !server.access.isOpen()) {
     return "--allow-uid and --allow-gid do not go with --udp: there nobody can be told from anybody else";
   }

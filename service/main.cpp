@@ -16,6 +16,7 @@
 #include "service/server/Systemd.h"
 #include "shared/LibraryLog.h"
 #include "shared/Manual.h"
+#include "shared/Usage.h"
 
 namespace {
 
@@ -106,8 +107,12 @@ int program(int argc, char** argv) {
   shared::addManual(app, 8, "tarnbooster(1)");
   try {
     app.parse(argc, argv);
+  } catch (const CLI::Success& asked) {
+    return app.exit(asked);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : 2;
+    fprintf(stderr, "tarnbooster-service: %s (--help tells more)\n",
+            shared::usageProblem(app, error).c_str());
+    return 2;
   }
   std::string problem;
   shared::UniqueFd listener = service::socketFromSystemd(options.server.name, problem);

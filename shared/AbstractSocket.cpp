@@ -32,13 +32,16 @@ std::string bareName(const std::string& text) {
   return text.substr(!text.empty() && text[0] == '@' ? 1 : 0);
 }
 
+std::string nameProblem(const std::string& name) {
+  if (name.empty()) return "the name is empty: choose one, as in --name tarnbooster";
+  if (name.size() <= kMaxNameBytes) return "";
+  return "the name has " + std::to_string(name.size()) + " bytes, at most " + std::to_string(kMaxNameBytes) +
+         " fit: choose a shorter one";
+}
+
 UniqueFd listenOn(const std::string& name, std::string& problem) {
-  if (name.empty() || name.size() > kMaxNameBytes) {
-    problem = name.empty() ? "the name is empty: choose one, as in --name tarnbooster"
-                           : "the name has " + std::to_string(name.size()) + " bytes, at most " +
-                                 std::to_string(kMaxNameBytes) + " fit: choose a shorter one";
-    return UniqueFd();
-  }
+  problem = nameProblem(name);
+  if (!problem.empty()) return UniqueFd();
   const AbstractAddress address(name);
   UniqueFd socket(openSocket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
   if (!socket || bind(socket.get(), address.get(), address.length) != 0 ||

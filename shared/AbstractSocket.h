@@ -14,6 +14,9 @@ constexpr size_t kMaxNameBytes = 107;
 /// A name as people write it, without the '@' that may stand in front.
 std::string bareName(const std::string& text);
 
+/// What is wrong with a name to listen on, and what to do about it; empty when nothing is.
+std::string nameProblem(const std::string& name);
+
 /// A non-blocking stream socket that listens on the abstract name, or none, with `problem` saying what is
 /// wrong and what to do about it.
 UniqueFd listenOn(const std::string& name, std::string& problem);

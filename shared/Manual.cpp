@@ -94,7 +94,10 @@ void appendOptions(const CLI::App& app, std::string& page) {
       names += (names.empty() ? "\\fB" : ", \\fB") + escaped(name) + "\\fR";
     }
     if (takesValue(*option)) names += " \\fI" + escaped(option->get_type_name()) + "\\fR";
-    page += ".TP\n" + names + "\n" + described(option->get_description());
+    std::string description = option->get_description();
+    if (option->get_required()) description += " (required)";
+    if (!option->get_default_str().empty()) description += " (default: " + option->get_default_str() + ")";
+    page += ".TP\n" + names + "\n" + described(description);
   }
 }
 

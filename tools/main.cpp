@@ -8,6 +8,7 @@
 #include "base/log.h"
 #include "shared/LibraryLog.h"
 #include "shared/Manual.h"
+#include "shared/Usage.h"
 #include "tools/check/CheckCommand.h"
 #include "tools/cli/Holds.h"
 #include "tools/cli/Program.h"
@@ -42,18 +43,20 @@ std::string findTarget(const std::string* socket, const std::string& udp, client
 int program(int argc, char** argv) {
   CLI::App app(kAbout, "tarnbooster");
   app.fallthrough();
-  app.set_version_flag("--version", "tarnbooster " TARNBOOSTER_VERSION);
+  app.set_version_flag("--version", "tarnbooster " TARNBOOSTER_VERSION, "Print the version and exit");
   cli::Program program;
   cli::Arguments arguments;
   std::string socket, udp;
-  auto* const where = app.add_option_group("where", "The service (one of them)");
-  where
-      ->add_option("--socket", socket,
-                   "Its abstract socket name, with or without an '@' in front\n"
-                   "(default: $TARNBOOSTER_SOCKET, or \"tarnbooster\")")
-      ->type_name("NAME");
-  where->add_option("--udp", udp, "Its IPv4 address and port")->type_name("ADDRESS:PORT");
-  where->require_option(0, 1);
+  constexpr char kWhere[] = "The service (one of them)";
+  auto* const named = app.add_option("--socket", socket,
+                                     "Its abstract socket name, with or without an '@' in front\n"
+                                     "(default: $TARNBOOSTER_SOCKET, or \"tarnbooster\")")
+                          ->type_name("NAME")
+                          ->group(kWhere);
+  app.add_option("--udp", udp, "Its IPv4 address and port")
+      ->type_name("ADDRESS:PORT")
+      ->group(kWhere)
+      ->excludes(named);
   bool verbose = false;
   app.add_flag("-v,--verbose", verbose, "Show the log of the UDP transport, too");
   cli::addRequests(app, program, arguments);
@@ -64,7 +67,8 @@ int program(int argc, char** argv) {
   shared::addManual(app, 1, "tarnbooster-service(8)");
   try {
     app.parse(argc, argv);
-    if (program.run == nullptr) throw CLI::ValidationError("no subcommand is given");
+    if (program.run == nullptr)
+      throw CLI::ValidationError("no subcommand is given: as a first try, tarnbooster check-permission");
     const bool isNamed = app.count("--socket") > 0;
     const std::string problem = app.count("--udp") > 0 && udp.empty()
                                     ? "--udp is empty"
@@ -74,7 +78,7 @@ int program(int argc, char** argv) {
     app.exit(asked);
     return fflush(stdout) == 0 && ferror(stdout) == 0 ? cli::EXIT_ANSWERED : cli::EXIT_OUTPUT;
   } catch (const CLI::ParseError& error) {
-    return cli::fail(cli::EXIT_USAGE, std::string(error.what()) + " (--help tells more)");
+    return cli::fail(cli::EXIT_USAGE, shared::usageProblem(app, error) + " (--help tells more)");
   }
   if (verbose) {
     setDebugLogging(true);

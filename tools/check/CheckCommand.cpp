@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "shared/Text.h"
+#include "shared/Usage.h"
 #include "tools/check/Check.h"
 #include "tools/check/Reports.h"
 #include "tools/check/SelfTest.h"
@@ -61,6 +62,21 @@ bool matches(const std::vector<std::string>& patterns, int number, const char* n
   return std::any_of(patterns.begin(), patterns.end(), [&](const std::string& pattern) {
     return pattern == std::to_string(number) || fnmatch(pattern.c_str(), name, 0) == 0;
   });
+}
+
+/// Throws for a pattern that is no case's: nobody may believe that it was tried.
+void refuseUnknown(const std::vector<std::string>& patterns) {
+  std::vector<std::string> names;
+  for (const Case& known : allCases()) names.emplace_back(known.name);
+  for (const std::string& pattern : patterns) {
+    bool found = false;
+    for (size_t i = 0; i < names.size() && !found; ++i) {
+      found = matches({pattern}, static_cast<int>(i) + 1, names[i].c_str());
+    }
+    if (found) continue;
+    throw CLI::ValidationError(fmt::format("there is no case \"{}\"{}", shared::printable(pattern),
+                                           shared::suggestion(pattern, names)));
+  }
 }
 
 /// The numbers of the cases that are meant; those of the other transport are left out unless they are listed.
@@ -206,6 +222,8 @@ void addCheckCommand(CLI::App& app, cli::Program& program) {
       ->capture_default_str()
       ->check(cli::decimal(1, 60000));
   sub->callback([&app, options, &program] {
+    refuseUnknown(options->chosen);
+    refuseUnknown(options->skipped);
     if (options->selfTest && app.count("--socket") + app.count("--udp") > 0)
       throw CLI::ValidationError("--self-test tries services of its own: leave --socket and --udp out");
     if (app.count("--udp") > 0) options->settings.answerWithinMs = kUdpAnswerMs;

@@ -154,6 +154,9 @@ ExitCode look(const std::string& path, bool json, std::string& shown, std::strin
     shown = tableOf(state);
     if (json) shown = state.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
     return EXIT_ANSWERED;
+  } catch (const Json::parse_error&) {
+    shown = shared::printable(path) + " is no state of a service: it is no JSON";
+    return EXIT_BROKEN;
   } catch (const std::exception& error) {
     shown = fmt::format("{} is no state of a service: {}", shared::printable(path), error.what());
     return EXIT_BROKEN;

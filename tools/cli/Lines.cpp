@@ -9,6 +9,7 @@
 
 #include "base/descriptor.h"
 #include "shared/Text.h"
+#include "shared/Usage.h"
 
 namespace cli {
 namespace {
@@ -61,15 +62,15 @@ int runLine(const std::string& line, int number, HowTo how, Session& session) {
   Arguments arguments;
   arguments.inputIsTaken = true;
   addHowTo(app, how);
-  app.add_option_function<std::string>("request",
-                                       [&](const std::string& text) { refuseSubcommand(app, text); });
+  app.add_option_function<std::string>("request", [&](const std::string& text) { refuseWord(app, text); });
+  app.require_subcommand(0, 1);
   for (const Request& request : requests()) addRequest(app, request, arguments);
   try {
     app.parse(line, false);
   } catch (const CLI::Success&) {
     return writeOut(app.help()) ? EXIT_ANSWERED : EXIT_OUTPUT;
   } catch (const CLI::ParseError& error) {
-    return fail(EXIT_USAGE, fmt::format("line {}: {}", number, error.what()));
+    return fail(EXIT_USAGE, fmt::format("line {}: {}", number, shared::usageProblem(app, error)));
   }
   for (const Request& request : requests()) {
     if (app.got_subcommand(request.name)) {

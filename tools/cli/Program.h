@@ -30,8 +30,9 @@ constexpr char kDefaultName[] = "tarnbooster";
 /// Says what is wrong on standard error, and returns the code.
 int fail(ExitCode code, const std::string& problem);
 
-/// Throws what CLI11 reports for a word that is no subcommand, with the one that may be meant.
-[[noreturn]] void refuseSubcommand(const CLI::App& app, const std::string& text);
+/// Throws what CLI11 reports for a word that is no subcommand, with the one that may be meant, or for a word
+/// too many.
+[[noreturn]] void refuseWord(const CLI::App& app, const std::string& text);
 
 /// Adds the options that say how a request is made.
 void addHowTo(CLI::App& app, HowTo& how);

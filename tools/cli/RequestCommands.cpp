@@ -3,8 +3,10 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 
 #include "shared/Text.h"
+#include "shared/Usage.h"
 #include "tools/cli/Lines.h"
 #include "tools/cli/Program.h"
 #include "tools/cli/Values.h"
@@ -27,14 +29,21 @@ int withSession(const Program& program, const std::function<int(Session&)>& work
 
 }  // namespace
 
-void refuseSubcommand(const CLI::App& app, const std::string& text) {
+void refuseWord(const CLI::App& app, const std::string& text) {
   std::vector<std::string> names;
-  for (const CLI::App* const sub : app.get_subcommands([](const CLI::App*) { return true; })) {
-    names.push_back(sub->get_name());
+  for (const CLI::App* const sub : app.get_subcommands({})) names.push_back(sub->get_name());
+  const auto given = app.get_subcommands();
+  const std::string word = shared::printable(text);
+  if (given.empty()) {
+    throw CLI::ValidationError(
+        fmt::format("there is no subcommand \"{}\"{}", word, shared::suggestion(text, names)));
   }
-  const std::string meant = nearest(text, names);
-  throw CLI::ValidationError(fmt::format("there is no subcommand \"{}\"{}", shared::printable(text),
-                                         meant.empty() ? "" : "; did you mean " + meant + "?"));
+  const std::string& first = given.front()->get_name();
+  const bool second = std::find(names.begin(), names.end(), text) != names.end();
+  throw CLI::ValidationError(
+      second || text == "-"
+          ? fmt::format("{} and {}: one at a time (alone, - reads requests line by line)", first, word)
+          : fmt::format("\"{}\" does not belong to {}", word, first));
 }
 
 void addHowTo(CLI::App& app, HowTo& how) {
@@ -94,13 +103,14 @@ void addRequests(CLI::App& app, Program& program, Arguments& arguments) {
   app.add_option_function<std::string>(
          "lines",
          [&](const std::string& text) {
-           if (text != "-") refuseSubcommand(app, text);
+           if (text != "-" || !app.get_subcommands().empty()) refuseWord(app, text);
            program.run = [&] {
              return withSession(program, [&](Session& session) { return runLines(program, session); });
            };
          },
          "- reads requests line by line from standard input and makes them over one connection")
       ->type_name("");
+  app.require_subcommand(0, 1);
 }
 
 }  // namespace cli

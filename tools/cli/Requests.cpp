@@ -1,6 +1,7 @@
 #include "tools/cli/Requests.h"
 
 #include <CLI/CLI.hpp>
+#include <memory>
 
 #include "tools/cli/Values.h"
 #include "wire/Funcid.h"
@@ -151,6 +152,16 @@ std::string cancelUnifyMessage(const Arguments& a) {
   return withThreads(std::move(message), a);
 }
 
+/// The --help of a request: its own options are not all that it takes.
+class RequestFormatter : public CLI::Formatter {
+ public:
+  std::string make_footer(const CLI::App* /*app*/) const override {
+    return "\nWith it go the options of all requests, in front of it or behind it: --socket NAME or --udp\n"
+           "ADDRESS:PORT (which service), --wait MS (stay, and keep what was given), --repeat N, --json and\n"
+           "others. tarnbooster --help tells of these.\n";
+  }
+};
+
 }  // namespace
 
 const std::vector<Request>& requests() {
@@ -222,6 +233,7 @@ const char* requestName(uint16_t funcid) {
 
 CLI::App& addRequest(CLI::App& app, const Request& request, Arguments& arguments) {
   CLI::App& added = *app.add_subcommand(request.name, request.about)->fallthrough()->group("Requests");
+  added.formatter(std::make_shared<RequestFormatter>());
   for (const auto addOption : request.options) addOption(added, arguments);
   return added;
 }

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <fstream>
 #include <iostream>
-#include <numeric>
 #include <sstream>
 
 #include "shared/Text.h"
@@ -16,25 +15,6 @@ namespace {
 
 /// No request, and no state of a service, comes near.
 constexpr size_t kMaxLinesBytes = size_t{64} << 20;
-
-/// Insertions, deletions, replacements and swaps of neighbours that lead from one to the other.
-size_t distance(const std::string& a, const std::string& b) {
-  std::vector<std::vector<size_t>> cost(a.size() + 1, std::vector<size_t>(b.size() + 1));
-  for (size_t i = 0; i <= a.size(); ++i) {
-    for (size_t j = 0; j <= b.size(); ++j) {
-      if (i == 0 || j == 0) {
-        cost[i][j] = i + j;
-        continue;
-      }
-      cost[i][j] = std::min({cost[i - 1][j] + 1, cost[i][j - 1] + 1,
-                             cost[i - 1][j - 1] + static_cast<size_t>(a[i - 1] != b[j - 1])});
-      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
-        cost[i][j] = std::min(cost[i][j], cost[i - 2][j - 2] + 1);
-      }
-    }
-  }
-  return cost[a.size()][b.size()];
-}
 
 }  // namespace
 
@@ -85,13 +65,6 @@ std::string readLines(const std::string& path, std::vector<std::string>& lines) 
   }
   return fmt::format("cannot read {}: {}", path == "-" ? "standard input" : shared::printable(path),
                      shared::errorText(errno));
-}
-
-std::string nearest(const std::string& text, const std::vector<std::string>& names) {
-  const auto found = std::min_element(names.begin(), names.end(), [&](const auto& a, const auto& b) {
-    return distance(text, a) < distance(text, b);
-  });
-  return found != names.end() && distance(text, *found) <= 1 + text.size() / 4 ? *found : "";
 }
 
 }  // namespace cli

@@ -24,7 +24,4 @@ std::string parseTids(const std::string& list, std::vector<int32_t>& tids);
 /// Adds the lines of a file, or of standard input for "-". Empty text, or why it could not be read.
 std::string readLines(const std::string& path, std::vector<std::string>& lines);
 
-/// The one of `names` that `text` is most likely meant to be; empty when none is near.
-std::string nearest(const std::string& text, const std::vector<std::string>& names);
-
 }  // namespace cli

@@ -95,7 +95,8 @@ int recordUdp(const client::Target& target, const RecordOptions& options) {
   sockaddr_in as{};
   std::string problem;
   if (!shared::parseAddress(options.asUdp, as)) {
-    return cli::fail(cli::EXIT_USAGE, "--as-udp: \"" + options.asUdp + "\" is no IPv4 address and port");
+    return cli::fail(cli::EXIT_USAGE,
+                     "--as-udp: \"" + options.asUdp + "\" is no IPv4 address and port, as in 127.0.0.1:4712");
   }
   if (!relay.start(as, problem)) return cli::fail(cli::EXIT_USAGE, problem);
   const std::string where = "udp " + addressText(relay.address()) + " -> " + target.text();
@@ -114,16 +115,21 @@ void addRecord(CLI::App& app, cli::Program& program, RecordOptions& options) {
   CLI::App* const sub = app.add_subcommand("record", kAbout)->group("Recording");
   sub->fallthrough();
   sub->footer(kFooter);
-  auto* const as = sub->add_option_group("as", "Where applications turn to instead (one of them)");
-  as->add_option("--as", options.as, "An abstract name, with --socket")->type_name("NAME");
-  as->add_option("--as-udp", options.asUdp, "An IPv4 address and port, with --udp")
-      ->type_name("ADDRESS:PORT");
-  as->require_option(1);
+  constexpr char kAs[] = "Where applications turn to instead (one of them)";
+  auto* const as =
+      sub->add_option("--as", options.as, "An abstract name, with --socket")->type_name("NAME")->group(kAs);
+  sub->add_option("--as-udp", options.asUdp, "An IPv4 address and port, with --udp")
+      ->type_name("ADDRESS:PORT")
+      ->group(kAs)
+      ->excludes(as);
   sub->add_option("--write", options.file, "The recording; an older file is replaced (-: standard output)")
       ->type_name("FILE.pcapng")
       ->required();
   sub->add_flag("-q,--quiet", options.quiet, "Say nothing but what is wrong");
   sub->callback([&] {
+    if (options.as.empty() && options.asUdp.empty()) {
+      throw CLI::ValidationError("--as (or, with --udp, --as-udp) says where applications turn to instead");
+    }
     if (!options.as.empty() && options.as[0] == '@') options.as.erase(0, 1);
     program.run = [&] {
       if (program.target.isUdp() != options.as.empty()) {
