@@ -13,4 +13,6 @@ rm -rf "$output" && mkdir -p "$output"
   printf '}\n'
 } >"$output/Shown.java"
 [ "$(grep -c 'void shown' "$output/Shown.java")" -ge 3 ] || { echo "$document shows less Java than it did"; exit 1; }
-"$javac" --release 8 -Xlint:all,-options,-try -Werror -cp "$jar" -d "$output" "$output/Shown.java"
+sed -n '/^cat >Try.java/,/^END/{/^cat\|^END/d;p}' "$document" >"$output/Try.java"
+grep -q main "$output/Try.java" || { echo "$document shows no program to try"; exit 1; }
+"$javac" --release 8 -Xlint:all,-options,-try -Werror -cp "$jar" -d "$output" "$output/Shown.java" "$output/Try.java"
