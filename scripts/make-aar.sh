@@ -33,7 +33,7 @@ while [ $# -gt 0 ]; do
     --jar) jar=${2:?--jar needs a file}; shift 2 ;;
     --output) output=${2:?--output needs a folder}; shift 2 ;;
     --for-tests) forTests=yes; shift ;;
-    *) usage >&2; exit 2 ;;
+    *) die "unknown argument: $1; see --help" ;;
   esac
 done
 [ ${#libraries[@]} -gt 0 ] && [ -n "$jar" ] || { usage >&2; exit 2; }

@@ -20,9 +20,13 @@ build=$BUILD/deb check=no
 while [ $# -gt 0 ]; do
   case $1 in
     --help | -h) usage; exit 0 ;;
-    --build) build=${2:?--build needs a folder}; shift 2 ;;
+    --build)
+      [ -f "${2:-}/CMakeCache.txt" ] || die "--build takes a configured build, and ${2:-nothing} is none"
+      build=$2
+      shift 2
+      ;;
     --check) check=yes; shift ;;
-    *) usage >&2; exit 2 ;;
+    *) die "unknown argument: $1; see --help" ;;
   esac
 done
 

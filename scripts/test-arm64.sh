@@ -22,7 +22,7 @@ for argument in "$@"; do
     --asan) asan=yes ;;
     --no-demo) demo=no ;;
     --help) usage; exit 0 ;;
-    *) usage >&2; exit 2 ;;
+    *) die "unknown argument: $1; see --help" ;;
   esac
 done
 
