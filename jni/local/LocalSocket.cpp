@@ -162,8 +162,9 @@ int LocalSocket::loop(bool isServer) {
 /// The round's wait for whatever is to be done next: input, a place in the socket for the pack that is now at
 /// the front, or, when none is queued, a wake-up. select()'s result; what is readable is in m_readable.
 ///
-/// Who waits for a place in the queue is woken here, before the loop sleeps, and not for each pack of a
-/// burst: that costs two context switches a request (docs/performance.md).
+/// Who waits for a place in the queue is woken before the loop sleeps, and not for each pack of a burst: that
+/// costs two context switches a request (docs/performance.md). Behind a front pack it is the next round that
+/// does it, when it finds the socket full: with places kept back this one only looks.
 int LocalSocket::waitForInput() {
   m_readable = m_master;
   const SendPack* front = m_queue.front();
@@ -174,7 +175,7 @@ int LocalSocket::waitForInput() {
   }
   timeval limit = {kSelectSeconds, 0};
   if (front == nullptr) return SelectSet::select(m_maxFd, &m_readable, nullptr, &limit);
-  if (!isOpen(*front)) limit.tv_sec = 0;  // to be dropped by the next round
+  if (!isOpen(*front) || m_queue.keptBack() != 0) limit.tv_sec = 0;  // the next round drops it, or frees them
   m_writable.clear();
   if (isOpen(*front)) m_writable.add(front->fd);
   return SelectSet::select(m_maxFd, &m_readable, &m_writable, &limit);
