@@ -329,7 +329,7 @@ class UDP {
   int m_fd = 0;        // the socket; 0 = none
   int m_interval = 0;  // milliseconds between two sends of a packet
   SelectSet m_readable;
-  bool m_moreDatagrams = false;  // one was just received, so that the next may well be there
+  unsigned m_untilSelect = 0;  // datagrams to try for before select is asked: one has come, so may the next
   PacketPool m_packets;
   std::unordered_map<uint64_t, Sender, PeerHash> m_senders;      // by peerKey()
   std::unordered_map<uint64_t, Receiver, PeerHash> m_receivers;  // by peerKey()

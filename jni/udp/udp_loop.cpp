@@ -15,6 +15,10 @@
 #define LOG_FILE_NAME "udp.cpp"
 #include "base/log.h"
 
+namespace {
+constexpr unsigned kTriedUnasked = 64;  // datagrams that are read without asking select for each
+}
+
 int UDP::loop() {
   m_loopThread.store(gettid());
   int result = 0;
@@ -43,11 +47,13 @@ int UDP::startLoop() {
             m_timers.size(), static_cast<int>(m_senders.size()), static_cast<int>(m_requests.size()), taken,
             static_cast<int>(m_timing.now() - now));
   if (!m_timers.empty() && timeout < 1) return handleFrontTimer(now);
-  if (m_moreDatagrams && !g_debug.load(std::memory_order_relaxed)) {
-    // What select would say is known more cheaply by trying; it is asked once nothing is there. The traces
+  if (m_untilSelect != 0 && !g_debug.load(std::memory_order_relaxed)) {
+    // What select would say is known more cheaply by trying; it is asked once nothing is there, and now and
+    // then: callers that wait for a place are woken before it, and datagrams may come without end. The traces
     // show every round in full.
-    m_moreDatagrams = receiveOne(false);
-    if (m_moreDatagrams) return 0;
+    --m_untilSelect;
+    if (receiveOne(false)) return 0;
+    m_untilSelect = 0;
   }
   // What was taken may have been empty and so have started nothing that would wake us for the next message.
   bool again = taken != 0 && m_requests.front() != nullptr;
@@ -93,8 +99,9 @@ int UDP::eventloop(int64_t timeout, int64_t roundStart, int64_t wait) {
     LOG_DEBUG("eventloop: select errno:%d", error);
     return 0;
   }
-  m_moreDatagrams = m_readable.contains(m_fd);
-  if (m_moreDatagrams) {
+  m_untilSelect = 0;
+  if (m_readable.contains(m_fd)) {
+    m_untilSelect = kTriedUnasked;
     const int result = processReceive();
     LOG_DEBUG("eventloop: processReceive ret:%d  run:%d", result, sinceRoundStart());
     if (result < 0) return -1;

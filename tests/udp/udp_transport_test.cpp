@@ -13,6 +13,14 @@ struct UdpTransport : testing::Test {
   PlainPeer peer;
 };
 
+/// Whether a thread of this process sleeps.
+bool sleeps(pid_t tid) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+  std::string word;
+  while (stat >> word && word.back() != ')') continue;
+  return stat >> word && word == "S";
+}
+
 TEST_F(UdpTransport, DatagramsAreTheseBytesInBothDirections) {
   // version, type, dl, checksum, tl, of, sequence, session id, payload
   const Bytes syn = hex("01 04 0000 4bc1e4e8 00000000 00000000 a0860100 0000000000000000");
@@ -72,14 +80,8 @@ TEST_F(UdpTransport, AnyThreadMayStopItAndNoCallerIsLeftInside) {
         return true;
       }));
     }
-    const auto waits = [](pid_t tid) {
-      std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-      std::string word;
-      while (stat >> word && word.back() != ')') continue;
-      return stat >> word && word == "S";
-    };
     // One message is on its way, ten wait, and then all callers do.
-    ASSERT_TRUE(eventually([&] { return sent >= 11 && std::all_of(tids.begin(), tids.end(), waits); }));
+    ASSERT_TRUE(eventually([&] { return sent >= 11 && std::all_of(tids.begin(), tids.end(), sleeps); }));
     if (run % 2 == 0) {
       peer.send(endpoint->localAddress(), datagram(4, 1));
       peer.send(endpoint->localAddress(), datagram(1, 2, 0, 1, "x"));
@@ -95,6 +97,37 @@ TEST_F(UdpTransport, AnyThreadMayStopItAndNoCallerIsLeftInside) {
       ASSERT_EQ(caller.wait_for(std::chrono::seconds(20)), std::future_status::ready);
   }
   EXPECT_EQ(log.count("6 ["), 0) << "being stopped is no failure";
+}
+
+/// A transport whose rounds the test makes.
+struct ByHand : UDP {
+  using UDP::startLoop;
+  ByHand() : UDP(UdpTiming{nowMs, 100000}) { EXPECT_EQ(createSocket(loopback(), "127.0.0.1", 0), 0); }
+  ~ByHand() override { stop(); }
+  int recvEvent(int, const sockaddr_in&, int64_t, const uint8_t*, uint32_t) override { return 0; }
+};
+
+TEST_F(UdpTransport, WhoWaitsForAPlaceGetsItWhileDatagramsComeWithoutEnd) {
+  ByHand transport;
+  const Bytes bytes(6000, 'm');  // six packets, of which five may be on their way
+  const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
+  const auto round = [&] {
+    peer.send(transport.localAddress(), datagram(2, 1));  // acknowledges nothing
+    EXPECT_EQ(transport.startLoop(), 0);
+  };
+  EXPECT_TRUE(transport.trySend(peer.address, data, 6000));
+  round();
+  while (transport.trySend(peer.address, data, 6000)) continue;
+  std::atomic<pid_t> tid{0};
+  auto caller = std::async(std::launch::async,
+                           [&] { return tid = gettid(), transport.send(peer.address, data, 6000); });
+  EXPECT_TRUE(eventually([&] { return tid != 0 && sleeps(tid); }));
+  for (const uint32_t sequence : {100000, 100001}) peer.send(transport.localAddress(), datagram(2, sequence));
+  const auto sent = [&] {
+    return round(), caller.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+  };
+  EXPECT_TRUE(eventually(sent)) << "the second message was taken long ago";
+  transport.stop();
 }
 
 }  // namespace
