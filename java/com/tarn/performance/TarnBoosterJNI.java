@@ -46,9 +46,10 @@ package com.tarn.performance;
  *
  * Every method may be called on any thread, several at once. <b>A request waits</b> while five packets are
  * queued on the connection, until one of them is written or the connection ends. A service that accepts
- * connections and does not read makes it wait for as long as that service likes. A request that finds no
- * connection waits while 65535 reports, or 64 MiB of them, are pending. {@link #stopTraceCpuLoad} waits up to
- * one sampling period. Nothing else blocks.
+ * connections and does not read makes it wait for as long as that service likes, and so does a listener that
+ * does not return while 65535 reports, or 64 MiB of them, are pending: the connection's thread then waits for
+ * room among them. A request that finds no connection waits while 65535 are pending.
+ * {@link #stopTraceCpuLoad} waits up to one sampling period. Nothing else blocks.
  *
  * <p>The listener is called on one thread of the library's own, which {@link #initTarnBooster} starts and
  * which lives as long as the process. It is attached to the virtual machine, so it keeps a desktop virtual
@@ -59,9 +60,11 @@ package com.tarn.performance;
  * listener that answers that report with a request therefore never comes to rest: it loops as fast as the
  * processor allows, until a connection stands again. One that makes two requests per report also makes the
  * queue grow, to 65535 pending reports; then the callback thread waits for a place that only it could free:
- * no report is delivered again, and every other request that finds no connection waits for good as well. Hand
- * the report to another thread, and after
- * {@link #STATUS_NO_ENGINE} let the retry interval pass before the next request.
+ * no report is delivered again, and every other request that finds no connection waits for good as well. Nor
+ * does a connection help: while that many reports, or 64 MiB of them, are pending, its thread waits for room
+ * among them and writes nothing, so that a request which finds five packets queued waits for it, and it for
+ * {@code onData}. Hand the report to another thread, and after {@link #STATUS_NO_ENGINE} let the retry
+ * interval pass before the next request.
  */
 public final class TarnBoosterJNI {
     /** Report type: a request's non-zero status, or {@link #STATUS_NO_ENGINE}. */
