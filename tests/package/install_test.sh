@@ -50,6 +50,9 @@ COMP_WORDS=(tarnbooster --socket x check-) COMP_CWORD=3
 _tarnbooster
 [ "${COMPREPLY[*]}" = check-permission ] || failed "check- is completed to ${COMPREPLY[*]}"
 
+# What shows a recording is there.
+[ -s "$prefix/share/tarnbooster/tarnbooster.lua" ] || failed "no dissector"
+
 # The units are sound, and say where this prefix has the program.
 for unit in service socket; do
   sed "s,^\(ExecStart=\)[^ ]*/bin/,\1$prefix/bin/," "$prefix/lib/systemd/system/tarnbooster.$unit" >"tarnbooster.$unit"

@@ -18,7 +18,7 @@ namespace {
 
 const char kAbout[] =
     "Passes everything between applications and a service on, and writes it down as pcapng:\n"
-    "wireshark/tarnbooster.lua shows it, `tarnbooster replay` sends it again";
+    "Wireshark shows it with tarnbooster.lua, `tarnbooster replay` sends it again";
 
 const char kFooter[] =
     "\nApplications use what --as names in place of the service's. Ends with SIGINT, SIGTERM or SIGHUP;\n"
@@ -28,7 +28,9 @@ const char kFooter[] =
     "  tarnbooster --socket tarnbooster record --as recorded --write session.pcapng\n"
     "  tarnbooster --udp 127.0.0.1:4711 record --as-udp 127.0.0.1:4712 --write session.pcapng\n"
     "  tarnbooster record --as recorded --write - |\n"
-    "    wireshark -k -i - -X lua_script:wireshark/tarnbooster.lua\n"
+    "    wireshark -k -i - -X lua_script:/usr/share/tarnbooster/tarnbooster.lua\n"
+    "tarnbooster.lua lies in the folder share/tarnbooster of the installation, or in wireshark of the "
+    "sources.\n"
     "\nExit codes:\n"
     "  0  ended by a signal, and everything is in the file\n"
     "  2  the options are wrong, or what --as names is in use\n"
