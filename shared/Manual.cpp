@@ -206,8 +206,9 @@ std::string completionOf(const CLI::App& app) {
          "  esac\n"
          "  mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"$word\")\n"
          "}\n"
-         "complete -F _" +
-         function + " " + app.get_name() + "\n";
+         "complete -o default -F _" +  // file names where no word fits
+         function +
+         " " + app.get_name() + "\n";
 }
 
 }  // namespace

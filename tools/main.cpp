@@ -18,7 +18,8 @@ namespace {
 
 const char kAbout[] =
     "Makes requests to a performance service, as an application does through libtarnbooster, prints what\n"
-    "comes back, and examines services. Name the service by --socket or --udp.\n";
+    "comes back, and examines services. Name the service by --socket or --udp. With - in place of a\n"
+    "subcommand it reads requests line by line from standard input and makes them over one connection.\n";
 
 const char kExamples[] =
     "\nExamples:\n"
@@ -64,6 +65,7 @@ int program(int argc, char** argv) {
   cli::addHolds(app, program);
   record::addCommands(app, program);
   app.footer(std::string(kExamples) + cli::kExitCodes);  // now, so that the subcommands do not inherit it
+  cli::setUsage(app, "tarnbooster [OPTIONS] SUBCOMMAND [OPTIONS]\n       tarnbooster [OPTIONS] -");
   shared::addManual(app, 1, "tarnbooster-service(8)");
   try {
     app.parse(argc, argv);

@@ -62,9 +62,11 @@ int runLine(const std::string& line, int number, HowTo how, Session& session) {
   Arguments arguments;
   arguments.inputIsTaken = true;
   addHowTo(app, how);
-  app.add_option_function<std::string>("request", [&](const std::string& text) { refuseWord(app, text); });
+  app.add_option_function<std::string>("request", [&](const std::string& text) { refuseWord(app, text); })
+      ->group("");
   app.require_subcommand(0, 1);
   for (const Request& request : requests()) addRequest(app, request, arguments);
+  setUsage(app, "[OPTIONS] REQUEST [OPTIONS]");
   try {
     app.parse(line, false);
   } catch (const CLI::Success&) {

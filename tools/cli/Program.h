@@ -34,6 +34,9 @@ int fail(ExitCode code, const std::string& problem);
 /// too many.
 [[noreturn]] void refuseWord(const CLI::App& app, const std::string& text);
 
+/// Gives `app` this usage line in its --help; one made from the options would show what is hidden, too.
+void setUsage(CLI::App& app, const std::string& usage);
+
 /// Adds the options that say how a request is made.
 void addHowTo(CLI::App& app, HowTo& how);
 

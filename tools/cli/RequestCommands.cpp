@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <memory>
 
 #include "shared/Text.h"
 #include "shared/Usage.h"
@@ -16,6 +17,17 @@ namespace {
 
 constexpr char kGroup[] = "Options of requests";
 constexpr int64_t kDayMs = 86400000;
+
+class UsageFormatter : public CLI::Formatter {
+ public:
+  explicit UsageFormatter(std::string usage) : m_usage(std::move(usage)) {}
+  std::string make_usage(const CLI::App* /*app*/, std::string /*name*/) const override {
+    return "\nUsage: " + m_usage + "\n\n";
+  }
+
+ private:
+  const std::string m_usage;
+};
 
 /// Connects and lets `work` go on. Returns its exit code, or the one for no service.
 int withSession(const Program& program, const std::function<int(Session&)>& work) {
@@ -44,6 +56,10 @@ void refuseWord(const CLI::App& app, const std::string& text) {
       second || text == "-"
           ? fmt::format("{} and {}: one at a time (alone, - reads requests line by line)", first, word)
           : fmt::format("\"{}\" does not belong to {}", word, first));
+}
+
+void setUsage(CLI::App& app, const std::string& usage) {
+  app.formatter(std::make_shared<UsageFormatter>(usage));
 }
 
 void addHowTo(CLI::App& app, HowTo& how) {
@@ -107,9 +123,8 @@ void addRequests(CLI::App& app, Program& program, Arguments& arguments) {
            program.run = [&] {
              return withSession(program, [&](Session& session) { return runLines(program, session); });
            };
-         },
-         "- reads requests line by line from standard input and makes them over one connection")
-      ->type_name("");
+         })
+      ->group("");
   app.require_subcommand(0, 1);
 }
 
