@@ -130,7 +130,7 @@ public final class BoosterCodes {
     private static final String[] CONNECTIONS = {
             "unavailable", "disconnected", "connected", "unresponsive", "disabled"};
     private static final String[] BOOSTS = {
-            "pending", "sent", "refused", "not sent", "ended", "sent in part"};
+            "pending", "sent", "refused", "not sent", "ended", "served in part"};
     private static final String[] RESULTS = {"accepted", "not started", "unavailable", "disabled", "full"};
     private static final String[] FUNCTIONS = {"permission check", "CPU boost", "cancel of CPU boosts",
             "thread boost", "cancel of thread boosts", "I/O boost", "cancel of I/O boosts",

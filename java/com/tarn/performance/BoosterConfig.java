@@ -37,8 +37,8 @@ public final class BoosterConfig {
     /**
      * Begins a configuration.
      *
-     * @param serviceName the service's name in the abstract socket namespace: 1 to {@value #MAX_NAME_BYTES}
-     *     bytes in UTF-8, no NUL
+     * @param serviceName the service's name in the abstract socket namespace, without the '@' by which
+     *     lists of sockets mark it: 1 to {@value #MAX_NAME_BYTES} bytes in UTF-8, no NUL
      * @return a builder
      * @throws IllegalArgumentException if the name is none
      */

@@ -38,8 +38,8 @@ public interface BoosterListener {
     default void onServiceEvent(@NotNull ServiceReport event) {}
 
     /**
-     * The service has refused another request than a boost, or done it in part only: a screen resolution, preloading, a termination,
-     * a permission check, the registration for events, or a cancel.
+     * The service has refused another request than a boost, or done it in part only: a screen resolution,
+     * preloading, a termination, a permission check, the registration for events, or a cancel.
      *
      * @param report which: {@link ServiceReport#functionId} and {@link ServiceReport#status}
      */

@@ -58,7 +58,7 @@ public class BoosterCoreTest {
         library.refuse(FUNCTION_REQUEST_IO, 0, 7);
         library.refuse(FUNCTION_REQUEST_IO, stamps[1], -20001);
         library.run(0);
-        assertEquals("connected, 1 refused, 2 sent, 3 sent, 4 sent in part, events refused with status 5, "
+        assertEquals("connected, 1 refused, 2 sent, 3 sent, 4 served in part, events refused with status 5, "
                         + "3 refused",
                 library.told());
         assertEquals(List.of(5, 0, -20001, 1),
