@@ -160,7 +160,7 @@ size_t Boosts::endAll(const std::string& why) {
   constexpr int kTries = 3;
   for (int i = 0; i < kTries && !m_again.empty(); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    endExpired(kNoExpiry - kRestoreAgainMs);
+    endExpired(kNoExpiry - (kTries - i) * kRestoreAgainMs);  // behind what each of them puts off
   }
   return serials.size();
 }

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <nlohmann/json.hpp>
 
 #include "service/effects/Preload.h"
 #include "service/effects/Recorded.h"
@@ -151,6 +152,24 @@ TEST(ServiceServer, WantOfDescriptorsIsWaitedOut) {
   EXPECT_TRUE(running.says("cannot look at a client now"));
   setrlimit(RLIMIT_NOFILE, &limit);
   EXPECT_EQ(unseen.ask(1004, boost({thread.tid})), 0u);
+}
+
+TEST(ServiceServer, AtTheEndWhatCannotBePutBackIsTriedThreeTimesMore) {
+  struct Stubborn : service::Setting {
+    explicit Stubborn(int& count) : tries(count) {}
+    std::string key() const override { return "stubborn"; }
+    service::Outcome prepare(int) override { return {}; }
+    service::Outcome apply(int) override { return {}; }
+    service::Outcome restore() override { return {service::Status::FAILED, "", ++tries < 4}; }
+    nlohmann::json record() const override { return {}; }
+    int& tries;
+  };
+  int tries = 0;
+  const service::Log log(service::Priority::WARNING, [](service::Priority, const std::string&) {});
+  std::optional<service::Boosts> boosts(std::in_place, log);
+  boosts->add({}, std::make_unique<Stubborn>(tries));
+  boosts.reset();
+  EXPECT_EQ(tries, 4);
 }
 
 TEST(ServiceServer, ClientsAndBoostsAreBoundedAndReclaimed) {
