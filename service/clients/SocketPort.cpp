@@ -123,8 +123,10 @@ bool SocketPort::makeRoom(const Requester& requester, int64_t now) {
 void SocketPort::serve(uint64_t id, uint32_t events, int64_t now) {
   SocketClient* const client = find(id);
   if (client == nullptr) return;  // closed earlier in this round
-  if ((events & EPOLLOUT) != 0) flush(*client, now);
-  if (find(id) == nullptr || (events & ~static_cast<uint32_t>(EPOLLOUT)) == 0) return;
+  if ((events & EPOLLOUT) != 0) {
+    flush(*client, now);
+    if (find(id) == nullptr || events == uint32_t{EPOLLOUT}) return;
+  }
   if (client->hasEnded() || client->isBusy() || !client->isRead() || client->reader().hasNext()) {
     settle(*client, now);
     return;
@@ -139,21 +141,22 @@ void SocketPort::serve(uint64_t id, uint32_t events, int64_t now) {
 /// Handles the whole requests that have arrived, a few of them.
 void SocketPort::serveRequests(SocketClient& client, int64_t now) {
   const size_t before = client.reader().memory();
-  const int64_t until = steadyMs() + kTurnMs;
+  int64_t time = steadyMs();  // `now` may be the turns of many others ago
+  const int64_t until = time + kTurnMs;
   RequestPacket packet;
+  Request request;
   std::string problem;
-  for (int i = 0; i < kRequestsPerRound && !client.isBusy() && client.isRead(); ++i) {
+  for (int i = 0; i < kRequestsPerRound && time < until && !client.isBusy() && client.isRead(); ++i) {
     const RequestReader::Result result = client.reader().next(packet, problem);
     if (result == RequestReader::Result::MORE_NEEDED) break;
     client.heardAt = now;
-    Request request;
     if (result == RequestReader::Result::BAD || !decodeRequest(packet, request, problem)) {
       m_requestBytes -= before - client.reader().memory();
       client.flush();
       close(client.requester().id, "bad input: " + problem, Priority::WARNING);
       return;
     }
-    if (!m_handler.handle(client, std::move(request))) break;
+    if (!m_handler.handle(client, std::move(request), time)) break;
     if (client.isToBeClosed()) {
       m_requestBytes -= before - client.reader().memory();
       client.flush();
@@ -163,7 +166,7 @@ void SocketPort::serveRequests(SocketClient& client, int64_t now) {
     if (m_faults.strikes(FaultKind::LOSE_COALESCED, client.requester().id, packet.funcid, now)) {
       client.reader().drop();
     }
-    if (steadyMs() >= until) break;
+    time = steadyMs();
   }
   if (!client.reader().atBoundary() && !client.reader().hasNext() &&
       m_faults.strikes(FaultKind::LOSE_SPLIT, client.requester().id, -1, now)) {

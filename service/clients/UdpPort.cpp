@@ -7,6 +7,7 @@
 #include <iterator>
 #include <utility>
 
+#include "service/core/SteadyClock.h"
 #include "shared/Text.h"
 
 namespace service {
@@ -87,7 +88,7 @@ bool UdpPort::request(UdpMailbox::Message message, int64_t now) {
   }
   DatagramClient& peer = peerAt(message.from);
   peer.m_heardAt = now;
-  const bool goOn = m_handler.handle(peer, std::move(request));
+  const bool goOn = m_handler.handle(peer, std::move(request), steadyMs());
   sendOn(peer, now);
   return goOn;
 }

@@ -98,6 +98,7 @@ void Boosts::putBack(std::unique_ptr<Setting> setting, int64_t now) {
 
 size_t Boosts::end(uint64_t holder, const std::function<bool(const Boost&)>& ends, const std::string& why,
                    int64_t now) {
+  if (!holds(holder)) return 0;
   std::vector<uint64_t> serials;
   for (auto next = m_byHolder.lower_bound({holder, 0}); next != m_byHolder.end() && next->first == holder;
        ++next) {
@@ -137,6 +138,7 @@ void Boosts::afterEnd(HeldMap::iterator held, const std::string& why, int64_t no
 }
 
 size_t Boosts::endExpired(int64_t now) {
+  if (now < nextExpiry()) return 0;  // asked between any two requests
   if (!m_again.empty()) {
     const std::set<std::string> waiting = m_again;
     for (const std::string& key : waiting) {

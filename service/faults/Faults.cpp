@@ -177,11 +177,6 @@ bool Faults::strikes(FaultKind kind, uint64_t client, int64_t funcid, int64_t no
   return struck;
 }
 
-bool Faults::strikes(FaultKind kind, uint64_t client, int64_t funcid, int64_t now) {
-  int64_t value = 0;
-  return strikes(kind, client, funcid, now, value);
-}
-
 void Faults::forget(uint64_t client) {
   for (Entry& entry : m_faults) entry.times.erase(client);
 }

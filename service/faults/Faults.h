@@ -73,7 +73,10 @@ class Faults {
 
   /// Whether a fault of this kind strikes now; counts the time. value: is set to its own
   bool strikes(FaultKind kind, uint64_t client, int64_t funcid, int64_t now, int64_t& value);
-  bool strikes(FaultKind kind, uint64_t client, int64_t funcid, int64_t now);
+  bool strikes(FaultKind kind, uint64_t client, int64_t funcid, int64_t now) {
+    int64_t value = 0;
+    return !isEmpty() && strikes(kind, client, funcid, now, value);
+  }
 
   /// Whether there is a fault of this kind that may strike at this time; counts nothing.
   bool isDue(FaultKind kind, int64_t now) const;

@@ -140,9 +140,7 @@ int Server::waitMs(int64_t now) const {
   return static_cast<int>(std::clamp<int64_t>(due - now, 0, INT32_MAX));
 }
 
-bool Server::handle(Client& client, Request&& request) {
-  // Others may send for ever: what is due is looked at between any two requests.
-  const int64_t now = steadyMs();
+bool Server::handle(Client& client, Request&& request, int64_t now) {
   m_dispatcher.boosts().endExpired(now);
   const uint64_t ticket = m_lastTicket + 1;
   const auto outcome = m_dispatcher.handle(request, client.requester(), ticket, now);

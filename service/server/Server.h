@@ -77,7 +77,7 @@ class Server : private ClientHandler {
     Request request;
   };
 
-  bool handle(Client& client, Request&& request) override;
+  bool handle(Client& client, Request&& request, int64_t now) override;
   void gone(const Client& client) override;
   bool holdsBoosts(const Client& client) const override;
 

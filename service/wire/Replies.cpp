@@ -12,22 +12,21 @@ namespace {
 
 constexpr int kVersionOffset = 4;  // no client reads it; the value keeps both directions alike in a dump
 
-void appendReply(std::string& bytes, uint16_t funcid, uint32_t status, uint64_t word16, int64_t timestamp,
-                 const std::string& body) {
+void appendHeader(std::string& bytes, uint16_t funcid, uint32_t status, size_t bodyLength, uint64_t word16,
+                  int64_t timestamp) {
   uint8_t header[kHeaderBytes] = {};
   write32le(header + reply_header::kMagic, kHeaderMagic);
   write16le(header + kVersionOffset, kRequestVersion);
   write16le(header + reply_header::kFuncid, funcid);
   write32le(header + reply_header::kStatus, status);
-  write32le(header + reply_header::kDataLen, static_cast<uint32_t>(body.size()));
+  write32le(header + reply_header::kDataLen, static_cast<uint32_t>(bodyLength));
   write64le(header + reply_header::kWord16, word16);
   write64le(header + reply_header::kTimestamp, static_cast<uint64_t>(timestamp));
   bytes.append(reinterpret_cast<const char*>(header), sizeof(header));
-  bytes += body;
 }
 
 void appendAnswer(std::string& bytes, const Request& request, uint32_t status) {
-  appendReply(bytes, request.funcid, status, static_cast<uint64_t>(request.sendTime), request.timestamp, {});
+  appendHeader(bytes, request.funcid, status, 0, static_cast<uint64_t>(request.sendTime), request.timestamp);
 }
 
 }  // namespace
@@ -35,8 +34,8 @@ void appendAnswer(std::string& bytes, const Request& request, uint32_t status) {
 std::string packReply(uint16_t funcid, uint32_t status, uint64_t word16, int64_t timestamp,
                       const std::string& body) {
   std::string bytes;
-  appendReply(bytes, funcid, status, word16, timestamp, body);
-  return bytes;
+  appendHeader(bytes, funcid, status, body.size(), word16, timestamp);
+  return bytes + body;
 }
 
 std::string packAnswer(const Request& request, uint32_t status) {

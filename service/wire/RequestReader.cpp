@@ -14,6 +14,12 @@ uint32_t bodyLength(const uint8_t* header) {
   return read32le(header + request_header::kDataLen);
 }
 
+bool isRequestHeader(const uint8_t* header) {
+  return read32le(header + request_header::kMagic) == kHeaderMagic &&
+         read16le(header + request_header::kVersion) == kRequestVersion &&
+         bodyLength(header) <= kMaxRequestBody;
+}
+
 void readPacket(const uint8_t* bytes, RequestPacket& packet) {
   packet.funcid = read16le(bytes + request_header::kFuncid);
   packet.callertid = read32le(bytes + request_header::kCallertid);
@@ -26,6 +32,7 @@ void readPacket(const uint8_t* bytes, RequestPacket& packet) {
 }  // namespace
 
 std::string checkRequestHeader(const uint8_t* header) {
+  if (isRequestHeader(header)) return "";
   char text[96];
   const uint32_t magic = read32le(header + request_header::kMagic);
   const uint16_t version = read16le(header + request_header::kVersion);
@@ -34,11 +41,9 @@ std::string checkRequestHeader(const uint8_t* header) {
              kHeaderMagic);
   } else if (version != kRequestVersion) {
     snprintf(text, sizeof(text), "header version %u instead of %u", version, kRequestVersion);
-  } else if (bodyLength(header) > kMaxRequestBody) {
+  } else {
     snprintf(text, sizeof(text), "a body of %" PRIu32 " bytes is announced, at most %" PRIu32 " are accepted",
              bodyLength(header), kMaxRequestBody);
-  } else {
-    return "";
   }
   return text;
 }
@@ -59,21 +64,23 @@ void RequestReader::append(const uint8_t* bytes, size_t count) {
 size_t RequestReader::packetEnd() const {
   if (m_bytes.size() - m_start < kHeaderBytes) return SIZE_MAX;
   const uint8_t* const header = m_bytes.data() + m_start;
-  return checkRequestHeader(header).empty() ? m_start + kHeaderBytes + bodyLength(header) : SIZE_MAX;
+  return isRequestHeader(header) ? m_start + kHeaderBytes + bodyLength(header) : SIZE_MAX;
 }
 
 bool RequestReader::hasNext() const {
   const size_t available = m_bytes.size() - m_start;
   if (available < kHeaderBytes) return false;
   const uint8_t* const header = m_bytes.data() + m_start;
-  return !checkRequestHeader(header).empty() || available - kHeaderBytes >= bodyLength(header);
+  return !isRequestHeader(header) || available - kHeaderBytes >= bodyLength(header);
 }
 
 RequestReader::Result RequestReader::next(RequestPacket& packet, std::string& problem) {
   if (!hasNext()) return Result::MORE_NEEDED;
   const uint8_t* const header = m_bytes.data() + m_start;
-  problem = checkRequestHeader(header);
-  if (!problem.empty()) return Result::BAD;
+  if (!isRequestHeader(header)) {
+    problem = checkRequestHeader(header);
+    return Result::BAD;
+  }
   readPacket(header, packet);
   m_start += kHeaderBytes + bodyLength(header);
   constexpr size_t kKept = size_t{64} * 1024;  // one huge request must not hold its memory for good

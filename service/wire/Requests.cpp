@@ -15,12 +15,12 @@ namespace {
 struct RequestKind {
   uint16_t funcid;
   const char* name;
-  RequestMessage (*emptyMessage)();
+  void (*makeEmpty)(RequestMessage& message);
 };
 
 template <class Message>
-RequestMessage makeMessage() {
-  return Message();
+void makeMessage(RequestMessage& message) {
+  message.emplace<Message>();
 }
 
 // One row per request; a new request starts with a row here.
@@ -133,13 +133,13 @@ struct DescribeArguments {
 
 bool decodeRequest(const RequestPacket& packet, Request& request, std::string& problem) {
   const RequestKind* const kind = kindOf(packet.funcid);
-  request = {packet.funcid,
-             packet.callertid,
-             packet.sendTime,
-             packet.timestamp,
-             kind != nullptr ? kind->emptyMessage() : RequestMessage(),
-             0,
-             {}};
+  request.funcid = packet.funcid;
+  request.callertid = packet.callertid;
+  request.sendTime = packet.sendTime;
+  request.timestamp = packet.timestamp;
+  (kind != nullptr ? kind->makeEmpty : makeMessage<std::monostate>)(request.message);
+  request.leftOutFiles = 0;
+  request.arguments.clear();
   size_t end = packet.body.size();
   const bool fits = !std::holds_alternative<amc::RequestBootPreLoadResource>(request.message) ||
                     boundFiles(packet.body, end, request.leftOutFiles);

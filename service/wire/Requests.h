@@ -30,9 +30,10 @@ struct Request {
 /// Names of 1011 that are taken. More are counted and left out before they cost memory.
 constexpr size_t kMaxFiles = 4096;
 
-/// Decodes a packet. Returns false, with the problem named, when the body is not the message that goes with
-/// the function identifier. An unknown identifier is no problem here (its body is left alone, it is answered
-/// with a status), nor is a body behind a request that has none: it is ignored.
+/// Decodes a packet into a request that may have been used before. Returns false, with the problem named,
+/// when the body is not the message that goes with the function identifier. An unknown identifier is no
+/// problem here (its body is left alone, it is answered with a status), nor is a body behind a request that
+/// has none: it is ignored.
 bool decodeRequest(const RequestPacket& packet, Request& request, std::string& problem);
 
 /// The request's name, as in "requestCpuHighFreq"; "unknownRequest" for an identifier outside the set.
