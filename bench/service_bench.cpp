@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -20,6 +21,8 @@
 #include "support/Rows.h"
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr size_t kBytes = 32;  // of a request without a body, and of its reply
 
@@ -73,17 +76,18 @@ class Service {
   std::thread m_thread;
 };
 
-/// The floor: what arrives goes back.
-class Echo {
+/// The floor: what arrives goes back. Or, to tell what a nanosecond is worth, after so many for each request.
+template <int kNanoseconds>
+class EchoAfter {
  public:
-  explicit Echo(int /*held*/) {
+  explicit EchoAfter(int /*held*/) {
     std::string problem;
     m_listener = shared::listenOn(m_name, problem);
     watch(m_listener.get());
     watch(m_stop.get());
     m_thread = std::thread([this] { run(); });
   }
-  ~Echo() {
+  ~EchoAfter() {
     eventfd_write(m_stop.get(), 1);
     m_thread.join();
   }
@@ -111,6 +115,10 @@ class Echo {
           continue;
         }
         const ssize_t got = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        if constexpr (kNanoseconds > 0) {
+          const auto until = Clock::now() + std::chrono::nanoseconds(kNanoseconds * got / ssize_t{kBytes});
+          while (Clock::now() < until) continue;
+        }
         if (got > 0) send(fd, bytes.data(), static_cast<size_t>(got), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (got == 0) epoll_ctl(m_epoll.get(), EPOLL_CTL_DEL, fd, nullptr);
       }
@@ -123,6 +131,7 @@ class Echo {
   shared::UniqueFd m_listener;
   std::thread m_thread;
 };
+using Echo = EchoAfter<0>;
 
 std::string requests(int count) {
   uint8_t header[kBytes] = {'R', 'C', 'D', 'H', 4, 0};
@@ -177,6 +186,7 @@ void clients(benchmark::internal::Benchmark* benchmark) {
 }
 BENCHMARK(throughput<Service>)->Name("service")->Apply(clients);
 BENCHMARK(throughput<Echo>)->Name("echo")->Apply(clients);
+BENCHMARK(throughput<EchoAfter<50>>)->Name("echo_after_50_ns")->Apply(clients);
 BENCHMARK(roundTrip)->Arg(0)->Iterations(20000)->UseRealTime();
 BENCHMARK(roundTrip)->Arg(16384)->Iterations(20000)->UseRealTime();
 
@@ -186,6 +196,10 @@ const Row kRows[] = {
     {"the same, 1 client that sends 16 at once", "1/s", "service/1/16", "echo/1/16", "per_s", atLeast(0.7)},
     {"the same, 64 clients that send 16 at once", "1/s", "service/64/16", "echo/64/16", "per_s",
      atLeast(0.7)},
+    {"the floor when it spends 50 ns on a request, 1 client, 16 at once", "1/s", "echo_after_50_ns/1/16",
+     "echo/1/16", "per_s"},
+    {"the floor when it spends 50 ns on a request, 64 clients, 16 at once", "1/s", "echo_after_50_ns/64/16",
+     "echo/64/16", "per_s"},
     {"service: round trip with 16,384 boosts held", "us", "roundTrip/16384", "roundTrip/0", "time",
      atMost(1.2)},
 };
