@@ -76,10 +76,9 @@ bool Server::start(std::string& problem, shared::UniqueFd listener) {
 
 void Server::run() {
   while (!m_stopped) round(-1);
-  m_dispatcher.boosts().endAll("the service ends");  // now: the lines are not to say that clients have gone
   m_sockets.closeAll("the service ends");
   m_udp.reset();
-  m_dispatcher.boosts().endAll("the service ends");  // what wanted descriptors: clients have left theirs
+  m_dispatcher.boosts().endAll("the service ends");
   if (m_stateFile.isWanted()) unlink(m_options.stateFile.c_str());
 }
 
