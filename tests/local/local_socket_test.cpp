@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
 #include <vector>
 
@@ -50,9 +51,11 @@ class Transport : public LocalSocket {
     return eventually([&] { return m_log.count("event " + event + "\"") > 0; });
   }
   int fd() const { return m_fd; }
+  using LocalSocket::kQueuedPacks;
 
   std::atomic<bool> m_ended{false};
   std::atomic<int> m_result{99}, m_acceptResult{0}, m_dataResult{0}, m_accepted{0};
+  std::atomic<int> m_mayHandle{INT_MAX}, m_arrived{0};  // with what arrives beyond it is busy
 
  protected:
   int32_t recvEvent(int32_t event, int32_t fd, uint32_t uid, const char* path, const uint8_t* data,
@@ -60,6 +63,8 @@ class Transport : public LocalSocket {
     if (event == EVENT_ACCEPT) m_accepted = fd;
     LOG_WARN("event %d uid %u path %s data %.*s", event, uid, shownText(path), len,
              reinterpret_cast<const char*>(data));
+    m_arrived += event == EVENT_DATA ? 1 : 0;
+    EXPECT_TRUE(eventually([&] { return m_arrived <= m_mayHandle; }));
     return event == EVENT_ACCEPT ? m_acceptResult : m_dataResult;
   }
 
@@ -125,6 +130,24 @@ TEST(LocalSocketClientSide, EveryPackWakesALoopThatSleepsAndAStopEndsOneThatIsSt
   both.transport.queue(Bytes(8 << 20, 's'));  // more than any socket buffer; the service reads none of it
   both.transport.stop();
   EXPECT_TRUE(both.transport.m_ended);
+}
+
+TEST(LocalSocketClientSide, WhoWaitsForAPlaceGetsItAlsoWhileTheOwnerIsBusyWithWhatArrived) {
+  Connected both;
+  both.transport.m_mayHandle = 0;
+  both.service.write("1");
+  EXPECT_TRUE(both.transport.saw("1 uid 0 path  data 1"));
+  std::atomic<unsigned> queued{0};
+  std::vector<std::thread> producers;
+  for (int i = 0; i < 8; ++i) producers.emplace_back([&] { queued += both.transport.queue("p") ? 1 : 0; });
+  EXPECT_TRUE(eventually([&] { return queued == Transport::kQueuedPacks; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // so that the rest waits
+  both.service.write("2");
+  both.transport.m_mayHandle = 1;
+  EXPECT_TRUE(both.transport.saw("1 uid 0 path  data 2"));
+  EXPECT_TRUE(eventually([&] { return queued > Transport::kQueuedPacks; })) << "one pack is sent by now";
+  both.transport.m_mayHandle = 2;
+  for (std::thread& producer : producers) producer.join();
 }
 
 /// A caller fills the socket, then the queue behind it, after `first` packs. How long that takes, and the

@@ -157,28 +157,45 @@ TEST(ServiceProgram, SpeaksSystemdsProtocols) {
 
 TEST(ServiceOptions, AreTakenAsTheyAreMeant) {
   service::Options options;
-  const auto parse = [&](const std::string& line) {
+  const auto parse = [&](const std::string& line) -> std::string {
     options = {};
     CLI::App app;
     describeOptions(app, options);
     try {
       app.parse(line);
-    } catch (const CLI::ParseError&) {
-      return false;
+    } catch (const CLI::ParseError& problem) {
+      return problem.what();
     }
-    return true;
+    return optionsProblem(options);
   };
-  for (const char* const refused :
-       {"--status 1002=010", "--status 0x3ea=1", "--status 1002=4294967291", "--status 1002",
-        "--status 65536=1", "--push-every 0:7:x", "--push-on-register text", "--udp 127.0.0.1:0x10",
-        "--allow-uid nobody-of-this-name", "--lines loud", "--fault delay=1,often=2", "--fault ''",
-        "--fault slow", "--fault delay=-1", "--fault close=3", "--fault close,every=0",
-        "--fault refuse,only=1001", "--clients-per-user 0"}) {
-    EXPECT_FALSE(parse(refused)) << refused;
-  }
-  EXPECT_TRUE(
-      parse("--push-every 2.5:7:a:b --allow-terminate --status 1002=-5 --allow-uid root --allow-uid 7 "
-            "--fault delay=5,every=2 --fault close"));
+  const std::pair<const char*, const char*> refused[] = {
+      {"--status 1002=010", "\"010\" is no number from -2147483648 to 2147483647"},
+      {"--status 0x3ea=1", "\"0x3ea\" is no number from 0 to 65535"},
+      {"--status 1002=4294967291", "is no number"},
+      {"--status 1002", "a '=' is missing in \"1002\""},
+      {"--status 65536=1", "is no number"},
+      {"--push-every 0:7:x", "\"0\" is no time from 0.001 to 86400 seconds"},
+      {"--push-on-register text", "a ':' is missing in \"text\""},
+      {"--udp 127.0.0.1:0x10", "\"127.0.0.1:0x10\" is no IPv4 address and port"},
+      {"--udp 127.0.0.1:0 --allow-uid 7", "do not go with --udp"},
+      {"--allow-uid nobody-of-this-name",
+       "\"nobody-of-this-name\" is no user of this machine, and no number"},
+      {"--lines loud", "\"loud\" is none of plain, time, journal"},
+      {"--fault delay=1,often=2", "there is no \"often\" to a fault"},
+      {"--fault ''", "missing"},
+      {"--fault slow", "there is no fault \"slow\""},
+      {"--fault delay=-1", "delay takes a number from 0 to 3600000"},
+      {"--fault close=3", "the fault close takes no value"},
+      {"--fault close,every=0", "every takes a number from 1"},
+      {"--fault refuse,only=1001", "the fault refuse strikes no requests"},
+      {"--clients-per-user 0", "\"0\" is no number from 1 to 1000000"},
+  };
+  for (const auto& [line, problem] : refused) EXPECT_THAT(parse(line), HasSubstr(problem)) << line;
+  EXPECT_EQ(
+      parse(
+          "--name x --push-every 2.5:7:a:b --allow-terminate --status 1002=-5 --allow-uid root --allow-uid 7 "
+          "--fault delay=5,every=2 --fault close"),
+      "");
   EXPECT_EQ(options.server.repeat[0].everyMs, 2500);
   EXPECT_EQ(options.server.repeat[0].push.data, "a:b");
   EXPECT_TRUE(options.policy.allowTerminate);

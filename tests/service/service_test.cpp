@@ -1,6 +1,7 @@
 // The reference service: what it does, bounds and undoes, asked in plain bytes. How it reads and answers is
 // tested by its fuzzer and by the cases of `tarnbooster check`, all of which it passes.
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -11,9 +12,12 @@
 #include <future>
 #include <nlohmann/json.hpp>
 
+#include "service/clients/SocketPort.h"
+#include "service/clients/UdpPort.h"
 #include "service/effects/Preload.h"
 #include "service/effects/Recorded.h"
 #include "service/faults/Faults.h"
+#include "shared/AbstractSocket.h"
 #include "shared/Address.h"
 #include "support/RunningService.h"
 
@@ -57,7 +61,9 @@ TEST(ServiceFrequency, TheStrongestBoostRulesAndTheLastOneToEndRestores) {
     std::ifstream(sys.path + cpus + "cpu2" + floorOf) >> second;
     return first + " " + second;
   };
-  RunningService running{Policy{{}, false, sys.path}};
+  ServerOptions options;
+  options.udpLimits.peers = 1;
+  RunningService running(Policy{{}, false, sys.path}, options);
   BytesClient client(running.name()), other(running.name());
   EXPECT_EQ(client.ask(1002, boost({1})), 0u);
   EXPECT_EQ(floors(), "800000 900000") << "never lowered";
@@ -70,6 +76,18 @@ TEST(ServiceFrequency, TheStrongestBoostRulesAndTheLastOneToEndRestores) {
   EXPECT_EQ(client.ask(1002, boost({3}, 1)), 0u);
   EXPECT_TRUE(running.says("its time is up"));
   EXPECT_EQ(floors(), "1300000 1300000");
+  sockaddr_in to{};
+  ASSERT_TRUE(shared::parseAddress(running.udpAddress(), to));
+  Endpoint peer, stranger;
+  peer.queue(to, 1, request(1002, boost({3}, 100)));
+  EXPECT_TRUE(running.says("its time is up", 2));
+  EXPECT_EQ(floors(), "1300000 1300000");
+  peer.queue(to, 2, request(1002, boost({3}, 600000)));
+  EXPECT_TRUE(eventually([&] { return floors() == "1800000 1800000"; }));
+  stranger.queue(to, 1, request(1009));
+  EXPECT_TRUE(running.says("forgot udp=" + addressText(peer.localAddress())));
+  peer.queue(to, 3, request(1003));
+  EXPECT_TRUE(eventually([&] { return floors() == "1300000 1300000"; })) << "the forgotten can cancel";
   EXPECT_EQ(other.ask(1002, boost({0})), service::Status::BAD_ARGUMENT);
   other.hangUp();
   EXPECT_TRUE(eventually([&] { return floors() == "400000 900000"; })) << floors();
@@ -96,7 +114,7 @@ TEST(ServiceCores, AThreadGetsItsOwnCpusBackUnlessOthersHaveMovedIt) {
   const ParkedThread thread;
   const auto before = thread.cpus();
   const std::string bound = before.substr(before.find_last_of("-,") + 1);
-  if (bound == before) GTEST_SKIP() << "NOT TESTED: this process may use one CPU only";
+  if (bound == before) GTEST_SKIP() << "NOT TESTED: how threads are bound and put back, with one CPU only";
   const Bytes bind = boost({thread.tid});
   RunningService running;
   BytesClient client(running.name());
@@ -114,6 +132,12 @@ TEST(ServiceCores, AThreadGetsItsOwnCpusBackUnlessOthersHaveMovedIt) {
   EXPECT_EQ(thread.cpus(), before);
 
   EXPECT_EQ(client.ask(1004, bind), 0u);
+  service::settingOfRecord(R"({"what":"affinity","pid":)" + std::to_string(getpid()) + R"(,"tid":)" +
+                               std::to_string(thread.tid) + R"(,"started":1,"original":")" + before +
+                               R"(","applied":")" + bound + "\"}",
+                           "")
+      ->restore();
+  EXPECT_EQ(thread.cpus(), bound) << "another thread with this number";
   cpu_set_t first;
   CPU_ZERO(&first);
   CPU_SET(std::stoi(before), &first);
@@ -213,6 +237,78 @@ TEST(ServiceServer, ClientsAndBoostsAreBoundedAndReclaimed) {
   EXPECT_EQ(BytesClient(running.name()).ask(1009), 0u) << "and its place";
 }
 
+TEST(ServiceServer, OnlyWhoIsAllowedIsLetIn) {
+  std::vector<gid_t> before(64);
+  before.resize(std::max(getgroups(64, before.data()), 0));
+  const gid_t group = getgid() + 1;
+  const bool joined = setgroups(1, &group) == 0;  // root can
+  const struct {
+    service::Access access;
+    bool letIn;
+  } rows[] = {
+      {{{getuid()}, {}}, true},
+      {{{getuid() + 1}, {}}, false},
+      {{{getuid() + 1}, {getgid()}}, true},
+      {{{}, {group}}, joined},
+  };
+  for (const auto& row : rows) {
+    ServerOptions options;
+    options.access = row.access;
+    RunningService running({}, options);
+    EXPECT_EQ(BytesClient(running.name()).ask(1001), row.letIn ? 0 : UINT32_MAX) << &row - rows;
+  }
+  setgroups(before.size(), before.data());
+}
+
+/// What a port asks of its server.
+struct Handler : service::ClientHandler {
+  bool handle(service::Client& client, service::Request&& request) override {
+    ++handled;
+    asker = &client;
+    client.setBusy(isBusy);
+    for (int i = 0; i < replies; ++i) client.answer(request, 0);
+    return true;
+  }
+  void gone(const service::Client&) override {}
+  bool holdsBoosts(const service::Client& client) const override { return client.requester().id == holder; }
+  bool isBusy = false;
+  size_t handled = 0;
+  int replies = 0;
+  uint64_t holder = 0;
+  service::Client* asker = nullptr;
+};
+
+TEST(ServiceServer, WhoIsIdleForLongGivesItsPlaceAndWhoHasEndedIsNotWaitedForForEver) {
+  Handler handler;
+  service::Poller poller;
+  service::Faults noFaults;
+  const service::Log log(service::Priority::WARNING, [](service::Priority, const std::string&) {});
+  service::SocketPort port(handler, poller, log, {3, 64, 1 << 20}, {}, noFaults, 1, 11);
+  const std::string name = uniqueName();
+  std::string problem;
+  ASSERT_TRUE(port.listen(shared::listenOn(name, problem))) << problem;
+  std::vector<std::unique_ptr<BytesClient>> clients;
+  const auto connect = [&](int64_t now) {
+    clients.push_back(std::make_unique<BytesClient>(name));
+    port.accept(now);
+  };
+  handler.holder = 12;
+  for (const int64_t now : {2, 0, 1}) connect(now);  // 11 to 13
+  connect(service::kIdleMs);
+  EXPECT_EQ(port.find(14), nullptr) << "turned away: nobody is idle but who holds a boost";
+  connect(service::kIdleMs + 2);
+  EXPECT_EQ(port.find(13), nullptr) << "the others were heard later, or hold a boost";
+  EXPECT_NE(port.find(15), nullptr);
+  handler.replies = 10'000;
+  clients[0]->write(request(1003));
+  clients[0]->finish();
+  for (int i = 0; i < 2; ++i) port.serve(11, EPOLLIN, 100'000);
+  port.goOn(100'000 + service::kLingerMs - 1);
+  EXPECT_NE(port.find(11), nullptr);
+  port.goOn(100'000 + service::kLingerMs);
+  EXPECT_EQ(port.find(11), nullptr) << "it has not taken its replies";
+}
+
 TEST(ServiceServer, WhoTakesMostMemoryOrNeverReadsGivesWay) {
   ServerOptions options;
   options.clientLimits.requestBytes = 3 << 20;
@@ -246,15 +342,16 @@ TEST(ServiceServer, AConnectionThatHasChangedHandsIsRefused) {
     const uint32_t before = own.ask(1006, boosted);
     if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) _exit(1);
     const uint32_t statuses[] = {before, own.ask(1006, boosted), own.ask(1011, hex("0a 01 2f")),
-                                 own.ask(1003)};
+                                 own.ask(1012), own.ask(1003)};
     _exit(write(results[1], statuses, sizeof(statuses)) == sizeof(statuses) ? 0 : 1);
   }
-  RunningService running;
+  RunningService running(Policy{{}, true});
   ASSERT_EQ(write(names[1], running.name().data(), 107), 107);
-  uint32_t statuses[4] = {};
+  uint32_t statuses[5] = {};
   EXPECT_EQ(read(results[0], statuses, sizeof(statuses)), static_cast<ssize_t>(sizeof(statuses)));
   EXPECT_THAT(statuses,
-              testing::ElementsAre(0, service::Status::NOT_PERMITTED, service::Status::NOT_PERMITTED, 0));
+              testing::ElementsAre(0, service::Status::NOT_PERMITTED, service::Status::NOT_PERMITTED,
+                                   service::Status::NOT_PERMITTED, 0));
   waitpid(child, nullptr, 0);
   for (const int fd : {names[0], names[1], results[0], results[1]}) close(fd);
 }
@@ -287,13 +384,14 @@ TEST(ServiceUdp, APeerIsKnownAsLongAsItIsHeardOf) {
 
   // Who never acknowledges gets few datagrams, and gives its place first.
   options = {};
-  options.udpTiming.intervalMs = 300;
+  options.udpTiming.intervalMs = 500;
   options.udpLimits.peers = 2;
+  options.repeat = {{{9, "again"}, 100, 0}};
   RunningService small({}, options);
   ASSERT_TRUE(shared::parseAddress(small.udpAddress(), to));
   Endpoint honest(500);
-  honest.queue(to, 1, request(1009));
-  ASSERT_TRUE(honest.saw(UDP_EVENT_DATA));
+  for (const int id : {1, 2}) honest.queue(to, id, request(1009));
+  ASSERT_TRUE(honest.saw(UDP_EVENT_DATA, 2)) << "the second is sent when the first is acknowledged";
   PlainPeer forged[2];
   for (PlainPeer& peer : forged) {
     peer.send(to, datagram(PACKET_SYN, 100000));
@@ -307,6 +405,93 @@ TEST(ServiceUdp, APeerIsKnownAsLongAsItIsHeardOf) {
   while (!forged[1].receive(200).empty()) ++datagrams;
   EXPECT_LE(datagrams, 6 + 6) << "its own acknowledged, one reply sent three times";
   EXPECT_EQ(small.linesWith("forgot").size(), 2u);
+
+  // Nor is anything kept for one who has acknowledged, registered and vanished.
+  honest.queue(to, 3, request(1010));
+  ASSERT_TRUE(honest.saw(UDP_EVENT_DATA, 4));
+  honest.stop();
+  EXPECT_TRUE(small.says("it does not acknowledge its replies", 2));
+}
+
+TEST(ServiceUdp, WhatIsNoRequestIsToldAndAReplyPortTakesNothing) {
+  ServerOptions options;
+  options.udpTiming.intervalMs = 10'000;  // this peer acknowledges nothing
+  RunningService running({}, options);
+  sockaddr_in to{};
+  ASSERT_TRUE(shared::parseAddress(running.udpAddress(), to));
+  PlainPeer peer, other;
+  peer.send(to, datagram(PACKET_SYN, 100000));
+  uint32_t sequence = 100000;
+  const std::pair<Bytes, const char*> rows[] = {
+      {"x", "a message of 1 bytes holds no request header"},
+      {request(1003) + "x", "the header announces 0 body bytes, 1 follow"},
+      {"x" + request(1003).substr(1), "no request header: magic 0x48444378 instead of 0x48444352"},
+      {request(1002, "x"), "the 1 body bytes of requestCpuHighFreq are not its message"},
+  };
+  for (const auto& [bytes, problem] : rows) {
+    ++sequence;
+    peer.send(to, datagram(PACKET_DATA, sequence, 0, bytes.size(), bytes, sequence));
+    EXPECT_TRUE(
+        running.says("ignored a message of udp=" + addressText(peer.address) + ": bad input: " + problem));
+  }
+  peer.send(to, datagram(PACKET_DATA, sequence + 1, 0, 32, request(1009), sequence + 1));
+  Bytes got = peer.receive();
+  while (!got.empty() && peer.from.sin_port == to.sin_port) got = peer.receive();
+  const sockaddr_in port = peer.from;
+  // Which of these datagrams it acknowledges, up to number 7.
+  const auto acknowledged = [&](PlainPeer& by, const std::vector<Bytes>& datagrams) {
+    for (const Bytes& bytes : datagrams) by.send(port, bytes);
+    std::string numbers;
+    while (numbers.find('7') == Bytes::npos && !(got = by.receive()).empty()) {
+      if (got[1] == PACKET_ACK && sequenceOf(got) < 10) numbers += std::to_string(sequenceOf(got));
+    }
+    return numbers;
+  };
+  const Bytes part = datagram(PACKET_DATA, 6, 0, 2000, Bytes(1000, 'x')), last = datagram(PACKET_SYN, 7);
+  EXPECT_EQ(acknowledged(peer, {datagram(PACKET_SYN, 5), part, last}), "57");
+  EXPECT_EQ(acknowledged(other, {last}), "7");
+  EXPECT_EQ(acknowledged(peer, {datagram(PACKET_DATA, 8, 0, 1, "x"), last}), "7")
+      << "forgotten for the other";
+}
+
+TEST(ServiceUdp, WhatABusyPeerAsksAndWhatItDoesNotTakeIsBounded) {
+  Handler handler;
+  std::string lines;
+  const service::Log log(service::Priority::INFO,
+                         [&](service::Priority, const std::string& line) { lines += line; });
+  service::UdpPort port(handler, log, {}, {});
+  ASSERT_TRUE(port.start(loopback(), lines)) << lines;
+  sockaddr_in to{};
+  ASSERT_TRUE(shared::parseAddress(port.address(), to));
+  Endpoint peer(500);
+  const Bytes large = request(1011, Bytes(600'000, '\n')), small = request(1003);
+  size_t sent = 0;
+  // Sends these; how many requests are then handled, all of them the first one keeps waiting.
+  const auto handledOf = [&](const std::vector<Bytes>& messages) {
+    handler = {};
+    handler.isBusy = true;
+    for (const Bytes& message : messages) peer.queue(to, static_cast<int64_t>(++sent), message);
+    const auto work = [&] {
+      for (int turn = 0; turn < 100; ++turn) port.receive(0), port.goOn(0);
+    };
+    EXPECT_TRUE(eventually([&] { return work(), peer.events(UDP_EVENT_SESSION_FINISH).size() == sent; }));
+    work();
+    EXPECT_EQ(handler.handled, 1u);
+    handler.isBusy = false;
+    handler.asker->setBusy(false);
+    port.resume(static_cast<service::DatagramClient&>(*handler.asker), 0);
+    work();
+    return handler.handled - 1;
+  };
+  std::vector<Bytes> many(1 + service::kMaxUdpDeferred + 5, small);
+  EXPECT_EQ(handledOf(many), service::kMaxUdpDeferred);
+  EXPECT_EQ(handledOf({small, large, large, small}), 2u);
+  EXPECT_EQ(handledOf({small, large}), 1u) << "the bytes before no longer count";
+  handler.replies = service::kMaxUdpPendingReplies + 1;
+  peer.queue(to, 0, small);
+  EXPECT_TRUE(eventually([&] {
+    return port.receive(0), port.goOn(0), lines.find("it does not take its replies") != Bytes::npos;
+  }));
 }
 
 TEST(ServiceIo, PriorityOfTheClientsThreadsIsRaisedAndPutBack) {
@@ -314,9 +499,14 @@ TEST(ServiceIo, PriorityOfTheClientsThreadsIsRaisedAndPutBack) {
   const auto before = thread.ioPriority();
   RunningService running(Policy{{}, false, "/nowhere"});
   BytesClient client(running.name());
-  const uint32_t status = client.ask(1006, boost({2}));
-  if (status != 0) GTEST_SKIP() << "NOT TESTED: this system refuses I/O priorities, status " << status;
+  if (syscall(SYS_ioprio_set, 1, thread.tid, before) != 0)
+    GTEST_SKIP() << "NOT TESTED: how I/O priorities are raised and put back, this system refuses them: "
+                 << strerror(errno);
+  const ParkedThread realtime;
+  const bool isRealtime = syscall(SYS_ioprio_set, 1, realtime.tid, 1 << 13 | 4) == 0;  // root may
+  EXPECT_EQ(client.ask(1006, boost({2})), 0u);
   EXPECT_EQ(thread.ioPriority(), 2 << 13 | 1);
+  EXPECT_TRUE(!isRealtime || realtime.ioPriority() == (1 << 13 | 4)) << "never lowered";
   EXPECT_EQ(client.ask(1006, boost({3})), 0u);
   EXPECT_EQ(thread.ioPriority(), 2 << 13 | 0);
   const ParkedThread born;

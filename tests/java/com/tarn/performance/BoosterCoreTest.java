@@ -89,6 +89,7 @@ public class BoosterCoreTest {
             assertEquals(RESULT_ACCEPTED, booster.terminateApp());
         }
         assertEquals(RESULT_FULL, booster.terminateApp());
+        cpu(2, 60_000).close(); // which its owner knows
         library.run(5000);
         assertEquals("preloading not sent"
                         + ", termination not sent".repeat(31),
@@ -113,6 +114,12 @@ public class BoosterCoreTest {
         }
         assertEquals("amid others", 1, library.servedCount(FUNCTION_RESET_SCREEN_RESOLUTION));
         assertEquals(0, library.servedCount(FUNCTION_TERMINATE_APP));
+        library.told();
+        library.served.stream()
+                .filter(request -> request.functionId == FUNCTION_CANCEL_CPU)
+                .limit(1)
+                .forEach(request -> library.refuse(FUNCTION_CANCEL_CPU, request.stamp, 5));
+        assertEquals("only the latest are remembered", "", library.told());
         assertEquals(RESULT_ACCEPTED, booster.preload(Collections.nCopies(513, "a")));
         cpu(1, 60_000);
         library.run(100);
@@ -186,6 +193,7 @@ public class BoosterCoreTest {
             Thread.currentThread().setUncaughtExceptionHandler(null);
         }
         assertEquals(List.of(thrown, thrown), handled);
+        assertEquals("not added twice", 1, tasks.size());
         tasks.get(0).run();
         core.removeListener(noting);
         tasks.get(0).run();
@@ -224,6 +232,23 @@ public class BoosterCoreTest {
         assertThrows(refusal, () -> lasting(1).threads(new int[65]));
         assertThrows(refusal, () -> lasting(1).cpuLevel(0));
         assertThrows(refusal, () -> booster.requestScreenResolution(1, "a".repeat(4097)));
+        BoosterListener listener = new BoosterListener() {};
+        assertThrows(NullPointerException.class, () -> booster.addListener(listener, null));
+        int[] threads = {5};
+        BoostRequest request = lasting(1).threads(threads).build();
+        threads[0] = 6;
+        request.threads()[0] = 7;
+        assertArrayEquals(new int[] {5}, request.threads());
+    }
+
+    @Test
+    public void aBoostIsNewsOnce() {
+        News news = new News();
+        Boost boost = cpu(1, 1000);
+        news.changed(boost);
+        assertEquals(1, news.take(CONNECTION_DISCONNECTED, library.now).size());
+        boost.rejected = false;
+        assertEquals("nobody keeps it", 0, news.take(CONNECTION_DISCONNECTED, library.now).size());
     }
 
     /** What every boost of a story comes to, whatever happens on the way. */
@@ -256,6 +281,7 @@ public class BoosterCoreTest {
                 }
             };
             for (int i = 0; i < 40; i++) {
+                library.now += random.nextInt(1000); // no whole milliseconds
                 something();
                 library.run(random.nextInt(3) == 0 ? random.nextInt(2500) : random.nextInt(20));
             }
