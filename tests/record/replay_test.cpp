@@ -193,6 +193,8 @@ TEST(Replay, TheSubcommandsRecordUntilTheyAreToldToEndAndExitCodesTellTheOutcome
       {where + "record --as " + as + " --write /dev/full", "No space left on device\nrc 7\n"},
       {where + "record --as " + as, "--write is required"},
       {where + "record --as-udp 127.0.0.1:1 --write /nowhere", "--as goes with --socket"},
+      {" --udp 127.0.0.1:1 record --as-udp 127.0.0.1 --write /dev/null",
+       "--as-udp: \"127.0.0.1\" is no IPv4 address"},
   };
   shell("head -c -6 " + file.path + " > " + file.path + ".cut");
   for (const auto& c : cases) EXPECT_THAT(shell("$tool" + c.command), HasSubstr(c.says));
