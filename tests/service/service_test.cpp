@@ -262,7 +262,7 @@ TEST(ServiceServer, OnlyWhoIsAllowedIsLetIn) {
 
 /// What a port asks of its server.
 struct Handler : service::ClientHandler {
-  bool handle(service::Client& client, service::Request&& request) override {
+  bool handle(service::Client& client, service::Request&& request, int64_t) override {
     ++handled;
     asker = &client;
     client.setBusy(isBusy);
