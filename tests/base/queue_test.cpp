@@ -37,21 +37,24 @@ TEST(BoundedQueue, ProducersBeyondTheCapacityWaitForAPlaceOrTheClose) {
 }
 
 TEST(Descriptors, AreAboveTwoAndCloseOnExecEvenWhereTheApplicationClosedTheFirstThree) {
-  const pid_t child = fork();
-  if (child == 0) {
-    for (const int fd : {0, 1, 2}) close(fd);
+  for (const bool haveFirst : {false, true}) {  // only without them is each moved, by a call of its own
+    const pid_t child = fork();
+    if (child != 0) {
+      int status = 0;
+      ASSERT_EQ(waitpid(child, &status, 0), child);
+      EXPECT_EQ(status, 0) << haveFirst;
+      continue;
+    }
+    for (const int fd : {0, 1, 2}) haveFirst ? dup2(open("/dev/null", O_RDWR), fd) : close(fd);
     WakePipe pipe;
     const bool opened = pipe.open() == 0;
     const int file = openForReading("/proc/self/stat"), socket = openSocket(AF_UNIX, SOCK_STREAM, 0);
     bool good = opened && file > 2 && socket > 2 && pipe.readEnd() > 2 && pipe.writeEnd() > 2;
     for (const int fd : {file, socket, pipe.readEnd(), pipe.writeEnd()})
       good = good && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
-    for (const int fd : {0, 1, 2}) good = good && fcntl(fd, F_GETFD) == -1;
+    for (const int fd : {0, 1, 2}) good = good && (fcntl(fd, F_GETFD) != -1) == haveFirst;
     _exit(good ? 0 : 1);
   }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
 }
 
 TEST(WakePipe, AWakeNeverBlocksAndAfterTheCloseWritesNowhereEvenIfTheNumberIsReused) {
