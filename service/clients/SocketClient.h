@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "service/clients/Client.h"
 #include "service/wire/RequestReader.h"
@@ -32,6 +33,14 @@ class SocketClient : public Client {
   /// or is broken.
   void receive();
   bool hasEnded() const { return m_hasEnded; }
+  /// Takes nothing more from the client. It is closed, for this reason, once its replies have left, or have
+  /// had their time as those of a client that has ended.
+  void endFor(std::string why) {
+    m_reader.drop();
+    m_hasEnded = true;
+    m_endedFor = std::move(why);
+  }
+  const std::string& endedFor() const { return m_endedFor; }  // empty: it was not endFor()
   bool isToBeClosed() const { return m_isToBeClosed; }
   bool isRead() const { return !m_isUnread; }
 
@@ -52,6 +61,7 @@ class SocketClient : public Client {
   RequestReader m_reader;
   ReplyStream m_replies;
   bool m_hasEnded = false;
+  std::string m_endedFor;
   bool m_isToBeClosed = false;  // these three by misbehave()
   bool m_isHalfClosed = false;
   bool m_isUnread = false;

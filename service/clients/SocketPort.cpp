@@ -151,10 +151,8 @@ void SocketPort::serveRequests(SocketClient& client, int64_t now) {
     if (result == RequestReader::Result::MORE_NEEDED) break;
     client.heardAt = now;
     if (result == RequestReader::Result::BAD || !decodeRequest(packet, request, problem)) {
-      m_requestBytes -= before - client.reader().memory();
-      client.flush();
-      close(client.requester().id, "bad input: " + problem, Priority::WARNING);
-      return;
+      client.endFor("bad input: " + problem);
+      break;
     }
     if (!m_handler.handle(client, std::move(request), time)) break;
     if (client.isToBeClosed()) {
@@ -203,7 +201,11 @@ bool SocketPort::settle(SocketClient& client, int64_t now) {
     m_lingering.insert(id);
   }
   if (isDone && (!client.hasOutput() || client.closeAt <= now)) {
-    close(id, client.reader().atBoundary() ? "disconnected" : "disconnected inside a request");
+    if (client.endedFor().empty()) {
+      close(id, client.reader().atBoundary() ? "disconnected" : "disconnected inside a request");
+    } else {
+      close(id, client.endedFor(), Priority::WARNING);
+    }
     return false;
   }
   const bool wantsInput = !client.hasEnded() && !hasRequests && !client.isBusy() && client.isRead();
@@ -216,7 +218,8 @@ bool SocketPort::settle(SocketClient& client, int64_t now) {
 
 void SocketPort::flush(SocketClient& client, int64_t now) {
   if (!client.flush()) {
-    close(client.requester().id, "it does not read its replies", Priority::WARNING);
+    const std::string why = client.endedFor();
+    close(client.requester().id, why.empty() ? "it does not read its replies" : why, Priority::WARNING);
     return;
   }
   settle(client, now);
