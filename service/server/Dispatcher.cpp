@@ -222,9 +222,9 @@ void Dispatcher::putBack(Record& record, int64_t now) {
   }
 }
 
-void Dispatcher::requesterGone(const Requester& requester, int64_t now) {
+void Dispatcher::requesterGone(const Requester& requester, const std::string& why, int64_t now) {
   m_boosts.end(
-      requester.id, [](const Boost&) { return true; }, requester.name + " has gone", now);
+      requester.id, [](const Boost&) { return true; }, why, now);
 }
 
 }  // namespace service

@@ -49,7 +49,7 @@ class Dispatcher {
   void putBack(Record& record, int64_t now);
 
   /// Undoes what the requester's boosts set. Its id may then be forgotten.
-  void requesterGone(const Requester& requester, int64_t now);
+  void requesterGone(const Requester& requester, const std::string& why, int64_t now);
 
   Boosts& boosts() { return m_boosts; }
   Preloads& preloads() { return m_preloads; }

@@ -23,6 +23,7 @@ namespace {
 
 // What the poller names its descriptors by; clients' ids follow.
 constexpr uint64_t kWakeId = 0, kListenerId = 1, kUdpId = 2, kPreloadsId = 3, kFirstClientId = 4;
+constexpr char kEnds[] = "the service ends";
 
 }  // namespace
 
@@ -76,9 +77,9 @@ bool Server::start(std::string& problem, shared::UniqueFd listener) {
 
 void Server::run() {
   while (!m_stopped) round(-1);
-  m_sockets.closeAll("the service ends");
+  m_sockets.closeAll(kEnds);
   m_udp.reset();
-  m_dispatcher.boosts().endAll("the service ends");
+  m_dispatcher.boosts().endAll(kEnds);
   if (m_stateFile.isWanted()) unlink(m_options.stateFile.c_str());
 }
 
@@ -219,7 +220,8 @@ void Server::gone(const Client& client) {
   const uint64_t id = client.requester().id;
   m_faultyAnswers.forget(id);
   if (!m_faults.strikes(FaultKind::KEEP_BOOSTS, id, -1, now))
-    m_dispatcher.requesterGone(client.requester(), now);
+    m_dispatcher.requesterGone(client.requester(), m_stopped ? kEnds : client.requester().name + " has gone",
+                               now);
 }
 
 bool Server::holdsBoosts(const Client& client) const {

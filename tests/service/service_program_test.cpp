@@ -81,6 +81,7 @@ TEST(ServiceProgram, HoweverItEndsItsBoostsArePutBackAtTheNextStartAtTheLatest) 
     const int status = program.end(signal);
     EXPECT_EQ(WIFSIGNALED(status), signal == SIGKILL);
     EXPECT_EQ(thread.cpus() == before, signal != SIGKILL) << signal;
+    EXPECT_EQ(program.lineWith("boost ended (the service ends)").empty(), signal == SIGKILL);
   }
   EXPECT_EQ(thread.ioPriority(), 2 << 13 | 0);
   std::ofstream(record, std::ios::app)
