@@ -223,7 +223,7 @@ std::string optionsProblem(const Options& options) {
   if (server.name.empty() && !server.udp) {
     return "nowhere to listen: give --name NAME, or --udp ADDRESS:PORT, or both";
   }
-  const std::string problem = server.name.empty() ? "" : shared::nameProblem(server.name);
+  std::string problem = server.name.empty() ? "" : shared::nameProblem(server.name);
   if (!problem.empty()) return problem;
   if (server.udp && !server.access.isOpen()) {
     return "--allow-uid and --allow-gid do not go with --udp: there nobody can be told from anybody else";

@@ -218,7 +218,7 @@ bool SocketPort::settle(SocketClient& client, int64_t now) {
 
 void SocketPort::flush(SocketClient& client, int64_t now) {
   if (!client.flush()) {
-    const std::string why = client.endedFor();
+    const std::string& why = client.endedFor();
     close(client.requester().id, why.empty() ? "it does not read its replies" : why, Priority::WARNING);
     return;
   }
