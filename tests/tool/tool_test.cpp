@@ -194,7 +194,7 @@ TEST_F(ToolAndService, MakesLinesOfInputRequestsOfOneConnection) {
   EXPECT_THAT(run.output,
               AllOf(HasSubstr("line 4: there is no subcommand"), HasSubstr("reply 1010 status 0")));
   EXPECT_EQ(m_running.linesWith("uiName=\"a b\"").size(), 1u);
-  EXPECT_EQ(m_running.linesWith("tid=5").size(), 1u);
+  EXPECT_EQ(m_running.linesWith("tid=5 ").size(), 1u);
   EXPECT_EQ(m_running.linesWith("connected pid").size(), 1u);
 }
 
