@@ -241,7 +241,8 @@ TEST(ServiceServer, OnlyWhoIsAllowedIsLetIn) {
   std::vector<gid_t> before(64);
   before.resize(std::max(getgroups(64, before.data()), 0));
   const gid_t group = getgid() + 1;
-  const bool joined = setgroups(1, &group) == 0;  // root can
+  // Root can; the emulator does not tell the groups of the other end.
+  const bool joined = getenv("TARN_EMULATED") == nullptr && setgroups(1, &group) == 0;
   const struct {
     service::Access access;
     bool letIn;
