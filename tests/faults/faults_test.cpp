@@ -72,15 +72,19 @@ auto inside(Call call) {
 bool localLife() {
   Service service;
   Owner owner;
-  auto engine = std::make_shared<LocalsocketClient>(service.name(), "here", &owner);
-  const std::weak_ptr<LocalsocketClient> watch = engine;
+  std::atomic<bool> ended{false};
+  std::shared_ptr<LocalsocketClient> engine(new LocalsocketClient(service.name(), "here", &owner),
+                                            [&](const LocalsocketClient* last) {
+                                              delete last;
+                                              ended = true;
+                                            });
   const auto request = [&] { return inside([&] { return engine->sendReq(1003, nullptr, 0, 1, 1) > 0; }); };
   bool good = inside([&] { return LocalsocketClient::start(engine) == 0; });
   good = good && request() && unlessLost([&] { return owner.m_got == 2; });
   good = good && request() && unlessLost([&] { return owner.m_got == 4; });
   engine->uninit();
   engine.reset();
-  EXPECT_TRUE(eventually([&] { return watch.expired(); })) << "the engine's thread ends";
+  EXPECT_TRUE(eventually([&] { return ended.load(); })) << "the engine's thread ends";
   return good;
 }
 
